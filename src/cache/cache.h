@@ -1,0 +1,110 @@
+// Block caches: set-up, lookup and replacement, reading ahead, writing out, invalidation, byte runs.
+// May call io/ and buffer/; knows the file only as file_state. Takes no locks: the record operations do.
+//
+// Three caches serve a file. Data holds record bytes in aligned blocks and writes only the byte ranges that were
+// changed; Index (one context per key) and Meta hold index blocks of 32768 bytes, one buffer per exact block start,
+// and write whole blocks. A byte of the file belongs to one cache at a time; cache_copy_block moves a block.
+#ifndef VFS_CACHE_CACHE_H
+#define VFS_CACHE_CACHE_H
+
+#include "buffer/buffer.h"
+
+// Prepares an empty cache record of a handle: kind, owner, descriptors (0: not used), nothing allocated.
+void cache_reset(vfs_cache *cache, file_state *file, uint8_t bufftype);
+
+// Sets the cache up from its fields (block_size, block_mask, min, max, readahead, ...): decides hashing by its own
+// `max` and the settings, allocates the first buffers, pre-reads. -1 when no buffer at all could be allocated.
+[[nodiscard]] int cache_init(vfs_cache *cache);
+
+// Writes what is dirty, drops everything, frees the buffers, adds times and byte counts to the handle's totals.
+// A write that fails is tried once more and then dropped; errors go to first_error and the handle's stored error.
+// -1 when the handle holds a stored error.
+int cache_close(vfs_cache *cache);
+
+// ---- One block. `position` is any byte of it. A pointer into the block is good until the next call on the same
+// ---- cache, unless the buffer is pinned.
+
+// The block of the position, read and waited for; null with errno. A block at or beyond the end of data comes
+// with `bytes` 0 and its area cleared.
+[[nodiscard]] vfs_buffer *cache_fetch_slow(vfs_cache *cache, uint64_t position);
+[[nodiscard]] inline vfs_buffer *cache_fetch_at(vfs_cache *cache, uint64_t position)
+{
+    vfs_buffer *curr = cache->curr;
+    if (curr != nullptr && holds(curr, position) && curr->done != 0) {
+        curr->state &= static_cast<uint8_t>(~buffer_new);
+        return curr;
+    }
+    return cache_fetch_slow(cache, position);
+}
+
+// The block of the position, dirty and `wcurr`; null with errno. A block that begins at or beyond the end of file
+// (and the cache's filesize) is made anew, zero-filled, without reading. Marks the handle modified. In Index and
+// Meta the whole block counts as changed; in Data nothing does until cache_write_bytes marks its range.
+// Never called on a read-only handle.
+[[nodiscard]] vfs_buffer *cache_update_slow(vfs_cache *cache, uint64_t position);
+[[nodiscard]] inline vfs_buffer *cache_update_at(vfs_cache *cache, uint64_t position)
+{
+    vfs_buffer *wcurr = cache->wcurr;
+    if (wcurr != nullptr && holds(wcurr, position) && is_dirty(wcurr) && wcurr->done != 0) return cache->curr = wcurr;
+    return cache_update_slow(cache, position);
+}
+
+// 1 with the buffer in last_found, 0 (ENOENT) when the block is not cached.
+int cache_lookup(vfs_cache *cache, uint64_t position);
+
+// Moves the block at `offset` from one cache to another (fetches it into `to` when `from` does not hold it), with
+// its changed range; it is then `to->curr`. Both caches have the same block size. null with errno.
+[[nodiscard]] vfs_buffer *cache_copy_block(vfs_cache *to, vfs_cache *from, uint64_t offset);
+
+// Releases the cached block of the position, if any, without writing it.
+void cache_drop_block(vfs_cache *cache, uint64_t position);
+
+// Starts reading the block if it is not cached; never evicts `curr`. A failure is dropped: the fetch reports it.
+void cache_prefetch(vfs_cache *cache, uint64_t position);
+
+// ---- The same on requests: the three entries that hosts reach, and the reads of the record operations ----
+
+[[nodiscard]] int cache_fetch(vfs_cache *cache, vfs_request *request);       // sets the at-end bit when empty
+[[nodiscard]] int cache_fetch_ahead(vfs_cache *cache, vfs_request *request); // and reads ahead by request->mode
+[[nodiscard]] int cache_get_for_write(vfs_cache *cache, vfs_request *request);
+[[nodiscard]] int cache_write_block(vfs_cache *cache, vfs_request *request);
+[[nodiscard]] int cache_write_behind_block(vfs_cache *cache, vfs_request *request);
+
+// ---- Byte runs in the Data cache: request->record_offset is the position, request->segments the pieces ----
+
+// Bytes copied, or -1. The handle's end of file bounds the copy: what lies at or beyond it is end of data (0x40 set
+// when nothing was copied). Bytes below it that the file does not have are ENOEXEC. Reads ahead as request->mode
+// says when the copy crosses into another block. The request's position is left as it was.
+[[nodiscard]] int64_t cache_read_bytes(vfs_cache *data, vfs_request *request);
+
+// Bytes copied, or -1. Obtains each block for update itself (at the position when `curr` is not there yet), marks
+// exactly the bytes written as changed, raises `bytes`, `valid_end` and the cache's filesize.
+[[nodiscard]] int64_t cache_write_bytes(vfs_cache *data, vfs_request *request);
+
+// ---- Ranges, inclusive at both ends; 0 to none is the whole file ----
+
+int cache_write_dirty(vfs_cache *cache, uint64_t from, uint64_t to);  // writes started, or -1
+int cache_wait_writes(vfs_cache *cache, uint64_t from, uint64_t to);  // writes waited for, or -1
+// Writes and waits, without a sync: what other handles and processes can then see.
+[[nodiscard]] int cache_write_out(vfs_cache *cache, uint64_t from, uint64_t to);
+// Makes what was written durable (fdatasync or msync); nothing for read-only handles. -1 with errno, not stored.
+[[nodiscard]] int cache_sync(vfs_cache *cache);
+[[nodiscard]] int cache_flush(vfs_cache *cache, uint64_t from, uint64_t to); // write out, then sync
+int cache_invalidate(vfs_cache *cache, uint64_t from, uint64_t to);   // writes dirty ones, drops all: released, or -1
+// Drops every block, dirty ones without writing them (the change is abandoned, or another process made it stale).
+void cache_discard(vfs_cache *cache);
+int cache_cancel_reads(vfs_cache *cache, uint64_t from, uint64_t to);
+
+// ---- The header buffer of the Meta cache ----
+
+// Gives the Meta cache a header buffer of `bytes` bytes at offset 0 (hdrb), zeroed, outside lists, hash and count.
+// It takes part in the dirty queue: write-outs of the Meta cache write it whole. -1 with ENOMEM.
+[[nodiscard]] int cache_header_create(vfs_cache *meta, uint64_t bytes);
+// Reads it in place from the file with one pread; -1 with errno. The buffer must not be dirty.
+[[nodiscard]] int cache_header_refresh(vfs_cache *meta);
+void cache_header_free(vfs_cache *meta);
+
+// ---- For tests and debug builds: asserts the numbered invariants of lists, queues, hash and counts ----
+void cache_check(const vfs_cache *cache);
+
+#endif
