@@ -105,6 +105,7 @@ struct vfs_buffer {
     uint32_t opcode;     // transfer_...
     uint8_t state, rstate, flags2, iostate;
     uint32_t idled;      // 1 while on the idle list
+    bool checked;        // the store verified the block since it was read; cleared by reset and by every read
     vfs_cache *cache;    // owner
     file_state *file;
     uint64_t mask;
