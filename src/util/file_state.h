@@ -6,6 +6,7 @@
 #include "util/settings.h"
 #include "vfs.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <fcntl.h>
 #include <pthread.h>
