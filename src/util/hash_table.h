@@ -66,7 +66,6 @@ enum : uint32_t { // HashTable::flags
     HashTable_Inconsistent = 2, // the statistics were found wrong
     HashTable_Resizing = 4,     // also suppresses further growth
     HashTable_MruOrder = 8,
-    HashTable_Inline64 = 16, // built-in 64-bit hash: lookups of 8-byte keys need no calls
 };
 
 struct HashTable {
@@ -92,7 +91,10 @@ struct HashTable {
 inline constexpr uint64_t HashTable_KeyOnly = ~uint64_t{0}; // as value_size: only the key is copied
 
 // The position that stands for the table's own scratch position.
-inline HashTable_Pos *HashTable_Scratch() { return reinterpret_cast<HashTable_Pos *>(~uintptr_t{0}); }
+inline HashTable_Pos *HashTable_Scratch()
+{
+    return reinterpret_cast<HashTable_Pos *>(~uintptr_t{0});
+}
 
 // Null when an allocation fails.
 [[nodiscard]] HashTable *HashTable_Create(const HashTable_Params *params);
