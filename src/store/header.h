@@ -9,22 +9,53 @@
 [[nodiscard]] int header_create(vfs_file *file); // a header and one empty tree per key, written to the file
 [[nodiscard]] int header_read(vfs_file *file);
 [[nodiscard]] int header_sync(vfs_file *file);   // the handle's counters into the image (and debug statistics)
+void header_load(vfs_file *file);                // the handle's counters and geometry from the image
+
+// Checks of what the header image claims, against a file of `size` bytes; EINVAL. The first looks at the fixed
+// part alone (tag, marks, sizes), the second at the key table, with file->keys known.
+[[nodiscard]] int header_check_fixed(std::span<const std::byte> image, uint64_t size);
+[[nodiscard]] int header_check_keys(const vfs_file *file);
+// A key description of `bytes` bytes: entries and part lists inside, lengths consistent. EINVAL.
+[[nodiscard]] int key_description_check(const vfs_key_desc *keys, uint64_t bytes);
+// Takes the file's stored description, or compares the host's with it. EINVAL when they differ.
+[[nodiscard]] int key_description_settle(vfs_file *file);
 
 // Bytes of metadata region and key areas that a description needs: 0, or -1 with EFBIG and the message.
 [[nodiscard]] int header_fits(const vfs_file *file);
 
-// The bracket around every record operation. Outside lock modes 4 and 5 it costs a test. `change`: the operation may
-// write. Acquire: lock, refresh the header, drop what another process made stale. Release: publish, unlock.
-[[nodiscard]] int metadata_acquire(vfs_file *file, vfs_request *request, bool change);
-[[nodiscard]] int metadata_release(vfs_file *file, vfs_request *request);
+// The bracket around every record operation: needed in lock modes 4 and 5, and in lock mode 3 while the File lock is
+// given away. `change`: the operation may write. Acquire: lock, refresh the header, drop what another handle made
+// stale. Release: write out what changed, unlock; it is called only after a successful acquire and always unlocks.
+inline bool metadata_bracket(const vfs_file *file)
+{
+    return is_shared(file) ||
+           (file->lock_defaults.lock_mode == VFS_LOCK_FILE && file->file_lock_state == file_lock_none);
+}
+[[nodiscard]] int metadata_acquire(vfs_file *file, bool change);
+[[nodiscard]] int metadata_release(vfs_file *file);
+// Reads the header again and drops from the caches what its counters say is stale.
+[[nodiscard]] int metadata_refresh(vfs_file *file);
+// Writes everything that is dirty into the file, the header last; no sync.
+[[nodiscard]] int changes_write_out(vfs_file *file);
 
-// Before the first change of an operation: marks the session in the file's state and boot words when that is due.
+// ---- The session's mark in the file (state word and boot word) ----
+
+// Is the file as some session left it without closing? 0 clean; -1 with ENOEXEC after the line that says so.
+[[nodiscard]] int session_check(vfs_file *file);
+// Before the first change of an operation: marks the session in the file when that is due.
 [[nodiscard]] int change_begin_slow(vfs_file *file);
 [[nodiscard]] inline int change_begin(vfs_file *file)
 {
     if (file->session_marked) [[likely]] return 0;
     return change_begin_slow(file);
 }
+// Everything changed so far into the file and onto the disk; the state word is cleared.
+[[nodiscard]] int session_flush(vfs_file *file);
+// Everything changed so far into the file without a sync, the file cut to its end, the state word cleared: what has
+// to be true before the File lock is given away.
+[[nodiscard]] int session_publish(vfs_file *file);
+// The end of a handle that changed the file: counters and blocks out, file cut to its end, synced, words cleared.
+[[nodiscard]] int session_close(vfs_file *file);
 
 // A new index block, framed (type 2, own address, zero head), dirty and current in `target`; its address. -1 with errno.
 [[nodiscard]] int index_block_alloc(vfs_file *file, vfs_cache *target, uint64_t *address);

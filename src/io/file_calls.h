@@ -1,0 +1,18 @@
+// System calls on the descriptor of an open file outside block transfers: header words, size, durability.
+// Each system call of its kind is made here and nowhere else. Retries as errors.h says.
+#ifndef VFS_IO_FILE_CALLS_H
+#define VFS_IO_FILE_CALLS_H
+
+#include "util/file_state.h"
+
+// Reads up to `bytes` bytes at `offset` until full or end of file: the count, or -1.
+[[nodiscard]] int64_t file_read_at(file_state *file, void *to, uint64_t bytes, uint64_t offset);
+// Writes all of it: 0 or -1 (a write of nothing is EIO).
+[[nodiscard]] int file_write_at(file_state *file, const void *from, uint64_t bytes, uint64_t offset);
+// Size of the file now; -1 with errno.
+[[nodiscard]] int64_t file_size_now(const file_state *file);
+[[nodiscard]] int file_truncate(file_state *file, uint64_t size);
+// fdatasync, and msync of the mapping. A file system that has no sync (EINVAL, ENOSYS, ENOTSUP, EROFS) is no error.
+[[nodiscard]] int file_sync(file_state *file);
+
+#endif
