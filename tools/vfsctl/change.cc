@@ -1,0 +1,125 @@
+// vfsctl put and delete: one record each.
+#include <cstdio>
+#include <memory>
+#include <optional>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+
+#include "commands.h"
+#include "csv.h"
+#include "driver.h"
+#include "errors.h"
+#include "keys.h"
+#include "layout.h"
+
+namespace {
+
+struct change_options {
+    std::string file;
+    std::string text; // put: the record; delete: the key value
+    std::string layout_text;
+    std::string by = "0";
+    bool only_add = false;
+    bool only_replace = false;
+    bool hex = false;
+};
+
+std::string record_of_csv(const change_options &options)
+{
+    const layout columns = parse_settled_layout(options.layout_text);
+    csv_row row;
+    csv_reader{options.text}.next(row);
+    if (row.fields.size() != columns.columns.size())
+        throw tool_error(
+            fmt::format("the record has {} fields, the layout {}", row.fields.size(), columns.columns.size()));
+    std::string reason;
+    const auto record = record_of_fields(columns, {row.fields.begin(), row.fields.end()}, &reason);
+    if (!record) throw tool_error("the record does not fit the layout: " + reason);
+    return *record;
+}
+
+std::string record_of(const change_options &options, const vfs_open_block &block)
+{
+    std::string record = !options.layout_text.empty() ? record_of_csv(options)
+                         : options.hex                ? bytes_of_hex(options.text)
+                                                      : options.text;
+    const auto least = static_cast<size_t>(block.record_format == VFS_FORMAT_FIXED ? block.max_record_length
+                                                                                   : block.min_record_length);
+    if (record.size() < least) record.resize(least, ' ');
+    return record;
+}
+
+int put(const change_options &options)
+{
+    record_file file{{.path = options.file, .flags = O_RDWR}};
+    const vfs_open_block block = file.info();
+    const std::string record = record_of(options, block);
+    const chosen_key primary = choose_key("0", block.keys, nullptr);
+
+    const char *done = "replaced";
+    outcome result = outcome::not_found;
+    if (!options.only_add) {
+        if (primary.spec.duplicates)
+            throw tool_error(options.file +
+                             ": its primary key allows duplicates and names no single record; use --add");
+        result = file.rewrite(record, key_value(primary.spec, record));
+    }
+    if (result == outcome::not_found && !options.only_replace) {
+        result = file.write(record);
+        done = "added";
+    }
+    const int error = file.last_error();
+    const std::string text = file.error_text(error);
+    file.close();
+    if (result == outcome::refused) throw tool_error(failure_message(options.file, "refused", error, text));
+    if (result == outcome::not_found) {
+        fmt::print(stderr, "vfsctl: {}: no record with this primary key\n", options.file);
+        return exit_nothing_found;
+    }
+    fmt::print("{}: {}\n", options.file, done);
+    return exit_good;
+}
+
+int remove_record(const change_options &options)
+{
+    record_file file{{.path = options.file, .flags = O_RDWR}};
+    const chosen_key key = choose_key(options.by, file.info().keys, nullptr);
+    if (key.spec.duplicates)
+        throw tool_error(fmt::format("{}: key {} allows duplicates and names no single record; delete by another key",
+                                     options.file, key.number));
+    const std::string value = options.hex ? bytes_of_hex(options.text) : padded_key(options.text, key.spec.length());
+    const outcome result = file.remove(value, key.number);
+    file.close();
+    if (result == outcome::not_found) {
+        fmt::print(stderr, "vfsctl: {}: no record with the key '{}'\n", options.file, options.text);
+        return exit_nothing_found;
+    }
+    fmt::print("{}: deleted\n", options.file);
+    return exit_good;
+}
+
+} // namespace
+
+command_body declare_put(CLI::App &command)
+{
+    auto options = std::make_shared<change_options>();
+    command.add_option("file", options->file, "The file")->required();
+    command.add_option("record", options->text, "The record; a short one is padded with blanks to the shortest length")
+        ->required();
+    command.add_option("--layout", options->layout_text, "The record is a CSV row with these columns");
+    command.add_flag("--hex", options->hex, "The record is given in hexadecimal")->excludes("--layout");
+    auto *add = command.add_flag("--add", options->only_add, "Only add; an existing record is an error");
+    command.add_flag("--replace", options->only_replace, "Only replace; a missing record is an error")->excludes(add);
+    return [options] { return put(*options); };
+}
+
+command_body declare_delete(CLI::App &command)
+{
+    auto options = std::make_shared<change_options>();
+    command.add_option("file", options->file, "The file")->required();
+    command.add_option("key", options->text, "The whole key value; a shorter one is padded with blanks")->required();
+    command.add_option("--by", options->by, "Number of the key, 0 is the primary one");
+    command.add_flag("--hex", options->hex, "The key value is given in hexadecimal");
+    return [options] { return remove_record(*options); };
+}

@@ -1,0 +1,34 @@
+// Comma-separated values (RFC 4180): fields, quotes, quoted newlines. Knows text only.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct csv_row {
+    size_t line = 0; // on which the row begins, from 1
+    std::vector<std::string> fields;
+};
+
+// Reads rows from a text that outlives the reader. A byte-order mark in front, CRLF line ends and a missing newline at
+// the end are fine; lines without any character are skipped. A broken quote cannot be skipped safely (every later row
+// could be read wrongly), so it throws tool_error with the line.
+class csv_reader {
+public:
+    explicit csv_reader(std::string_view text);
+    bool next(csv_row &row); // false at the end
+
+private:
+    std::string quoted_field();
+    std::string plain_field();
+    bool at_line_end() const;
+    void skip_line_end();
+
+    std::string_view text_;
+    size_t at_ = 0;
+    size_t line_ = 1;
+};
+
+// The row as text, quoted where it has to be, without a line end.
+std::string csv_text(const std::vector<std::string> &fields);

@@ -1,0 +1,27 @@
+// What goes wrong in the tool, as exceptions: the message names the file, what happened and what to do.
+// May call nothing of the driver; must not know how a command was given.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+// Exit statuses of the tool.
+enum exit_status {
+    exit_good = 0,
+    exit_nothing_found = 1, // a key or range that names no record
+    exit_failed = 2,        // the command could not be done
+    exit_refused_rows = 3,  // done, but some rows of the input were refused and reported
+    exit_interrupted = 130, // stopped by the user; the file was closed in order
+};
+
+// The command cannot be carried out as given, or the world does not allow it.
+class tool_error : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// What an operator can do about an error number of the driver; empty when there is nothing to add.
+std::string hint_for(int error);
+
+// "FILE: what: text of the driver\n  hint" as one message.
+std::string failure_message(const std::string &path, const std::string &what, int error, const std::string &text);

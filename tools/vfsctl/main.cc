@@ -1,0 +1,70 @@
+// vfsctl: makes, fills, searches and changes indexed files through the driver, as any other host would.
+#include <cstdio>
+#include <exception>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "commands.h"
+#include "errors.h"
+
+namespace {
+
+struct command {
+    const char *name;
+    const char *summary;
+    command_body (*declare)(CLI::App &);
+};
+
+constexpr command commands[] = {
+    {"create", "Make an empty indexed file", declare_create},
+    {"load", "Add records from CSV, lines or fixed-length bytes; makes the file when keys are given", declare_load},
+    {"get", "Show the records with a key value", declare_get},
+    {"scan", "Show or count records in key order", declare_scan},
+    {"put", "Add a record, or replace the one with its primary key", declare_put},
+    {"delete", "Remove the record with a key value", declare_delete},
+    {"info", "Show what a file is: keys, records, lengths", declare_info},
+};
+
+constexpr const char *footer = R"(
+Keys: offset:length, parts joined by '+', ',dup' when several records may share a value; the first is the primary key:
+  --key 0:12 --key 12:30,dup --key 60:4+70:2,dup
+Layouts (CSV): --layout "code:9,name:auto,address:*"; with a layout a key may also name a column: --key code
+Exit status: 0 done, 1 nothing found, 2 failed, 3 done but rows were refused, 130 interrupted.
+The settings of the driver (VFS_LOCK, VFS_CACHE_SIZE, ...) hold here too: docs/operations.md lists them.)";
+
+int run(int argc, char **argv)
+{
+    CLI::App app{"Works with the indexed files of the driver libvfs_psx_64r.so.", "vfsctl"};
+    app.footer(footer);
+    app.require_subcommand(1);
+    std::vector<std::pair<CLI::App *, command_body>> bodies;
+    for (const command &row : commands) {
+        CLI::App *sub = app.add_subcommand(row.name, row.summary);
+        bodies.emplace_back(sub, row.declare(*sub));
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? exit_good : exit_failed;
+    }
+    for (const auto &[sub, body] : bodies)
+        if (sub->parsed()) return body();
+    return exit_failed;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        const int status = run(argc, argv);
+        if (std::fflush(stdout) != 0) throw tool_error("standard output cannot be written");
+        return status;
+    } catch (const std::exception &error) {
+        std::fflush(stdout);
+        fmt::print(stderr, "vfsctl: {}\n", error.what());
+        return exit_failed;
+    }
+}

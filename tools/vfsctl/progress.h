@@ -1,0 +1,34 @@
+// A progress bar on standard error when that is a terminal, nothing otherwise; and the wish of the user to stop.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+class progress {
+public:
+    progress(std::string label, uint64_t total); // total 0: unknown, only the count is shown
+    ~progress();                                 // clears the line
+    progress(const progress &) = delete;
+    progress &operator=(const progress &) = delete;
+
+    void step()
+    {
+        if (++done_ >= next_look_) draw();
+    }
+
+private:
+    void draw();
+
+    std::string label_;
+    uint64_t total_;
+    uint64_t done_ = 0;
+    uint64_t next_look_; // the clock is not asked at every step
+    bool terminal_;
+    std::chrono::steady_clock::time_point last_draw_;
+};
+
+// From the first call on, the first SIGINT or SIGTERM only asks long work to stop, so that files are closed in order;
+// a second one ends the program.
+void watch_for_interruption();
+bool interrupted();
