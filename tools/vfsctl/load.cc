@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include "commands.h"
+#include "csv.h"
 #include "driver.h"
 #include "errors.h"
 #include "input.h"
@@ -109,6 +110,12 @@ std::string reason_for(const record_file &file)
     }
 }
 
+// The record as it came; for CSV without the columns that the layout leaves out.
+std::string text_of(const input_set &input, const input_record &record)
+{
+    return input.columns ? csv_text(fields_of_record(*input.columns, record.bytes)) : record.bytes;
+}
+
 // Writes all records; those that the driver refuses go to input.refused. Returns the number stored.
 uint64_t write_records(record_file &file, input_set &input)
 {
@@ -120,7 +127,7 @@ uint64_t write_records(record_file &file, input_set &input)
             if (file.write(record.bytes) == outcome::done)
                 ++stored;
             else
-                input.refused.push_back({record.source, record.line, reason_for(file), record.bytes});
+                input.refused.push_back({record.source, record.line, reason_for(file), text_of(input, record)});
             bar.step();
         }
     } catch (const tool_error &error) {
