@@ -1,0 +1,318 @@
+// Steps and searches at the level of records. See movement.h.
+#include "store/movement.h"
+
+#include "util/errors.h"
+
+namespace {
+
+bool is_record(const vfs_file *file, uint8_t type)
+{
+    return type == item_live || type == (file->trees() ? item_relocated : item_moved);
+}
+
+int nothing_found(vfs_request *request)
+{
+    request->flags |= VFS_FLAG_AT_END;
+    errno = ESPIPE;
+    return 0;
+}
+
+void begin(vfs_request *request)
+{
+    request->flags = static_cast<uint8_t>(request->flags & ~VFS_FLAG_AT_END);
+    request->record_state = state_unread;
+}
+
+// An index entry leads to a live record, always: anything else is a damaged file.
+int record_of_entry(vfs_file *file, vfs_request *request)
+{
+    const uint64_t rrn = request->rrn;
+    if (record_head(file, request) == -1) return -1;
+    if (!is_record(file, request->record_state)) return damaged();
+    if (!file->indexed() && request->rrn != rrn) return damaged();
+    return 0;
+}
+
+// ---- Flat files ----
+
+int flat_forward_from(vfs_file *file, vfs_request *request, uint64_t offset)
+{
+    for (uint64_t stored = 0;; offset += stored) {
+        if (offset >= file->end_of_file) return nothing_found(request);
+        slot_head head;
+        if (slot_head_read(file, offset, &head) == -1) return -1;
+        stored = head.stored_length;
+        if (!is_record(file, head.type)) continue;
+        request->record_offset = offset;
+        return record_head(file, request);
+    }
+}
+
+// The slot that ends at `end`: its offset and head.
+int slot_before(vfs_file *file, uint64_t end, uint64_t *offset, slot_head *head)
+{
+    uint64_t stored = file->maximum_slot;
+    if (!file->fixed_length() && data_get(file, end - trailer_bytes, &stored, sizeof stored) == -1) return -1;
+    if (stored % 8 != 0 || stored < slot_overhead || stored > end - file->data_start) return damaged();
+    *offset = end - stored;
+    if (slot_head_read(file, *offset, head) == -1) return -1;
+    return head->stored_length == stored ? 0 : damaged();
+}
+
+int flat_backward_from(vfs_file *file, vfs_request *request, uint64_t end)
+{
+    while (end > file->data_start) {
+        slot_head head;
+        if (slot_before(file, end, &end, &head) == -1) return -1;
+        if (!is_record(file, head.type)) continue;
+        request->record_offset = end;
+        return record_head(file, request);
+    }
+    return nothing_found(request);
+}
+
+// ---- Checkpoints: where every `stride`-th record number lies. A hint: checked against the slot's own number. ----
+
+struct checkpoint_table {
+    static constexpr uint64_t capacity = 1024;
+    uint64_t stride;
+    uint64_t offsets[capacity]; // of rrn i * stride; 0 unknown
+};
+
+checkpoint_table *checkpoints(const vfs_file *file)
+{
+    return reinterpret_cast<checkpoint_table *>(file->checkpoints);
+}
+
+// A slot at or before the one of `rrn`, as near as is known.
+uint64_t walk_start(vfs_file *file, uint64_t rrn)
+{
+    uint64_t best = file->data_start;
+    const checkpoint_table *table = checkpoints(file);
+    if (table == nullptr) return best;
+    uint64_t i = rrn / table->stride;
+    if (i >= table->capacity) i = table->capacity - 1;
+    for (uint64_t tries = 0; tries < 64; ++tries, --i) {
+        const uint64_t at = table->offsets[i];
+        slot_head head;
+        if (at > file->data_start && at < file->end_of_file && slot_head_read(file, at, &head) == 0 &&
+            head.type != item_relocated && head.rrn == i * table->stride)
+            return at;
+        if (i == 0) break;
+    }
+    return best;
+}
+
+// The slot of exactly `rrn` in a file of variable slots: 1 found, 0 there is none, -1.
+int rrn_walk(vfs_file *file, uint64_t rrn, uint64_t *offset, slot_head *head)
+{
+    uint64_t at = walk_start(file, rrn);
+    while (at < file->end_of_file) {
+        if (slot_head_read(file, at, head) == -1) return -1;
+        if (head->type != item_relocated) {
+            checkpoint_add(file, head->rrn, at);
+            if (head->rrn > rrn) return 0;
+            if (head->rrn == rrn) {
+                *offset = at;
+                return 1;
+            }
+        }
+        at += head->stored_length;
+    }
+    return 0;
+}
+
+// The slot of exactly `rrn`, live or not: 1 found, 0 there is none, -1.
+int flat_slot_of(vfs_file *file, uint64_t rrn, uint64_t *offset, slot_head *head)
+{
+    if (file->highest_rrn == none || rrn > file->highest_rrn) return 0;
+    // The record after the one last handled: no search.
+    if (file->last.record_offset != none && file->last.rrn != none && rrn == file->last.rrn + 1 &&
+        file->last.stored_length != 0) {
+        const uint64_t next = file->last.record_offset + file->last.stored_length;
+        if (next < file->end_of_file && slot_head_read(file, next, head) == 0 && head->rrn == rrn &&
+            head->type != item_relocated) {
+            *offset = next;
+            return 1;
+        }
+    }
+    if (!file->fixed_length()) return rrn_walk(file, rrn, offset, head);
+    if (rrn > (file->end_of_file - file->data_start) / file->maximum_slot) return 0;
+    *offset = file->data_start + rrn * file->maximum_slot;
+    if (*offset >= file->end_of_file) return 0;
+    if (slot_head_read(file, *offset, head) == -1) return -1;
+    return head->rrn == rrn && head->stored_length == file->maximum_slot ? 1 : damaged();
+}
+
+int flat_locate_rrn(vfs_file *file, vfs_request *request)
+{
+    uint64_t rrn = request->rrn;
+    const bool forward = request->relation >= VFS_GREATER_EQUAL, exact = request->relation == VFS_EQUAL;
+    if (request->relation > VFS_GREATER) return nothing_found(request);
+    if (request->relation == VFS_LESS && rrn-- == 0) return nothing_found(request);
+    if (request->relation == VFS_GREATER && rrn++ == none) return nothing_found(request);
+    if (file->highest_rrn == none) return nothing_found(request);
+    if (rrn > file->highest_rrn) {
+        if (exact || forward) return nothing_found(request);
+        rrn = file->highest_rrn;
+    }
+    uint64_t offset;
+    slot_head head;
+    const int found = flat_slot_of(file, rrn, &offset, &head);
+    if (found == -1) return -1;
+    if (found == 0) return nothing_found(request);
+    if (is_record(file, head.type)) {
+        request->record_offset = offset;
+        return record_head(file, request);
+    }
+    if (exact) {
+        request->record_offset = offset;
+        if (record_head(file, request) == -1) return -1;
+        return nothing_found(request);
+    }
+    return forward ? flat_forward_from(file, request, offset + head.stored_length)
+                   : flat_backward_from(file, request, offset);
+}
+
+int flat_locate(vfs_file *file, vfs_request *request)
+{
+    switch (request->mode) {
+    case VFS_POS_FIRST:
+    case VFS_POS_BEFORE_FIRST: return flat_forward_from(file, request, file->data_start);
+    case VFS_POS_LAST:
+    case VFS_POS_AFTER_LAST: return flat_backward_from(file, request, file->end_of_file);
+    case VFS_POS_RRN: return flat_locate_rrn(file, request);
+    default: return fail(EINVAL);
+    }
+}
+
+// ---- Trees ----
+
+int tree_locate(vfs_file *file, vfs_request *request, int (*by_key)(vfs_file *, vfs_request *), uint8_t key_mode)
+{
+    if (tree_select(file, request->key_number) == -1) return -1;
+    int found;
+    switch (request->mode) {
+    case VFS_POS_FIRST:
+    case VFS_POS_BEFORE_FIRST: found = tree_first(file, request); break;
+    case VFS_POS_LAST:
+    case VFS_POS_AFTER_LAST: found = tree_last(file, request); break;
+    default:
+        if (request->mode != key_mode) return fail(EINVAL);
+        found = by_key(file, request);
+    }
+    if (found == 1 || (found == -1 && errno == ESPIPE)) return nothing_found(request);
+    if (found == -1) return -1;
+    return record_of_entry(file, request);
+}
+
+int tree_step(vfs_file *file, vfs_request *request, int (*step)(vfs_file *, vfs_request *), position_side far_end)
+{
+    file_position &position = file->position;
+    if (tree_select(file, position.key_number) == -1) return -1;
+    request->key_number = position.key_number;
+    // Beyond the end in this direction: records that were appended there since appear.
+    const bool beyond = position.side == far_end;
+    if (beyond && position.record_offset == none) return nothing_found(request);
+    if (beyond) position.side = position_side::entry;
+    const int found = step(file, request);
+    if (beyond) position.side = far_end;
+    if (found == 1) return nothing_found(request);
+    if (found == -1) return -1;
+    return record_of_entry(file, request);
+}
+
+} // namespace
+
+int record_step_forward(vfs_file *file, vfs_request *request)
+{
+    begin(request);
+    if (file->trees()) return tree_step(file, request, tree_read_next, position_side::after_last);
+    request->flags |= VFS_FLAG_CURRENT;
+    const file_position &position = file->position;
+    const uint64_t from = position.side == position_side::before_first
+                              ? file->data_start
+                              : position.record_offset + position.stored_length;
+    request->flags |= VFS_FLAG_SEQUENTIAL;
+    return flat_forward_from(file, request, from);
+}
+
+int record_step_backward(vfs_file *file, vfs_request *request)
+{
+    begin(request);
+    if (file->trees()) return tree_step(file, request, tree_read_prev, position_side::before_first);
+    const file_position &position = file->position;
+    switch (position.side) {
+    case position_side::before_first: return nothing_found(request);
+    case position_side::after_last: return flat_backward_from(file, request, file->end_of_file);
+    default: return flat_backward_from(file, request, position.record_offset);
+    }
+}
+
+int record_locate_rrn(vfs_file *file, vfs_request *request)
+{
+    begin(request);
+    if (!file->trees()) return flat_locate(file, request);
+    if (file->indexed()) return fail(EINVAL);
+    request->key_number = 0;
+    return tree_locate(file, request, rrn_locate, VFS_POS_RRN);
+}
+
+int record_locate_key(vfs_file *file, vfs_request *request)
+{
+    begin(request);
+    return tree_locate(file, request, key_locate, VFS_POS_KEY);
+}
+
+void position_save(vfs_file *file, const vfs_request *request)
+{
+    file_position &position = file->position;
+    position.side = position_side::entry;
+    position.key_number = request->key_number;
+    position.node = request->node;
+    position.item = request->item;
+    position.stamp = request->stamp;
+    position.record_offset = request->record_offset;
+    position.stored_length = request->stored_length;
+    position.rrn = request->rrn;
+    if (file->indexed() && position.key != request->key)
+        std::memcpy(position.key, request->key,
+                    round_up(static_cast<uint64_t>(key_description(file, request->key_number)->length), 8));
+}
+
+void position_at_end(vfs_file *file, position_side side)
+{
+    file_position &position = file->position;
+    position.side = side;
+    if (file->trees()) return; // the identity stays: what is appended behind it can still be found
+    position.record_offset = side == position_side::after_last ? file->end_of_file : file->data_start;
+    position.stored_length = 0;
+}
+
+int highest_rrn_before(vfs_file *file, uint64_t end, uint64_t *rrn)
+{
+    *rrn = none;
+    while (end > file->data_start) {
+        slot_head head;
+        if (slot_before(file, end, &end, &head) == -1) return -1;
+        if (head.type == item_relocated) continue;
+        *rrn = head.rrn;
+        return 0;
+    }
+    return 0;
+}
+
+void checkpoint_add(vfs_file *file, uint64_t rrn, uint64_t offset)
+{
+    checkpoint_table *table = checkpoints(file);
+    if (table == nullptr || rrn == 0 || rrn % table->stride != 0) return;
+    uint64_t i = rrn / table->stride;
+    while (i >= table->capacity) { // twice the distance, half the entries
+        for (uint64_t k = 0; k < table->capacity / 2; ++k) table->offsets[k] = table->offsets[2 * k];
+        std::memset(table->offsets + table->capacity / 2, 0, sizeof table->offsets / 2);
+        table->stride *= 2;
+        if (rrn % table->stride != 0) return;
+        i = rrn / table->stride;
+    }
+    table->offsets[i] = offset;
+}

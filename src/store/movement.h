@@ -1,0 +1,34 @@
+// From a place to a record: stepping from the file position, and locating a record by number or key. Joins the trees
+// and the record slots; each fills the request (record offset, lengths, state, rrn, cursor, key).
+//
+// Finding nothing is no failure: the result is 0 with VFS_FLAG_AT_END set in the request and errno ESPIPE. On entry
+// that flag is cleared and the record state is 2.
+#ifndef VFS_STORE_MOVEMENT_H
+#define VFS_STORE_MOVEMENT_H
+
+#include "store/slots.h"
+#include "store/tree.h"
+
+inline constexpr uint8_t state_unread = 2; // record state before a slot's head is read
+
+[[nodiscard]] int record_step_forward(vfs_file *file, vfs_request *request);
+[[nodiscard]] int record_step_backward(vfs_file *file, vfs_request *request);
+// By mode: first (2, 9), last (3, 10), or request->rrn with the relation (6). Relative and flat files. In a flat file
+// a deleted slot of exactly that number is left in the request (offset, stored length, state 1) with the flag set.
+[[nodiscard]] int record_locate_rrn(vfs_file *file, vfs_request *request);
+// By mode: first, last, or request->key with the relation (7). Indexed files.
+[[nodiscard]] int record_locate_key(vfs_file *file, vfs_request *request);
+
+// The file position: on the record of a filled request; at an end (after_last or before_first).
+void position_save(vfs_file *file, const vfs_request *request);
+void position_at_end(vfs_file *file, position_side side);
+
+// Flat files: the record number of the last slot that is not a relocated record, walking back from the end of file;
+// none when there is none.
+[[nodiscard]] int highest_rrn_before(vfs_file *file, uint64_t end, uint64_t *rrn);
+// Flat files of variable slots remember where every so many record numbers lie.
+void checkpoint_add(vfs_file *file, uint64_t rrn, uint64_t offset);
+inline constexpr uint64_t checkpoint_bytes = 8 * 1025; // size of file->checkpoints
+inline constexpr uint64_t checkpoint_stride = 256;     // its first word to begin with
+
+#endif
