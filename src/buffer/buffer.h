@@ -49,6 +49,9 @@ enum : uint8_t { // vfs_cache::flags bits
     cache_zero_fill = 4,   // new blocks beyond the end are zero-filled
     cache_drop_behind = 8,
     cache_sequential = 16, // sequential mode: read-ahead is permitted
+    // Index blocks may lie between records inside one Data block (the file's data blocks are smaller than the
+    // cache's): changes whose pages do not touch are never written as one range.
+    cache_split_changes = 32,
 };
 
 enum : uint8_t { // vfs_cache::state bits
@@ -68,7 +71,12 @@ enum : uint8_t { // vfs_buffer::state bits
     buffer_writing = 128,
 };
 enum : uint8_t { buffer_reading = 1 };                        // vfs_buffer::rstate
-enum : uint8_t { buffer_hashed = 8, buffer_has_semaphore = 16, buffer_timing = 4 }; // vfs_buffer::flags2
+enum : uint8_t { // vfs_buffer::flags2
+    buffer_speculative = 1, // being read ahead of need: a failure is not recorded
+    buffer_timing = 4,
+    buffer_hashed = 8,
+    buffer_has_semaphore = 16,
+};
 enum : uint8_t { buffer_zero_fill = 1, buffer_in_flight = 2, buffer_has_thread = 4 }; // vfs_buffer::iostate
 
 enum : uint32_t { transfer_read = 0, transfer_write = 1, transfer_none = 2 };
@@ -85,6 +93,7 @@ struct vfs_transfer {
     std::byte *area;
     uint64_t length; // bytes asked for
     uint64_t offset; // in the file
+    uint64_t moved;  // bytes transferred
 };
 
 struct vfs_buffer {
@@ -132,8 +141,7 @@ struct vfs_cache {
     vfs_buffer *last_found; // last found by lookup or given a block: a hint only
     HashTable *hash;        // owned; null when lookups walk the list
     HashTable_Pos scratch;  // position (with the hash) of the key last searched for
-    uint64_t assigning;     // block offset being assigned: key of the entry that the allocate hook hands out
-    vfs_buffer *assigning_buffer;
+    vfs_buffer *assigning;  // buffer being entered in the hash: the allocate hook hands out its entry
     vfs_buffer *hdrb;       // Meta only: owned header buffer, outside lists, count and hash; never evicted
     uint64_t filesize;      // one past the highest byte this cache knows to exist
     uint32_t min, max, count;
@@ -155,6 +163,7 @@ struct vfs_cache {
     int rfd, wfd;        // 0: this cache is not used
     uint8_t bufftype, lock_mode, engine, mode;
     std::byte *mmap_base;
+    uint64_t write_limit; // RLIMIT_FSIZE as last seen: a write that would pass it fails before the signal comes
 };
 
 inline constexpr uint32_t preread_forward = 9;
@@ -162,10 +171,11 @@ inline constexpr uint32_t preread_backward = 10;
 
 // ---- Queues: the only code that changes `queue` and the state bits that go with it ----
 
-void queue_remove(vfs_buffer *buffer);                 // from whatever queue it is on; no effect when on none
+// A buffer that leaves the dirty queue keeps its changed range: the write that takes it off still needs it.
+void queue_remove(vfs_buffer *buffer);                   // from whatever queue it is on; no effect when on none
 void queue_append(vfs_queue *queue, vfs_buffer *buffer); // at the tail; the buffer is on none
 void dirty_add(vfs_buffer *buffer);    // at the tail of its cache's dirty queue; no effect when dirty already
-void dirty_remove(vfs_buffer *buffer); // no effect when clean
+void dirty_remove(vfs_buffer *buffer); // drops the change: the range is empty then; no effect when clean
 
 // ---- Lists ----
 
@@ -174,7 +184,7 @@ void lru_push_head(vfs_buffer *buffer);    // the buffer is on no list
 void idle_push_tail(vfs_buffer *buffer);   // likewise
 void idle_to_lru_head(vfs_buffer *buffer);
 
-// Moves the buffer to the LRU head.
+// Moves the buffer to the LRU head; no effect on the header buffer.
 inline void cache_touch(vfs_buffer *buffer);
 
 // ---- State ----
@@ -194,6 +204,9 @@ inline void mark_changed(vfs_buffer *buffer, uint64_t from, uint64_t to)
     if (from < buffer->changed_from) buffer->changed_from = from;
     if (to > buffer->changed_to) buffer->changed_to = to;
 }
+
+// Whether `data` points into the file's mapping: no byte is moved, the page cache is the block.
+inline bool is_mapped(const vfs_buffer *buffer) { return (buffer->engine & engine_mmap) != 0; }
 
 inline std::span<const std::byte> buffer_bytes(const vfs_buffer *buffer) { return {buffer->data, buffer->size}; }
 inline std::span<std::byte> buffer_bytes_for_update(vfs_buffer *buffer)
@@ -238,7 +251,8 @@ private:
 
 inline void cache_touch(vfs_buffer *buffer)
 {
-    if (buffer->cache->lru_head == buffer || buffer->idled) return;
+    vfs_cache *cache = buffer->cache;
+    if (cache->lru_head == buffer || cache->hdrb == buffer || buffer->idled) return;
     list_unlink(buffer);
     lru_push_head(buffer);
 }
