@@ -1,0 +1,115 @@
+#!/bin/sh
+# vfsctl as an operator uses it: each command, its output, its exit status. Usage: vfsctl_commands.sh VFSCTL DIRECTORY
+set -u
+vfsctl=$1
+directory=$2
+failed=0
+
+rm -rf "$directory"
+mkdir -p "$directory"
+cd "$directory" || exit 1
+
+# check NAME STATUS EXPECTED_OUTPUT command...: the exit status and standard output must be these.
+check() {
+    name=$1 status=$2 wanted=$3
+    shift 3
+    got=$("$@" 2>stderr)
+    code=$?
+    if [ "$code" -ne "$status" ] || [ "$got" != "$wanted" ]; then
+        printf 'FAILED %s: %s\n  status %s, expected %s\n  got:      %s\n  expected: %s\n' "$name" "$*" "$code" "$status" \
+            "$got" "$wanted"
+        sed 's/^/  stderr: /' stderr
+        failed=1
+    fi
+}
+
+# says NAME PATTERN: the standard error of the last command matches.
+says() {
+    grep -q -e "$2" stderr && return
+    echo "FAILED $1: standard error does not say '$2':"
+    sed 's/^/  stderr: /' stderr
+    failed=1
+}
+
+newline='
+'
+
+# ---- create and info
+check "create" 0 "f: made, 2 keys, records of 7 to 40 bytes" "$vfsctl" create f --key 0:3 --key 3:4,dup --max 40
+check "create does not overwrite" 2 "" "$vfsctl" create f --key 0:3 --max 40
+says "create does not overwrite" "force"
+check "create --force overwrites" 0 "f: made, 2 keys, records of 7 to 40 bytes" \
+    "$vfsctl" create f --key 0:3 --key 3:4,dup --max 40 --force
+check "keys must fit the record" 2 "" "$vfsctl" create g --key 0:3 --max 2
+check "a bad key is explained" 2 "" "$vfsctl" create g --key 3 --max 20
+says "a bad key is explained" "offset:length"
+check "info of a missing file" 2 "" "$vfsctl" info missing
+says "info of a missing file" "missing.*No such file"
+check "no empty file appears by looking" 1 "" test -e missing
+check "info" 0 "0:3 3:4,dup" sh -c "'$vfsctl' info f --json | sed -n 's/.*\"key\": \"\\(.*\\)\".*/\\1/p' | xargs"
+
+# ---- put, get, delete
+check "put adds" 0 "f: added" "$vfsctl" put f "001blueone"
+check "put --add refuses an existing key" 2 "" "$vfsctl" put f --add "001bluetwo"
+check "put replaces" 0 "f: replaced" "$vfsctl" put f "001blueONE"
+check "put --replace needs a record" 1 "" "$vfsctl" put f --replace "002blue"
+check "put pads a short record" 0 "f: added" "$vfsctl" put f "002red"
+check "get" 0 "001blueONE" "$vfsctl" get f 001
+check "get by the other key pads the value" 0 "002red " "$vfsctl" get f red --by 1
+check "get --hex" 0 "001blueONE" "$vfsctl" get f --hex 303031
+check "get finds nothing" 1 "" "$vfsctl" get f 999
+says "get finds nothing" "no record"
+check "get by a key that is not there" 2 "" "$vfsctl" get f 001 --by 7
+check "get with a value too long" 2 "" "$vfsctl" get f 0011
+check "delete by a key with duplicates" 2 "" "$vfsctl" delete f red --by 1
+check "delete" 0 "f: deleted" "$vfsctl" delete f 002
+check "delete again" 1 "" "$vfsctl" delete f 002
+check "the deleted record is gone from every key" 1 "" "$vfsctl" get f red --by 1
+
+# ---- load lines and scan
+printf '005red five\n003bluethree\n004red four\n003redagain\n006g\n' >lines
+check "load reports refused rows" 3 "" sh -c "'$vfsctl' load f --lines lines --rejects rejects >load.out"
+check "refused rows have their line" 0 "lines:4: a record with this key is there already: 003redagain" cat rejects
+check "scan by the primary key" 0 "001blueONE${newline}003bluethree${newline}004red four${newline}005red five${newline}006g   " \
+    "$vfsctl" scan f
+check "scan by the other key, equal ones in order of arrival" 0 \
+    "001blueONE${newline}003bluethree${newline}006g   ${newline}005red five${newline}004red four" "$vfsctl" scan f --by 1
+check "scan --reverse" 0 "006g   ${newline}005red five" "$vfsctl" scan f --reverse --limit 2
+check "scan by the other key against the order" 0 "004red four${newline}005red five" "$vfsctl" scan f --by 1 --reverse --limit 2
+check "scan a range" 0 "003bluethree${newline}004red four" "$vfsctl" scan f --from 002 --to 004
+check "scan a range against the order" 0 "004red four${newline}003bluethree" "$vfsctl" scan f --from 002 --to 004 --reverse
+check "scan a prefix" 0 "2" "$vfsctl" scan f --by 1 --prefix r --count
+check "scan an empty range" 1 "0" "$vfsctl" scan f --from 1 --count
+check "scan --raw" 0 "001blueONE003bluethree" "$vfsctl" scan f --raw --limit 2
+
+# ---- load CSV, by layout and without
+printf 'id,name,note\n7,"Seven, Ltd.","say ""hi"""\n12,Dozen,\n3,Three,x\n' >table.csv
+check "load CSV" 0 "layout: id:2,name:11,note:*" sh -c "'$vfsctl' load t table.csv --key id --key name,dup --sort | head -1"
+check "CSV comes back" 0 "id,name,note${newline}12,Dozen,${newline}3,Three,x${newline}7,\"Seven, Ltd.\",\"say \"\"hi\"\"\"" \
+    "$vfsctl" scan t --layout "id:2,name:11,note:*"
+check "get by a column" 0 "name,id${newline}Dozen,12" sh -c "'$vfsctl' get t Dozen --by name --layout 'id:2,name:11,note:*' | cut -d, -f2,1 | awk -F, '{print \$2 \",\" \$1}'"
+check "put a CSV row" 0 "t: replaced" "$vfsctl" put t --layout "id:2,name:11,note:*" '12,Twelve,"a,b"'
+check "the CSV row arrived" 0 "12Twelve     a,b" "$vfsctl" get t 12
+check "put a value that is too wide" 2 "" "$vfsctl" put t --layout "id:2,name:11,note:*" '123,x,y'
+check "load does not overwrite" 2 "" "$vfsctl" load t table.csv --key id
+check "the file that was not overwritten is whole" 0 "3" "$vfsctl" scan t --count
+printf 'id,name\n1,"open\n' >broken.csv
+check "broken CSV stops with its line" 2 "" "$vfsctl" load u broken.csv --key id
+says "broken CSV stops with its line" "broken.csv: line 2"
+check "and makes no file" 1 "" test -e u
+
+# ---- bytes of fixed length
+printf 'bb22aa11cc33' >bytes
+check "load fixed" 0 "3" sh -c "'$vfsctl' load x --fixed 4 bytes --key 0:2 >/dev/null && '$vfsctl' scan x --count"
+check "fixed records come back in key order" 0 "aa11bb22cc33" "$vfsctl" scan x --raw
+check "a record of another length is refused" 2 "" "$vfsctl" put x dd445
+
+# ---- what is no file of ours
+printf 'this is a text, not a data file, whatever its name says; it is long enough to have a header%s\n' "$newline" >text
+check "a foreign file is refused" 2 "" "$vfsctl" scan text
+says "a foreign file is refused" "text: cannot open it"
+check "and left alone" 0 "this is a text" sh -c "head -c 14 text"
+check "unknown commands" 2 "" "$vfsctl" frobnicate
+
+[ "$failed" -eq 0 ] && echo "vfsctl: all commands behave"
+exit "$failed"
