@@ -1,0 +1,14 @@
+// checker.h: verifies the bytes of a closed file against everything that the format promises. It shares no code with
+// the driver and has its own table of offsets; it trusts nothing that it reads.
+#ifndef TESTS_DRIVER_CHECKER_H
+#define TESTS_DRIVER_CHECKER_H
+
+#include <string>
+
+// "" for a sound file, else up to twenty lines that say what is wrong and where.
+std::string check_file(const std::string &path);
+
+// Whether the file says of itself that it was not closed (state word or boot word).
+bool file_is_unclean(const std::string &path);
+
+#endif

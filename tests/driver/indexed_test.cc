@@ -1,0 +1,240 @@
+// indexed_test.cc: files with keys from the record.
+#include "checker.h"
+#include "host.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+using namespace host;
+
+class Indexed : public DriverTest {
+protected:
+    // Primary key: four bytes; then a unique and a duplicate alternate key.
+    const std::vector<key> keys{{.parts = {{0, 4}}}, {.parts = {{4, 2}}}, {.parts = {{6, 3}}, .duplicates = true}};
+    file_spec spec() { return indexed(path(), keys, 60); }
+    void TearDown() override
+    {
+        EXPECT_EQ(check_file(path()), "");
+        DriverTest::TearDown();
+    }
+};
+
+TEST_F(Indexed, ARefusedWriteLeavesNoTrace)
+{
+    file f{spec()};
+    EXPECT_EQ(f.write("AAAA01red", by_record()).rrn, 0u);
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        EXPECT_TRUE(f.write("BBBB01red", by_record()).failed(EADDRINUSE));
+        EXPECT_TRUE(f.write("AAAA02red", by_record()).failed(EADDRINUSE));
+    }
+    EXPECT_EQ(f.info().record_count, 1);
+    EXPECT_TRUE(f.read(by_key("BBBB")).ended());
+    EXPECT_EQ(f.write("BBBB02red", by_record()).rrn, 1u);
+    EXPECT_EQ(f.start(first(2)).value, 9);
+    EXPECT_EQ(f.rest(), (std::vector<std::string>{"AAAA01red", "BBBB02red"}));
+}
+
+TEST_F(Indexed, SequentialAccessWantsAscendingPrimaryKeys)
+{
+    file f{spec().with_access(VFS_ACCESS_SEQUENTIAL)};
+    EXPECT_EQ(f.write(std::string{"\0\0\0\0aaaaa", 9}, by_record()).value, 9);
+    EXPECT_EQ(f.write("CCCC01red", by_record()).value, 9);
+    EXPECT_TRUE(f.write("BBBB02red", by_record()).failed(EEXIST));
+    EXPECT_TRUE(f.write("CCCC02red", by_record()).failed(EADDRINUSE));
+    EXPECT_EQ(f.read(by_key("CCCC")).value, 9);
+    EXPECT_TRUE(f.rewrite("CCCX01red").failed(EEXIST));
+    EXPECT_EQ(f.read(by_key("CCCC")).value, 9);
+    EXPECT_EQ(f.erase().value, 0);
+    EXPECT_EQ(f.write("BBBB02red", by_record()).value, 9);
+    EXPECT_EQ(f.info().record_count, 2);
+}
+
+TEST_F(Indexed, RewriteMovesExactlyTheChangedKeys)
+{
+    file f{spec()};
+    f.write("AAAA01red", by_record());
+    f.write("BBBB02red", by_record());
+    EXPECT_TRUE(f.rewrite("AAAA02red", by_record()).failed(EADDRINUSE));
+    EXPECT_TRUE(f.read(by_key("01", 1)).found("AAAA01red"));
+    EXPECT_TRUE(f.read(by_key("AAAA")).found("AAAA01red"));
+    EXPECT_EQ(f.rewrite("AAAA03blu", by_record()).value, 9);
+    EXPECT_TRUE(f.read(by_key("01", 1)).ended());
+    EXPECT_TRUE(f.read(by_key("03", 1)).found("AAAA03blu"));
+    EXPECT_TRUE(f.read(by_key("red", 2)).found("BBBB02red"));
+    EXPECT_TRUE(f.read(by_key("blu", 2)).found("AAAA03blu"));
+    EXPECT_TRUE(f.rewrite("BBBB02red", by_key("red", 2)).failed(EINVAL));
+    EXPECT_TRUE(f.erase(by_key("red", 2)).failed(EINVAL));
+    EXPECT_TRUE(f.rewrite("XXXX02red", by_key("ZZZZ")).failed(ESPIPE));
+    EXPECT_TRUE(f.erase(by_key("ZZZZ")).failed(ESPIPE));
+    EXPECT_TRUE(f.rewrite("XXXX02red", by_key("BBBB", 3)).failed(EINVAL));
+    // By one key to another: the given key finds, the record decides.
+    EXPECT_EQ(f.rewrite("CCCC02red", by_key("BBBB")).value, 9);
+    EXPECT_TRUE(f.read(by_key("CCCC")).found("CCCC02red"));
+    EXPECT_TRUE(f.read(by_key("BBBB")).ended());
+}
+
+TEST_F(Indexed, EveryKeyLeadsToARelocatedRecord)
+{
+    file f{spec()};
+    for (const char *each : {"AAAA01red", "BBBB02red", "CCCC03red"}) f.write(each, by_record());
+    const std::string grown = "BBBB02red" + std::string(80, '+');
+    EXPECT_EQ(f.rewrite(grown, by_record()).value, 89);
+    EXPECT_TRUE(f.read(by_key("BBBB")).found(grown));
+    EXPECT_TRUE(f.read(by_key("02", 1)).found(grown));
+    for (int64_t k = 0; k < 3; ++k) {
+        EXPECT_GE(f.start(first(k)).value, 9);
+        EXPECT_EQ(f.rest(), (std::vector<std::string>{"AAAA01red", grown, "CCCC03red"})) << k;
+    }
+    EXPECT_EQ(f.erase(by_key("BBBB")).value, 0);
+    EXPECT_EQ(f.info().empty_count, 2);
+    EXPECT_TRUE(f.read(by_key("02", 1)).ended());
+}
+
+TEST_F(Indexed, StartFindsByEveryRelationAndLeadingPart)
+{
+    file f{spec()};
+    for (const char *each : {"ABAA01red", "ABCC02red", "ABCD03red", "ABDA04red"}) f.write(each, by_record());
+    const struct {
+        const char *key;
+        int32_t relation;
+        const char *found; // null: none
+    } rows[] = {
+        {"ABCC", VFS_EQUAL, "ABCC02red"},
+        {"ABCB", VFS_EQUAL, nullptr},
+        {"ABC", VFS_EQUAL, "ABCC02red"},
+        {"ABX", VFS_EQUAL, nullptr},
+        {"ABC", VFS_GREATER, "ABDA04red"},
+        {"ABC", VFS_GREATER_EQUAL, "ABCC02red"},
+        {"ABC", VFS_LESS, "ABAA01red"},
+        {"ABC", VFS_LESS_EQUAL, "ABCD03red"},
+        {"ABDA", VFS_GREATER, nullptr},
+        {"ABAA", VFS_LESS, nullptr},
+        {"ZZZZ", VFS_LESS, "ABDA04red"},
+        {"AAAA", VFS_GREATER, "ABAA01red"},
+        {"\0\0\0\0", VFS_GREATER_EQUAL, "ABAA01red"},
+        {"\xff\xff\xff\xff", VFS_LESS_EQUAL, "ABDA04red"},
+        {"", VFS_GREATER, "ABAA01red"},
+        {"", VFS_LESS, "ABDA04red"},
+        {"", VFS_EQUAL, "ABAA01red"},
+        {"ABCCxxxx", VFS_EQUAL, "ABCC02red"},
+        {"ABCC", 5, nullptr},
+    };
+    for (const auto &row : rows) {
+        const size_t length = row.key[0] == '\0' && row.relation == VFS_GREATER_EQUAL ? 4 : strlen(row.key);
+        const outcome got = f.start(by_key(std::string(row.key, length), 0, row.relation));
+        if (row.found == nullptr) {
+            EXPECT_TRUE(got.failed(ESPIPE)) << row.key << row.relation << got;
+            continue;
+        }
+        EXPECT_EQ(got.value, 9) << row.key << row.relation;
+        EXPECT_TRUE(f.read(next()).found(row.found)) << row.key << row.relation;
+    }
+    EXPECT_TRUE(f.start(by_key("AB", 3)).failed(EINVAL));
+    EXPECT_TRUE(f.start(first(-1)).failed(EINVAL));
+    // Without key bytes the key comes from the record.
+    place from_record = by_record(1);
+    from_record.length = 2;
+    EXPECT_EQ(f.run(operation::start, from_record, "xxxx03").value, 9);
+    EXPECT_TRUE(f.read(next()).found("ABCD03red"));
+}
+
+TEST_F(Indexed, StatusShowsKeyAndPlaceOfTheRecord)
+{
+    file f{spec()};
+    f.write("AAAA01red", by_record());
+    const outcome second = f.write("BBBB02red", by_record());
+    EXPECT_TRUE(second.duplicate);
+    const outcome got = f.read(by_key("01", 1));
+    EXPECT_EQ(memcmp(got.key, "01", 2), 0);
+    EXPECT_FALSE(got.duplicate);
+    const outcome following = f.read(next());
+    EXPECT_EQ(memcmp(following.key, "02", 2), 0);
+    EXPECT_EQ(following.offset, second.offset);
+    EXPECT_EQ(following.rrn, 1u);
+    EXPECT_TRUE(f.read(by_key("red", 2)).duplicate);
+    EXPECT_TRUE(f.read(first(2)).duplicate);
+    EXPECT_FALSE(f.read(next()).duplicate);
+}
+
+TEST_F(Indexed, ABrowseDoesNotSeeWhatItsHandleInserts)
+{
+    file f{spec()};
+    for (const char *each : {"AAAA01red", "BBBB02red", "DDDD04red", "EEEE05red"}) f.write(each, by_record());
+    EXPECT_EQ(f.start(by_key("AAAA", 0, VFS_GREATER_EQUAL)).value, 9);
+    EXPECT_TRUE(f.read(next()).found("AAAA01red"));
+    EXPECT_TRUE(f.read(next()).found("BBBB02red"));
+    f.write("CCCC03red", by_record());
+    EXPECT_TRUE(f.read(next()).found("DDDD04red"));
+    EXPECT_TRUE(f.read(by_key("BBBB")).found("BBBB02red"));
+    EXPECT_TRUE(f.read(next()).found("CCCC03red"));
+}
+
+TEST_F(Indexed, EachKeyKeepsReadingWhereItsLastReadStood)
+{
+    file f{spec()};
+    for (const char *each : {"AAAA03red", "BBBB02red", "CCCC01red"}) f.write(each, by_record());
+    EXPECT_TRUE(f.read(first(1)).found("CCCC01red"));
+    EXPECT_TRUE(f.read(next()).found("BBBB02red"));
+    EXPECT_TRUE(f.read(by_key("BBBB")).found("BBBB02red"));
+    EXPECT_TRUE(f.read(next()).found("CCCC01red"));
+    EXPECT_TRUE(f.read(by_key("02", 1)).found("BBBB02red"));
+    EXPECT_TRUE(f.read(next()).found("AAAA03red"));
+    EXPECT_TRUE(f.read(by_rrn(0)).failed(EINVAL));
+}
+
+TEST_F(Indexed, KeysBeyondAShortRecordAreZeros)
+{
+    file f{spec()};
+    EXPECT_EQ(f.write("AAAA01", by_record()).value, 6);
+    EXPECT_EQ(f.write("BBBB02r", by_record()).value, 7);
+    EXPECT_EQ(f.write("CC", by_record()).value, 2);
+    EXPECT_TRUE(f.read(by_key(std::string{"\0\0\0", 3}, 2)).found("AAAA01"));
+    EXPECT_TRUE(f.read(by_key("r", 2)).found("BBBB02r"));
+    EXPECT_TRUE(f.read(by_key("CC")).found("CC"));
+    EXPECT_TRUE(f.write("DD", by_record()).failed(EADDRINUSE)); // the unique key of zeros is taken
+}
+
+TEST_F(Indexed, KeysOfAHundredPartsAndLongKeysWork)
+{
+    file f{spec()}; // leaves a sound file for TearDown
+    std::vector<key_part> scattered;
+    for (int64_t i = 0; i < 100; ++i) scattered.push_back({990 - i * 10, 3});
+    const std::string name = path("long");
+    file g{indexed(name, {{.parts = scattered}, {.parts = {{0, 700}}, .duplicates = true}}, 1000)};
+    ASSERT_TRUE(g.ok()) << g.error();
+    std::vector<std::string> all;
+    for (int64_t n = 0; n < 200; ++n) {
+        std::string record(1000, 'x');
+        record.replace(990, 3, numbered("%03ld", n * 7 % 200));
+        record[699] = static_cast<char>('a' + n % 3);
+        ASSERT_EQ(g.write(record, by_record()).value, 1000) << n;
+        all.push_back(record);
+    }
+    std::sort(all.begin(), all.end(),
+              [](const std::string &a, const std::string &b) { return a.substr(990) < b.substr(990); });
+    EXPECT_EQ(g.start(first(0)).value, 1000);
+    EXPECT_EQ(g.rest(), all);
+    EXPECT_EQ(g.start(first(1)).value, 1000);
+    EXPECT_EQ(g.rest().size(), 200u);
+    EXPECT_EQ(g.close(), 0);
+    EXPECT_EQ(check_file(name), "");
+}
+
+TEST_F(Indexed, AListedSlotIsReusedWithItsLength)
+{
+    file f{spec()};
+    f.write("AAAA01red" + std::string(120, 'x'), by_record());
+    const outcome middle = f.write("BBBB02red" + std::string(150, 'x'), by_record());
+    f.write("CCCC03red", by_record());
+    EXPECT_EQ(f.erase(by_key("BBBB")).value, 0);
+    EXPECT_EQ(f.info().empty_count, 1);
+    EXPECT_EQ(f.write("DDDD04red", by_record()).offset, middle.offset);
+    EXPECT_EQ(f.info().empty_count, 0);
+    EXPECT_EQ(f.close(), 0);
+    EXPECT_EQ(peek(path(), middle.offset), 200u);
+}
+
+} // namespace
