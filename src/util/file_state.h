@@ -91,6 +91,7 @@ struct file_state {
     shared_file_state *shared;       // null until registered
     pthread_t opener;
     pid_t opener_pid;
+    uint32_t opener_generation; // process_generation() at open: a forked child may not use the handle
     wait_times io_wait, lock_wait;   // summed from the caches when they close
     uint64_t bytes_read, bytes_written;
 };

@@ -1,0 +1,116 @@
+#include "record/request.h"
+
+#include "util/errors.h"
+#include "util/process.h"
+
+operation_arguments take_arguments(argument_form form, int32_t mode, va_list *arguments)
+{
+    operation_arguments taken;
+    const auto word = [&] { return static_cast<uint64_t>(va_arg(*arguments, int64_t)); };
+    switch (mode) {
+    case VFS_POS_FIRST:
+    case VFS_POS_LAST:
+        if (form != argument_form::plain) taken.key_number = word();
+        break;
+    case VFS_POS_RRN:
+        if (form == argument_form::start) taken.relation = static_cast<uint8_t>(va_arg(*arguments, int32_t));
+        taken.rrn = word();
+        break;
+    case VFS_POS_KEY:
+        if (form == argument_form::start) taken.relation = static_cast<uint8_t>(va_arg(*arguments, int32_t));
+        taken.key = va_arg(*arguments, const void *);
+        taken.key_length = word();
+        taken.key_number = word();
+        break;
+    case VFS_POS_OFFSET:
+        if (form == argument_form::start) taken.offset = word();
+        break;
+    default: break;
+    }
+    return taken;
+}
+
+int handle_check(const vfs_file *file)
+{
+    if (file == nullptr || file->opener_generation != process_generation()) return fail(EBADF);
+    if ((file->host.options & VFS_OPT_NO_IO) != 0) return fail(EBADF);
+    return 0;
+}
+
+operation_call make_call(vfs_file *file, vfs_record *record, vfs_status *status, const vfs_lock_request *lock,
+                         uint8_t operation, int32_t mode)
+{
+    operation_call call{};
+    call.file = file;
+    call.record = record;
+    call.status = status;
+    call.lock = lock != nullptr ? lock : &file->lock_defaults;
+    call.operation = operation;
+    call.mode = mode >= 0 && mode < 255 ? static_cast<uint8_t>(mode) : uint8_t{255};
+    ++file->operation_count;
+    file->operation = operation;
+    return call;
+}
+
+vfs_request working_request(const operation_call &call)
+{
+    vfs_request work = call.file->last;
+    work.previous_operation = work.operation;
+    work.operation = call.operation;
+    work.previous_mode = work.mode;
+    work.mode = call.mode;
+    work.relation = VFS_EQUAL;
+    work.record = call.record != nullptr ? call.record->bytes : nullptr;
+    work.record_length = call.record != nullptr ? call.record->length : 0;
+    return work;
+}
+
+void save_last(vfs_file *file, const vfs_request &work)
+{
+    void *key = file->last.key;
+    file->last = work;
+    file->last.key = key;
+}
+
+void save_current(vfs_file *file, const vfs_request &work)
+{
+    void *key = file->current.key;
+    file->current = work;
+    file->current.key = key;
+}
+
+int operation_failed(vfs_file *file, const vfs_request &work, bool current_too)
+{
+    const int cause = errno;
+    vfs_request left = work;
+    left.mode = VFS_POS_UNDEFINED;
+    left.record_offset = none;
+    save_last(file, left);
+    if (current_too) {
+        // The key of the current record block outlives failures.
+        left.key_number = file->current.key_number;
+        left.key_length = file->current.key_length;
+        save_current(file, left);
+    }
+    if (bracket_end(file) == -1) errno = cause;
+    return fail(cause);
+}
+
+int key_number_check(const vfs_file *file, uint64_t key_number)
+{
+    return key_number < file->key_count ? 0 : fail(EINVAL);
+}
+
+int current_record(vfs_file *file, vfs_request *work)
+{
+    const uint8_t state = work->previous_mode;
+    if (state == VFS_POS_BEFORE_FIRST || state == VFS_POS_AFTER_LAST || state == VFS_POS_UNDEFINED ||
+        (work->flags & VFS_FLAG_AT_END) != 0 || work->record_offset == none)
+        return fail(EINVAL);
+    const uint64_t rrn = work->rrn;
+    if (work->record_offset >= file->end_of_file) return fail(ESPIPE);
+    if (record_head(file, work) == -1) return errno == ENOEXEC ? fail(ESPIPE) : -1;
+    const uint8_t away = file->trees() ? item_relocated : item_moved;
+    if ((work->record_state != item_live && work->record_state != away) || work->rrn != rrn) return fail(ESPIPE);
+    return 0;
+}
