@@ -27,13 +27,13 @@ inline constexpr uint64_t metadata_byte = 0x3200000000;
 
 // What is to be locked. For Exclusive and File the range follows from the kind; start and length are then ignored.
 struct lock_target {
-    file_state *file;
-    vfs_cache *counted;             // the cache whose lock counter and lock time move
-    lock_kind kind;
-    bool write;                     // write lock, else read lock
-    uint64_t start, length;         // Block, Record, Metadata
-    const vfs_lock_request *policy; // wait mode, retries, sleep; null: the file's own settings
-    bool try_only;                  // never wait: a conflict is EAGAIN at once, and prints nothing
+    file_state *file = nullptr;
+    vfs_cache *counted = nullptr;   // the cache whose lock counter and lock time move
+    lock_kind kind = lock_file;
+    bool write = false;             // write lock, else read lock
+    uint64_t start = 0, length = 0; // Block, Record, Metadata
+    const vfs_lock_request *policy = nullptr; // wait mode, retries, sleep; null: the file's own settings
+    bool try_only = false;          // never wait: a conflict is EAGAIN at once, and prints nothing
 };
 
 // Takes the lock: the number of waits made, or -1 with errno (EAGAIN, EDEADLK, ENOLCK, ETXTBSY, EINVAL, ESPIPE).
