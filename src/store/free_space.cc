@@ -304,7 +304,8 @@ int slot_list_prepare(vfs_file *file)
 
 int slot_free(vfs_file *file, uint64_t offset)
 {
-    if (slot_list_prepare(file) == -1) return -1;
+    const int room = slot_list_prepare(file);
+    const int cause = errno;
     slot_head head; // read after the list has room: making room may have grown the slot
     if (slot_head_read(file, offset, &head) == -1) return -1;
     vfs_request frame{};
@@ -313,5 +314,6 @@ int slot_free(vfs_file *file, uint64_t offset)
     frame.record_state = item_deleted;
     frame.rrn = head.rrn;
     if (record_write_frame(file, &frame) == -1) return -1;
-    return list_insert(file, offset, head.stored_length);
+    // Without room in the list the slot is deleted all the same; its space is lost.
+    return room == -1 ? fail(cause) : list_insert(file, offset, head.stored_length);
 }

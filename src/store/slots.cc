@@ -224,16 +224,13 @@ int64_t record_write_new(vfs_file *file, vfs_request *request)
 int64_t record_rewrite_in_place(vfs_file *file, vfs_request *request)
 {
     const uint64_t slot = request->data_offset - slot_head_bytes;
-    uint64_t stored = request->stored_length;
-    uint8_t type = request->record_state;
-    if (type == item_moved) {
-        slot_head target;
-        if (moved_target(file, request->rrn, slot, &target) == -1) return -1;
-        stored = target.stored_length;
-        type = item_relocated;
-    }
-    assert(slot_bytes(request->record_length) <= stored);
-    const head_image head = make_head(request, stored, request->record_length, type);
+    slot_head held; // the slot may have grown since the request was filled
+    if (slot_head_read(file, slot, &held) == -1) return -1;
+    if (slot_bytes(request->record_length) > held.stored_length) return damaged();
+    const bool away = request->record_state == item_moved;
+    if (away && (held.type != item_relocated || held.rrn != request->rrn)) return damaged();
+    const uint8_t type = away ? uint8_t{item_relocated} : request->record_state;
+    const head_image head = make_head(request, held.stored_length, request->record_length, type);
     const std::span data(static_cast<const std::byte *>(request->record), request->record_length);
     if (put_slot(file, slot, head, data) == -1) return -1;
     request->data_length = request->record_length;

@@ -47,7 +47,8 @@ struct slot_head {
 
 // Makes sure that a slot can be listed: so that nothing can fail once a deletion has begun.
 [[nodiscard]] int slot_list_prepare(vfs_file *file);
-// Marks the slot at `offset` deleted and lists it for reuse (tree files).
+// Marks the slot at `offset` deleted and lists it for reuse (tree files). Where the list cannot take it the slot is
+// deleted nevertheless, and the result is -1.
 [[nodiscard]] int slot_free(vfs_file *file, uint64_t offset);
 
 // Brings the end of file to a data block boundary, before index blocks are appended.

@@ -40,6 +40,9 @@ struct file_position {
     uint64_t stored_length; // of the home slot, for steps through flat files
     uint64_t rrn;
     std::byte *key; // key value of the record under key_number, zero-padded to W; in the handle's key area
+    // Records of the same key around it, nearest first, as they were when the cursor was lost (written and read by the
+    // trees alone; none: no more).
+    uint64_t before[8], after[8];
 };
 
 struct vfs_file : file_state {
@@ -89,6 +92,8 @@ struct vfs_file : file_state {
     bool session_booted;                 // this handle has set the boot word
     int64_t seen_tsn;                    // counters as this handle last read or wrote them
     uint64_t seen_dsn, seen_asn, seen_end;
+
+    uint64_t block_lock;     // lock mode 4: start of the Data block that this handle holds locked; none
 
     vfs_registry_entry *registry;
     char *error_buffer;      // owned: text of error_text

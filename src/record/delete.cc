@@ -1,0 +1,206 @@
+// delete: remove every index entry of a record, then the record. What has been removed is put back on failure.
+#include "record/locking.h"
+#include "record/operations.h"
+#include "record/positioning.h"
+#include "util/errors.h"
+
+#include <cstdio>
+
+namespace {
+
+vfs_request delete_request(const operation_call &call)
+{
+    vfs_request work = working_request(call);
+    work.flags = static_cast<uint8_t>(work.flags & ~(VFS_FLAG_CURRENT | VFS_FLAG_DUPLICATE | VFS_FLAG_BROWSE));
+    work.flags |= call.file->current.flags & VFS_FLAG_BROWSE;
+    return work;
+}
+
+int position_for_delete(const operation_call &call, vfs_request *work)
+{
+    vfs_file *file = call.file;
+    if (call.mode == VFS_POS_END || (call.mode >= VFS_POS_BEFORE_FIRST && call.mode <= VFS_POS_UNDEFINED))
+        return fail(EINVAL);
+    if (call.mode == VFS_POS_KEY) {
+        if (key_number_check(file, call.arguments.key_number) == -1) return -1;
+        if (key_allows_duplicates(file, call.arguments.key_number)) return fail(EINVAL);
+    }
+    const uint64_t length = call.arguments.key_length != 0 ? call.arguments.key_length : work->record_length;
+    if (key_from_arguments(call, work, work->record, length) == -1) return -1;
+    return record_wanted(file, work);
+}
+
+// ---- Tree files ----
+
+int load_entry(vfs_file *file, const vfs_request &work, uint64_t k, vfs_request *entry)
+{
+    *entry = work;
+    entry->key_number = k;
+    entry->key = file->old_key;
+    return file->indexed() ? key_load(file, entry) : 0;
+}
+
+int remove_entries(vfs_file *file, const vfs_request &work, uint64_t *removed)
+{
+    for (uint64_t k = 0; k < file->tree_count; ++k, *removed = k) {
+        vfs_request entry;
+        if (load_entry(file, work, k, &entry) == -1) return -1;
+        // A missing entry does not keep a half-indexed record alive.
+        if (key_delete(file, &entry) == -1 && errno != ESPIPE) return -1;
+    }
+    return 0;
+}
+
+void put_entries_back(vfs_file *file, const vfs_request &work, uint64_t removed)
+{
+    const int cause = errno;
+    for (uint64_t k = 0; k < removed; ++k) {
+        vfs_request entry;
+        if (load_entry(file, work, k, &entry) == 0) (void)key_insert(file, &entry);
+    }
+    errno = cause;
+}
+
+bool is_sequence_key(vfs_file *file, const vfs_request &work)
+{
+    vfs_request entry;
+    if (!file->indexed() || !file->sequence_key_known ||
+        load_entry(file, work, file->primary_key, &entry) == -1)
+        return false;
+    return key_compare(file, file->primary_key, entry.key, file->sequence_key) == 0;
+}
+
+int delete_in_trees(vfs_file *file, vfs_request *work)
+{
+    if (slot_list_prepare(file) == -1) return -1;
+    const bool sequence_lost = is_sequence_key(file, *work);
+    uint64_t removed = 0;
+    if (remove_entries(file, *work, &removed) == -1 || slot_free(file, work->record_offset) == -1) {
+        put_entries_back(file, *work, removed);
+        return -1;
+    }
+    if (sequence_lost) file->sequence_key_known = false;
+    work->node = work->item = none;
+    return 0;
+}
+
+// ---- Flat files ----
+
+int mark_deleted(vfs_file *file, uint64_t offset, uint64_t rrn)
+{
+    slot_head head;
+    if (slot_head_read(file, offset, &head) == -1) return -1;
+    vfs_request frame{};
+    frame.record_offset = offset;
+    frame.stored_length = head.stored_length;
+    frame.record_state = item_deleted;
+    frame.rrn = rrn;
+    return record_write_frame(file, &frame);
+}
+
+// The last record of the file goes: the end of file moves back over it. Not where others may stand on it.
+int cut_last(vfs_file *file, const vfs_request &work)
+{
+    uint64_t highest;
+    if (highest_rrn_before(file, work.record_offset, &highest) == -1) return -1;
+    file->end_of_file = work.record_offset;
+    file->highest_rrn = highest;
+    if (file->position.record_offset == work.record_offset) file->position.stored_length = 0;
+    return 0;
+}
+
+int delete_in_flat_file(vfs_file *file, vfs_request *work)
+{
+    const bool moved = work->record_state == item_moved;
+    const bool last = work->record_offset + work->stored_length == file->end_of_file;
+    if (last && !moved && !is_shared(file)) return cut_last(file, *work);
+    if (mark_deleted(file, work->record_offset, work->rrn) == -1) return -1;
+    if (moved) {
+        if (mark_deleted(file, work->data_offset - slot_head_bytes, work->rrn) == -1) return -1;
+        --file->moved;
+    }
+    ++file->deleted;
+    return 0;
+}
+
+// ---- The operation ----
+
+int fill_status(const operation_call &call, vfs_request *work)
+{
+    vfs_status *status = call.status;
+    if (status == nullptr) return 0;
+    status->record_offset = work->record_offset;
+    status->rrn = work->rrn;
+    status->duplicate = 0;
+    if (call.file->indexed()) {
+        status->key = call.file->last.key;
+        return 0;
+    }
+    return call.mode == VFS_POS_KEY ? rrn_to_key(work) : 0;
+}
+
+int64_t delete_failed(const operation_call &call, const vfs_request &work)
+{
+    if (call.file->debug) {
+        const int cause = errno;
+        std::fprintf(stderr, "Delete failed %d pos %d  rrn %ld key %s\n", cause, work.mode,
+                     static_cast<long>(work.rrn), static_cast<const char *>(work.key));
+        errno = cause;
+    }
+    return operation_failed(call.file, work, false);
+}
+
+int remove_record(vfs_file *file, vfs_request *work)
+{
+    if (change_begin(file) == -1) return -1;
+    if ((file->trees() ? delete_in_trees(file, work) : delete_in_flat_file(file, work)) == -1) return -1;
+    work->record_state = item_deleted;
+    count_change(file, work->record_offset);
+    if (file->records != 0) --file->records;
+    return 0;
+}
+
+int64_t delete_record(const operation_call &call)
+{
+    vfs_file *file = call.file;
+    vfs_request work = delete_request(call);
+    if (file->error != 0) {
+        errno = static_cast<int>(file->error);
+        return delete_failed(call, work);
+    }
+    if (is_read_only(file)) {
+        errno = EROFS;
+        return delete_failed(call, work);
+    }
+    if (bracket_begin(file, true) == -1) return delete_failed(call, work);
+    operation_lock lock;
+    lock_outcome outcome;
+    do {
+        work = delete_request(call);
+        outcome = position_for_delete(call, &work) == -1 ? lock_outcome::failed : record_lock(call, work, &lock);
+    } while (outcome == lock_outcome::again);
+    const bool deleted = outcome != lock_outcome::failed && remove_record(file, &work) == 0;
+    if (!deleted) {
+        record_unlock(call, &lock);
+        return delete_failed(call, work);
+    }
+    save_last(file, work);
+    record_unlock_all_of(call, work, &lock);
+    if (bracket_end(file) == -1) return delete_failed(call, work);
+    if (call.status != nullptr && fill_status(call, &work) == -1) return -1;
+    return 0;
+}
+
+} // namespace
+
+int64_t operation_delete(vfs_file *file, vfs_record *record, void *, vfs_status *status, const vfs_lock_request *lock,
+                         int32_t mode, ...)
+{
+    if (handle_check(file) == -1) return -1;
+    operation_call call = make_call(file, record, status, lock, VFS_OP_DELETE, mode);
+    va_list arguments;
+    va_start(arguments, mode);
+    call.arguments = take_arguments(argument_form::plain, mode, &arguments);
+    va_end(arguments);
+    return delete_record(call);
+}

@@ -1,0 +1,258 @@
+// read: position, lock, copy out, and make the record the file position.
+#include "record/locking.h"
+#include "record/operations.h"
+#include "record/positioning.h"
+#include "util/errors.h"
+
+namespace {
+
+// Next and previous start from the current record block; every other mode from the last request block.
+vfs_request read_request(const operation_call &call)
+{
+    vfs_file *file = call.file;
+    vfs_request work = call.mode <= VFS_POS_PREV ? file->current : file->last;
+    work.key = file->last.key;
+    work.previous_operation = work.operation;
+    work.operation = VFS_OP_READ;
+    work.previous_mode = work.mode;
+    work.mode = call.mode;
+    work.record = call.record != nullptr ? call.record->bytes : nullptr;
+    work.record_length = call.record != nullptr && call.record->bytes != nullptr ? call.record->length : 0;
+    work.flags = static_cast<uint8_t>(work.flags & ~VFS_FLAG_CURRENT);
+    if (call.status != nullptr) work.flags |= VFS_FLAG_STATUS;
+    return work;
+}
+
+int apply_mode(const operation_call &call, vfs_request *work)
+{
+    vfs_file *file = call.file;
+    if (call.mode <= VFS_POS_LAST) {
+        work->mode = file->direction[2 * call.mode];
+        work->relation = file->direction[2 * call.mode + 1];
+        if (call.mode < VFS_POS_FIRST) return 0;
+        if (key_number_check(file, call.arguments.key_number) == -1) return -1;
+        work->key_number = call.arguments.key_number;
+        return 0;
+    }
+    if (call.mode >= VFS_POS_BEFORE_FIRST && call.mode <= VFS_POS_UNDEFINED) return fail(EINVAL);
+    work->relation = VFS_EQUAL;
+    if (call.mode == VFS_POS_RRN || call.mode == VFS_POS_KEY) {
+        work->flags = static_cast<uint8_t>(work->flags & ~VFS_FLAG_AT_END);
+        const uint64_t length = call.arguments.key != nullptr || call.record == nullptr ? 0
+                                : call.arguments.key_length != 0 ? call.arguments.key_length
+                                                                 : call.record->length;
+        return key_from_arguments(call, work, call.record != nullptr ? call.record->bytes : nullptr, length);
+    }
+    return 0;
+}
+
+// The first step after start returns the record that start found, if it is still there.
+int started_record(vfs_file *file, vfs_request *work, bool *there)
+{
+    *there = false;
+    const file_position &position = file->position;
+    if (work->previous_operation != VFS_OP_START || (work->flags & VFS_FLAG_AT_END) != 0 ||
+        position.side != position_side::entry || position.record_offset >= file->end_of_file)
+        return 0;
+    vfs_request found = *work;
+    found.record_offset = position.record_offset;
+    if (record_head(file, &found) == -1) return errno == ENOEXEC ? 0 : -1;
+    const uint8_t away = file->trees() ? item_relocated : item_moved;
+    if ((found.record_state != item_live && found.record_state != away) || found.rrn != position.rrn) return 0;
+    found.key_number = position.key_number;
+    found.node = position.node;
+    found.item = position.item;
+    found.stamp = position.stamp;
+    if (file->indexed())
+        std::memcpy(work->key, position.key, round_up(key_length_of(file, position.key_number), 8));
+    *work = found;
+    *there = true;
+    return 0;
+}
+
+// Mode 5 has a cursor only when the request names the record of the file position.
+int read_current(vfs_file *file, vfs_request *work)
+{
+    if (current_record(file, work) == -1) return -1;
+    const file_position &position = file->position;
+    const bool known = position.side == position_side::entry && position.record_offset == work->record_offset &&
+                       position.key_number == work->key_number;
+    work->node = known ? position.node : none;
+    work->item = known ? position.item : none;
+    return key_load(file, work);
+}
+
+int position_for_read(const operation_call &call, vfs_request *work)
+{
+    vfs_file *file = call.file;
+    if (apply_mode(call, work) == -1) return -1;
+    if (work->mode <= VFS_POS_PREV) {
+        bool there;
+        if (started_record(file, work, &there) == -1) return -1;
+        if (there) return 0;
+    }
+    work->flags = static_cast<uint8_t>(work->flags & ~VFS_FLAG_DUPLICATE);
+    if (work->mode == VFS_POS_CURRENT) return read_current(file, work);
+    if (work->mode >= VFS_POS_FIRST) skip_clear(work);
+    return position_request(file, work);
+}
+
+bool at_end(const vfs_request &work) { return (work.flags & VFS_FLAG_AT_END) != 0; }
+
+// Steps over records that others hold locked; the file position goes with it.
+lock_outcome lock_or_skip(const operation_call &call, vfs_request *work, operation_lock *lock)
+{
+    vfs_file *file = call.file;
+    for (;;) {
+        const lock_outcome outcome = record_lock(call, *work, lock);
+        if (outcome != lock_outcome::failed) return outcome;
+        const bool several = (file->lock_defaults.lock_flags & VFS_LOCK_SEVERAL) != 0;
+        const bool refused = errno == EAGAIN || (errno == EDEADLK && !several);
+        if (!refused || call.lock->request_kind != VFS_KIND_SKIP || call.mode > VFS_POS_PREV)
+            return lock_outcome::failed;
+        position_save(file, work);
+        if (position_request(file, work) == -1) return lock_outcome::failed;
+        if (at_end(*work)) return lock_outcome::held;
+    }
+}
+
+int duplicates_of_reference(vfs_file *file, vfs_request *work)
+{
+    const bool asked = work->mode <= VFS_POS_LAST || work->mode == VFS_POS_RRN || work->mode == VFS_POS_KEY;
+    if (!asked || !key_allows_duplicates(file, work->key_number)) return 0;
+    vfs_request copy = *work;
+    if (copy.node == none && tree_seek_record(file, &copy) != 0) return 0;
+    if (key_duplicate(file, &copy) == -1) return -1;
+    work->flags = static_cast<uint8_t>((work->flags & ~VFS_FLAG_DUPLICATE) | (copy.flags & VFS_FLAG_DUPLICATE));
+    return 0;
+}
+
+int64_t transfer(vfs_file *file, vfs_request *work)
+{
+    const vfs_buffer *curr = file->data.curr;
+    if ((curr == nullptr || !holds(curr, work->record_offset)) && file->data.readahead != 0) {
+        vfs_request ahead = *work;
+        if (cache_fetch_ahead(&file->data, &ahead) == -1) return -1;
+    }
+    return record_read(file, work);
+}
+
+// The saved blocks and the file position after a read that found a record.
+void save_record(vfs_file *file, vfs_request *work)
+{
+    if ((work->flags & VFS_FLAG_BROWSE) != 0) work->stamp = file->position.stamp;
+    save_last(file, *work);
+    save_current(file, *work);
+    position_save(file, work);
+}
+
+void save_end(const operation_call &call, const vfs_request &work)
+{
+    vfs_file *file = call.file;
+    save_last(file, work);
+    save_current(file, work);
+    file_position &position = file->position;
+    switch (work.mode) {
+    case VFS_POS_AFTER_LAST: position_at_end(file, position_side::after_last); return;
+    case VFS_POS_BEFORE_FIRST: position_at_end(file, position_side::before_first); return;
+    case VFS_POS_FIRST:
+    case VFS_POS_LAST:
+    case VFS_POS_END:
+        position.record_offset = position.node = none;
+        position.key_number = work.key_number;
+        position_at_end(file, work.mode == VFS_POS_FIRST ? position_side::before_first : position_side::after_last);
+        return;
+    default: break;
+    }
+    // A key that is not there: the position is the gap where it would stand, and the key is kept.
+    file->current.mode = file->last.mode = VFS_POS_UNDEFINED;
+    file->current.record_offset = file->last.record_offset = none;
+    if (!file->trees()) return;
+    position.side = position_side::gap;
+    position.key_number = work.key_number;
+    position.node = position.item = position.record_offset = none;
+    position.rrn = work.rrn;
+    if (file->indexed()) std::memcpy(position.key, work.key, round_up(key_length_of(file, work.key_number), 8));
+}
+
+int fill_status(const operation_call &call, vfs_request *work, bool found)
+{
+    vfs_file *file = call.file;
+    vfs_status *status = call.status;
+    if (status == nullptr) return 0;
+    status->record_offset = work->record_offset;
+    status->rrn = work->rrn;
+    status->duplicate = 0;
+    if (file->indexed()) {
+        status->key = file->last.key;
+        if (found) status->duplicate = (work->flags & VFS_FLAG_DUPLICATE) != 0;
+        return 0;
+    }
+    return call.mode == VFS_POS_KEY && found ? rrn_to_key(work) : 0;
+}
+
+int64_t end_of_read(const operation_call &call, vfs_request *work)
+{
+    work->flags2 = static_cast<uint8_t>(work->flags2 & ~VFS_FLAG2_REREAD);
+    skip_clear(work);
+    if (call.mode == VFS_POS_RRN) {
+        errno = ESPIPE;
+        return operation_failed(call.file, *work, true);
+    }
+    save_end(call, *work);
+    if (bracket_end(call.file) == -1) return operation_failed(call.file, *work, true);
+    if (fill_status(call, work, false) == -1) return -1;
+    errno = ESPIPE;
+    return 0;
+}
+
+int64_t read_record(const operation_call &call)
+{
+    vfs_file *file = call.file;
+    vfs_request work = read_request(call);
+    if (file->error != 0) errno = static_cast<int>(file->error);
+    else if ((file->mode_flags & mode_write_only) != 0) errno = EROFS;
+    else errno = 0;
+    if (errno != 0) return operation_failed(file, work, true);
+    if (bracket_begin(file, false) == -1) return operation_failed(file, work, true);
+
+    operation_lock lock;
+    lock_outcome outcome = lock_outcome::held;
+    do {
+        work = read_request(call);
+        if (position_for_read(call, &work) == -1) break;
+        if (at_end(work)) {
+            record_unlock(call, &lock);
+            return end_of_read(call, &work);
+        }
+        outcome = is_shared(file) ? lock_or_skip(call, &work, &lock) : lock_outcome::held;
+        if (outcome == lock_outcome::held && at_end(work)) return end_of_read(call, &work);
+        if (outcome != lock_outcome::held) continue;
+        if (file->indexed() && duplicates_of_reference(file, &work) == -1) break;
+        work.flags2 = static_cast<uint8_t>(work.flags2 & ~VFS_FLAG2_REREAD);
+        const int64_t length = transfer(file, &work);
+        if (length == -1) break;
+        if (call.lock->hold == 0) record_unlock(call, &lock);
+        save_record(file, &work);
+        if (file->acquired && bracket_end(file) == -1) return operation_failed(file, work, true);
+        if (call.status != nullptr && fill_status(call, &work, true) == -1) return -1;
+        if (length == 0) errno = 0;
+        return length;
+    } while (outcome == lock_outcome::again);
+    if (call.lock->hold == 0) record_unlock(call, &lock);
+    return operation_failed(file, work, true);
+}
+
+} // namespace
+
+int64_t operation_read(vfs_file *file, vfs_record *record, void *, vfs_status *status, const vfs_lock_request *lock,
+                       int32_t mode, ...)
+{
+    if (handle_check(file) == -1) return -1;
+    operation_call call = make_call(file, record, status, lock, VFS_OP_READ, mode);
+    va_list arguments;
+    va_start(arguments, mode);
+    call.arguments = take_arguments(argument_form::read, mode, &arguments);
+    va_end(arguments);
+    return read_record(call);
+}

@@ -1,0 +1,323 @@
+// rewrite: replace a record; where key values change, its index entries; where it outgrows its slot, its place.
+//
+// Order in tree files, so that a failure can be taken back and a record is never without an entry: the new copy (when
+// the record moves), the entries of new key values, the addresses of entries that stay, the removal of old entries,
+// the record in place (when it stays), and last the old slot.
+#include "record/locking.h"
+#include "record/operations.h"
+#include "record/positioning.h"
+#include "util/errors.h"
+
+#include <cstdio>
+
+namespace {
+
+vfs_request rewrite_request(const operation_call &call)
+{
+    vfs_request work = working_request(call);
+    work.flags = static_cast<uint8_t>(work.flags & ~(VFS_FLAG_CURRENT | VFS_FLAG_DUPLICATE | VFS_FLAG_BROWSE));
+    work.flags |= call.file->current.flags & VFS_FLAG_BROWSE;
+    return work;
+}
+
+int open_check(const operation_call &call)
+{
+    const vfs_file *file = call.file;
+    if (file->error != 0) return fail(static_cast<int>(file->error));
+    if (is_read_only(file)) return fail(EROFS);
+    if (call.record == nullptr || (call.record->bytes == nullptr && call.record->length != 0)) return fail(EINVAL);
+    if (file->fixed_length() && call.record->length != file->maximum_record) return fail(ERANGE);
+    return 0;
+}
+
+int position_for_rewrite(const operation_call &call, vfs_request *work)
+{
+    vfs_file *file = call.file;
+    if (call.mode == VFS_POS_END || (call.mode >= VFS_POS_BEFORE_FIRST && call.mode <= VFS_POS_UNDEFINED))
+        return fail(EINVAL);
+    if (call.mode == VFS_POS_KEY) {
+        if (key_number_check(file, call.arguments.key_number) == -1) return -1;
+        if (key_allows_duplicates(file, call.arguments.key_number)) return fail(EINVAL);
+        const uint64_t length = call.arguments.key_length != 0 ? call.arguments.key_length : work->record_length;
+        if (key_from_arguments(call, work, work->record, length) == -1) return -1;
+    } else if (key_from_arguments(call, work, nullptr, 0) == -1) {
+        return -1;
+    }
+    return record_wanted(file, work);
+}
+
+// ---- Tree files ----
+
+// One index entry: a key request for key k, its value in `key`.
+vfs_request entry_request(const vfs_request &work, uint64_t k, void *key)
+{
+    vfs_request entry = work;
+    entry.key_number = k;
+    entry.key = key;
+    entry.flags = static_cast<uint8_t>(entry.flags & ~VFS_FLAG_DUPLICATE);
+    return entry;
+}
+
+struct key_values {
+    vfs_request fresh, stored; // value in the new record, value in the stored one
+};
+
+int load_values(vfs_file *file, const vfs_request &work, uint64_t k, key_values *values)
+{
+    values->fresh = entry_request(work, k, file->scratch_key);
+    values->stored = entry_request(work, k, file->old_key);
+    if (key_extract(file, &values->fresh, work.record, work.record_length) == -1) return -1;
+    return key_load(file, &values->stored);
+}
+
+// Which keys change, and whether they may.
+int check_keys(vfs_file *file, vfs_request *work)
+{
+    work->flags2 |= VFS_FLAG2_NO_KEY_CHANGE;
+    for (uint64_t k = 0; k < file->key_count; ++k) {
+        key_values values;
+        if (load_values(file, *work, k, &values) == -1) return -1;
+        const bool changed = key_compare(file, k, values.fresh.key, values.stored.key) != 0;
+        const bool duplicates = key_allows_duplicates(file, k);
+        file->changed_keys[k] = changed;
+        if (!changed && !duplicates) continue;
+        if (changed) {
+            if (k == file->primary_key && file->access_mode == VFS_ACCESS_SEQUENTIAL) return fail(EEXIST);
+            work->flags2 = static_cast<uint8_t>(work->flags2 & ~VFS_FLAG2_NO_KEY_CHANGE);
+        }
+        values.fresh.relation = VFS_EQUAL;
+        const int found = key_find(file, &values.fresh);
+        if (found == -1 && errno != ESPIPE) return -1;
+        if (found == -1) continue;
+        if (changed && !duplicates) return fail(EADDRINUSE);
+        if (changed) {
+            work->flags |= VFS_FLAG_DUPLICATE;
+            continue;
+        }
+        if (key_duplicate(file, &values.fresh) == -1) return -1;
+        work->flags |= values.fresh.flags & VFS_FLAG_DUPLICATE;
+    }
+    return 0;
+}
+
+// What has been done to the index so far, to be taken back on failure.
+struct index_change {
+    uint64_t home, place; // the record's slot before and after
+    uint64_t inserted = 0, repointed = 0, removed = 0; // keys below these numbers are done
+};
+
+int insert_fresh(vfs_file *file, vfs_request *work, index_change *change)
+{
+    for (uint64_t k = 0; k < file->key_count; ++k, change->inserted = k) {
+        if (file->changed_keys[k] == 0) continue;
+        vfs_request entry = entry_request(*work, k, file->scratch_key);
+        entry.record_offset = change->place;
+        if (key_extract(file, &entry, work->record, work->record_length) == -1) return -1;
+        if (key_insert(file, &entry) == -1) return -1;
+        if (k != work->key_number) continue;
+        work->node = entry.node;
+        work->item = entry.item;
+        work->stamp = entry.stamp;
+    }
+    return 0;
+}
+
+int repoint_kept(vfs_file *file, const vfs_request &stored, index_change *change)
+{
+    if (change->place == change->home) return 0;
+    for (uint64_t k = 0; k < file->tree_count; ++k, change->repointed = k) {
+        if (file->indexed() && file->changed_keys[k] != 0) continue;
+        vfs_request entry = entry_request(stored, k, file->old_key);
+        if (file->indexed() && key_load(file, &entry) == -1) return -1;
+        if (key_repoint(file, &entry, change->place) == -1) return -1;
+    }
+    return 0;
+}
+
+int remove_stored(vfs_file *file, const vfs_request &stored, index_change *change)
+{
+    for (uint64_t k = 0; k < file->key_count; ++k, change->removed = k) {
+        if (file->changed_keys[k] == 0) continue;
+        vfs_request entry = entry_request(stored, k, file->old_key);
+        if (key_load(file, &entry) == -1) return -1;
+        if (key_delete(file, &entry) == -1 && errno != ESPIPE) return -1;
+    }
+    return 0;
+}
+
+// Best effort: the error that led here is the one that is reported.
+void take_back(vfs_file *file, const vfs_request &work, const vfs_request &stored, const index_change &change)
+{
+    const int cause = errno;
+    for (uint64_t k = 0; k < change.removed; ++k) {
+        vfs_request entry = entry_request(stored, k, file->old_key);
+        if (file->changed_keys[k] != 0 && key_load(file, &entry) == 0) (void)key_insert(file, &entry);
+    }
+    for (uint64_t k = 0; k < change.repointed; ++k) {
+        if (file->indexed() && file->changed_keys[k] != 0) continue;
+        vfs_request entry = entry_request(stored, k, file->old_key);
+        if (file->indexed() && key_load(file, &entry) == -1) continue;
+        entry.record_offset = change.place;
+        (void)key_repoint(file, &entry, change.home);
+    }
+    for (uint64_t k = 0; k < change.inserted; ++k) {
+        if (file->changed_keys[k] == 0) continue;
+        vfs_request entry = entry_request(work, k, file->scratch_key);
+        entry.record_offset = change.place;
+        if (key_extract(file, &entry, work.record, work.record_length) == 0) (void)key_delete(file, &entry);
+    }
+    if (change.place != change.home) (void)slot_free(file, change.place);
+    errno = cause;
+}
+
+// The new copy of a record that outgrew its slot, in the file before anything leads to it.
+int write_copy(vfs_file *file, const vfs_request &work, vfs_request *copy)
+{
+    *copy = work;
+    if (slot_list_prepare(file) == -1 || slot_choose(file, copy) == -1) return -1;
+    copy->record_state = item_relocated;
+    if (record_write_new(file, copy) == -1) return -1;
+    return cache_write_out(&file->data, copy->record_offset, copy->record_offset + copy->stored_length - 1);
+}
+
+void moved_positions(vfs_file *file, uint64_t home, const vfs_request &copy)
+{
+    file_position &position = file->position;
+    if (position.side == position_side::entry && position.record_offset == home) {
+        position.record_offset = copy.record_offset;
+        position.stored_length = copy.stored_length;
+    }
+    if (file->current.record_offset == home) {
+        file->current.record_offset = copy.record_offset;
+        file->current.stored_length = copy.stored_length;
+        file->current.data_offset = copy.data_offset;
+    }
+}
+
+// The primary key of this record is about to change: is it the one that the next append is compared with?
+bool is_sequence_key(vfs_file *file, const vfs_request &work)
+{
+    if (!file->indexed() || !file->sequence_key_known || file->changed_keys[file->primary_key] == 0) return false;
+    vfs_request old = entry_request(work, file->primary_key, file->old_key);
+    return key_load(file, &old) == 0 && key_compare(file, file->primary_key, old.key, file->sequence_key) == 0;
+}
+
+int64_t rewrite_in_trees(const operation_call &call, vfs_request *work, operation_lock *lock)
+{
+    vfs_file *file = call.file;
+    if (file->indexed() && check_keys(file, work) == -1) return -1;
+    if (change_begin(file) == -1) return -1;
+    const bool sequence_lost = is_sequence_key(file, *work);
+    const vfs_request stored = *work;
+    const bool moves = slot_bytes(work->record_length) > work->stored_length;
+    vfs_request copy = *work;
+    if (moves && write_copy(file, *work, &copy) == -1) return -1;
+
+    index_change change{stored.record_offset, copy.record_offset};
+    int64_t length = static_cast<int64_t>(work->record_length);
+    bool done = !file->indexed() || insert_fresh(file, work, &change) == 0;
+    done = done && repoint_kept(file, stored, &change) == 0;
+    done = done && (!file->indexed() || remove_stored(file, stored, &change) == 0);
+    if (done && moves) done = record_lock_move(call, copy, lock) == 0;
+    if (done && !moves) done = (length = record_rewrite_in_place(file, work)) != -1;
+    if (!done) {
+        take_back(file, *work, stored, change);
+        return -1;
+    }
+    if (sequence_lost) file->sequence_key_known = false;
+    count_change(file, copy.record_offset);
+    if (!moves) return length;
+    ++file->dsn;
+    if (slot_free(file, stored.record_offset) == -1) return -1;
+    const uint64_t node = work->node, item = work->item, stamp = work->stamp;
+    const uint8_t flags = work->flags;
+    moved_positions(file, stored.record_offset, copy);
+    *work = copy;
+    work->node = node;
+    work->item = item;
+    work->stamp = stamp;
+    work->flags = flags;
+    return length;
+}
+
+int64_t rewrite_in_flat_file(vfs_file *file, vfs_request *work)
+{
+    if (change_begin(file) == -1) return -1;
+    const int64_t length = record_rewrite(file, work);
+    if (length != -1) count_change(file, work->record_offset);
+    return length;
+}
+
+int fill_status(const operation_call &call, vfs_request *work)
+{
+    vfs_file *file = call.file;
+    vfs_status *status = call.status;
+    if (status == nullptr) return 0;
+    status->record_offset = work->record_offset;
+    status->rrn = work->rrn;
+    status->duplicate = 0;
+    if (file->indexed()) {
+        status->key = file->last.key;
+        status->duplicate = (work->flags & VFS_FLAG_DUPLICATE) != 0;
+        return 0;
+    }
+    return call.mode == VFS_POS_KEY ? rrn_to_key(work) : 0;
+}
+
+int64_t rewrite_failed(const operation_call &call, const vfs_request &work)
+{
+    if (call.file->debug) {
+        const int cause = errno;
+        std::fprintf(stderr, "Rewrite failed %d rrn %ld key %s\n", cause, static_cast<long>(work.rrn),
+                     static_cast<const char *>(work.key));
+        errno = cause;
+    }
+    return operation_failed(call.file, work, false);
+}
+
+int64_t replace(const operation_call &call, vfs_request *work, operation_lock *lock)
+{
+    vfs_file *file = call.file;
+    if (!file->trees()) return rewrite_in_flat_file(file, work);
+    const int64_t length = rewrite_in_trees(call, work, lock);
+    if (length == -1 || !file->indexed()) return length;
+    return key_extract(file, work, work->record, work->record_length) == -1 ? -1 : length;
+}
+
+int64_t rewrite_record(const operation_call &call)
+{
+    vfs_file *file = call.file;
+    vfs_request work = rewrite_request(call);
+    if (open_check(call) == -1) return rewrite_failed(call, work);
+    if (bracket_begin(file, true) == -1) return rewrite_failed(call, work);
+    operation_lock lock;
+    lock_outcome outcome;
+    do {
+        work = rewrite_request(call);
+        outcome = position_for_rewrite(call, &work) == -1 ? lock_outcome::failed : record_lock(call, work, &lock);
+    } while (outcome == lock_outcome::again);
+    const int64_t length = outcome == lock_outcome::failed ? -1 : replace(call, &work, &lock);
+    if (length == -1) {
+        if (call.lock->hold == 0) record_unlock(call, &lock);
+        return rewrite_failed(call, work);
+    }
+    save_last(file, work);
+    if (call.lock->hold == 0) record_unlock(call, &lock);
+    if (bracket_end(file) == -1) return rewrite_failed(call, work);
+    if (call.status != nullptr && fill_status(call, &work) == -1) return -1;
+    return length;
+}
+
+} // namespace
+
+int64_t operation_rewrite(vfs_file *file, vfs_record *record, void *, vfs_status *status, const vfs_lock_request *lock,
+                          int32_t mode, ...)
+{
+    if (handle_check(file) == -1) return -1;
+    operation_call call = make_call(file, record, status, lock, VFS_OP_REWRITE, mode);
+    va_list arguments;
+    va_start(arguments, mode);
+    call.arguments = take_arguments(argument_form::plain, mode, &arguments);
+    va_end(arguments);
+    return rewrite_record(call);
+}
