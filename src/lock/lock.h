@@ -28,19 +28,21 @@ inline constexpr uint64_t metadata_byte = 0x3200000000;
 // What is to be locked. For Exclusive and File the range follows from the kind; start and length are then ignored.
 struct lock_target {
     file_state *file = nullptr;
-    vfs_cache *counted = nullptr;   // the cache whose lock counter and lock time move
+    vfs_cache *counted = nullptr; // the cache whose lock counter and lock time move
     lock_kind kind = lock_file;
-    bool write = false;             // write lock, else read lock
-    uint64_t start = 0, length = 0; // Block, Record, Metadata
+    bool write = false;                       // write lock, else read lock
+    uint64_t start = 0, length = 0;           // Block, Record, Metadata
     const vfs_lock_request *policy = nullptr; // wait mode, retries, sleep; null: the file's own settings
-    bool try_only = false;          // never wait: a conflict is EAGAIN at once, and prints nothing
+    bool try_only = false;                    // never wait: a conflict is EAGAIN at once, and prints nothing
+    bool opening = false; // Metadata of a shared open: a File lock in its way is met by the wait mode
 };
 
 // Takes the lock: the number of waits made, or -1 with errno (EAGAIN, EDEADLK, ENOLCK, ETXTBSY, EINVAL, ESPIPE).
 [[nodiscard]] int lock_set(const lock_target &target);
 // Releases it: 0, or -1 (ENOENT, with the diagnostic, when the handle does not hold it).
 int lock_clr(const lock_target &target);
-// Tests without taking: 0 with description->l_type F_UNLCK when it could be granted, else the conflicting lock.
+// Tests without taking: 0 with description->l_type F_UNLCK when it could be granted, else the conflicting lock, whose
+// l_pid is -1 when another handle of this process holds it.
 [[nodiscard]] int lock_test(file_state *file, struct flock *description, lock_kind kind);
 // Releases every record lock of the handle; 0 or -1.
 int lock_release_records(file_state *file);
@@ -51,6 +53,9 @@ void lock_note(lock_note_kind which, const file_state *file);
 // True when the handle holds a Record entry starting at `start`, a write lock when `write`.
 bool lock_holds_record(file_state *file, uint64_t start, bool write);
 
+// For the registry: how many locks the file's handles hold; gives up whatever the handle still holds, silently.
+uint32_t lock_count(const shared_file_state *shared);
+void lock_abandon(file_state *file);
 void lock_table_free(vfs_lock_table *table);
 
 #endif
