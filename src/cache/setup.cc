@@ -45,9 +45,9 @@ void preread(vfs_cache *cache)
 {
     uint64_t start = cache->preread_position & cache->block_mask;
     for (uint32_t left = cache->preread_count; left > 0; --left) {
-        const uint32_t missed = cache->miss;
-        cache_prefetch(cache, start == cache->filesize ? cache->filesize - 1 : start);
-        if (cache->miss == missed || preread_ends(cache, start)) return;
+        const uint64_t position = start == cache->filesize ? cache->filesize - 1 : start;
+        cache_prefetch(cache, position);
+        if (cache_lookup(cache, position) == 0 || preread_ends(cache, start)) return;
         start += cache->preread_direction == preread_forward ? cache->block_size : -cache->block_size;
     }
 }
