@@ -56,8 +56,9 @@ void release_descriptors(vfs_file *file)
 {
     if (file->fd < 0) return;
     if (file->map_base != nullptr && munmap(file->map_base, file->map_length) == -1) store_error(file, errno);
-    if (registry_release(file) == -1) store_error(file, errno);
-    file->fd = -1;
+    usage_snapshot now{};
+    if (registry_release(file, &now) == -1) store_error(file, errno);
+    file->closed = {now.ticks, now.usage};
 }
 
 void print_delay(const char *format, const wait_times &times)
@@ -83,7 +84,10 @@ void print_statistics(const vfs_file *file)
         std::snprintf(text, sizeof text, "%s",
                       format_times(&file->opened.ticks, &file->opened.usage, &file->closed.ticks, &file->closed.usage,
                                    &bytes));
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat" // the grouping flag is POSIX, not ISO C
         std::fprintf(stderr, "Open to Close: #%'lld %s\n", static_cast<long long>(file->operation_count), text);
+#pragma GCC diagnostic pop
     }
     if (file->physically_sequential) std::fprintf(stderr, "File is physically sequential\n");
 }

@@ -331,17 +331,6 @@ bool try_again(vfs_file *file, const open_services &services, int error, int *fl
     }
 }
 
-// Standard descriptors may be closed in the host: a file must not take their place, or messages are written into it.
-int above_standard(int fd)
-{
-    if (fd > STDERR_FILENO) return fd;
-    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    const int cause = errno;
-    close(fd);
-    errno = cause;
-    return moved;
-}
-
 int system_flags(const vfs_file *file)
 {
     constexpr uint32_t never = O_APPEND | O_TRUNC; // the driver places records, and makes files anew under its locks
@@ -357,16 +346,13 @@ int open_descriptor(vfs_file *file, const open_services &services)
     int flags = system_flags(file);
     open_attempts attempts;
     for (;;) {
-        file->fd = registry_take_descriptor(file->path, flags);
-        if (file->fd == -1) file->fd = open(file->path, flags, 0666);
+        file->fd = registry_open(file->path, flags, 0666);
         if (file->fd != -1) break;
         const int error = errno;
         if (try_again(file, services, error, &flags, &attempts)) continue;
         if (file->debug) std::fprintf(stderr, "open errno %d\n", error);
         return refuse(file, error);
     }
-    file->fd = above_standard(file->fd);
-    if (file->fd == -1) return -1;
     file->open_flags |= O_NONBLOCK;
     if (!is_read_only(file)) file->open_flags = (file->open_flags & ~static_cast<uint32_t>(O_ACCMODE)) | O_RDWR;
     if (attempts.announced) lock_note(note_resuming, file);
@@ -635,7 +621,13 @@ int open_steps(vfs_file *file, const open_services &services)
     choose_engines(file);
     if (check_creation(file) == -1) return -1;
     if (open_descriptor(file, services) == -1) return -1;
-    if (registry_add(file) == -1) return -1;
+    usage_snapshot now;
+    if (registry_add(file, &now) == -1) {
+        registry_discard(file->fd);
+        file->fd = -1;
+        return -1;
+    }
+    file->opened = {now.ticks, now.usage};
     if (prepare_stream(file) == -1 || take_file_locks(file) == -1 || size_under_locks(file) == -1) return -1;
     return set_up_store(file);
 }

@@ -85,11 +85,9 @@ int apply_mode(const operation_call &call, vfs_request *work, uint64_t *leading)
     work->flags = static_cast<uint8_t>(work->flags & ~VFS_FLAG_AT_END);
     switch (call.mode) {
     case VFS_POS_NEXT:
-        work->relation = VFS_GREATER;
         if (first_operation) at_first(work);
         return 0;
     case VFS_POS_PREV:
-        work->relation = VFS_LESS;
         if (first_operation) at_last(work);
         return 0;
     case VFS_POS_FIRST:
