@@ -49,6 +49,7 @@ void buffer_reset(vfs_buffer *buffer)
     buffer->changed_from = buffer->changed_to = 0;
     buffer->size = cache->block_size;
     buffer->error = 0;
+    buffer->checked = false;
     buffer->iostate &= static_cast<uint8_t>(~buffer_in_flight);
     buffer->cancelled.store(false, std::memory_order_relaxed);
     buffer->mask = cache->block_mask;

@@ -218,6 +218,7 @@ int buffer_start_read(vfs_buffer *buffer)
     prepare(buffer, transfer_read, {buffer->offset, buffer->end + 1});
     buffer->bytes = 0;
     buffer->valid_end = buffer->offset - 1;
+    buffer->checked = false;
     queue_append(&buffer->cache->read_queue, buffer);
     count_pending(buffer->cache, buffer->cache->pending_reads, 1);
     return start(buffer);
@@ -262,6 +263,7 @@ int buffer_read_rest(vfs_buffer *buffer)
     if (buffer->bytes >= buffer->size) return 0;
     const uint64_t valid_to = buffer->offset + buffer->bytes;
     prepare(buffer, transfer_read, {valid_to, buffer->end + 1});
+    buffer->checked = false;
     sync_engine.start(buffer);
     buffer->done = 1;
     if (buffer->error != 0) {
