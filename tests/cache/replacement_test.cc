@@ -195,6 +195,19 @@ TEST_P(Replacement, IndexBlockIsWrittenWholeAndMovesWithItsChange)
     EXPECT_EQ(meta.stats.bytes_written, block);
 }
 
+TEST_P(Replacement, MarkOfAVerifiedBlockGoesWithTheBlock)
+{
+    fill(3);
+    set_up(&index, 1, 1);
+    cache_fetch_at(&index, 0)->checked = true;
+    EXPECT_TRUE(cache_fetch_at(&index, 0)->checked);
+    EXPECT_FALSE(cache_fetch_at(&index, block)->checked) << "another block in the same buffer";
+    cache_fetch_at(&index, block)->checked = true;
+    cache_discard(&index);
+    EXPECT_FALSE(cache_fetch_at(&index, block)->checked);
+    check();
+}
+
 TEST_P(Replacement, InvalidateWritesAndDiscardDoesNot)
 {
     fill(6);
