@@ -498,6 +498,7 @@ int open_data_cache(vfs_file *file)
     file->data.rfd = file->data.wfd = file->fd;
     file->data.filesize = file->end_of_file;
     file->data.flags |= cache_zero_fill;
+    if (file->data_block_size < file->data.block_size) file->data.flags |= cache_split_changes;
     if (file->preallocates && is_regular(file)) {
         file->data.flags |= cache_preallocates;
         file->data.state |= cache_fallocate_usable;
