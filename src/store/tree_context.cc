@@ -36,6 +36,7 @@ int context_open(vfs_file *file, uint64_t key)
     vfs_cache *cache = &context.cache;
     const vfs_cache &meta = file->meta;
     cache_reset(cache, file, cache_index);
+    cache->name = meta.name;
     cache->rfd = meta.rfd;
     cache->wfd = meta.wfd;
     cache->engine = meta.engine;

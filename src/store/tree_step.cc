@@ -94,7 +94,9 @@ int find_again(const index_tree &tree, bool forward, tree_place *place)
         if (found == 1) return beside_neighbour(tree, key, forward, place);
         return found;
     }
-    if (tree_bound(tree, key, forward, place) == -1) return -1;
+    // At a gap, an equal key came in after the record had gone: before the gap, or behind it where equal keys may be.
+    const bool behind = position.side == position_side::gap ? !tree.allows_duplicates() : forward;
+    if (tree_bound(tree, key, behind, place) == -1) return -1;
     if (forward) --place->item;
     return 0;
 }
@@ -228,16 +230,17 @@ int neighbour_is_equal(const index_tree &tree, const search_key &key, tree_place
 int tree_next(const index_tree &tree, tree_place *place, uint64_t stamp)
 {
     uint64_t item = place->item + 1; // from before item 0 (none) to item 0
-    uint64_t address = place->node;
+    uint64_t address = place->node, from = none;
     for (uint64_t left = tree.get(key_entry_leaves);; --left) {
         const vfs_buffer *leaf = leaf_fetch(tree, address);
         if (leaf == nullptr) return -1;
-        if (left == 0) return tree_damaged(tree);
+        if (left == 0 || (from != none && node_get(leaf, node_left) != from)) return tree_damaged(tree);
         for (const uint64_t ent = node_entries(leaf); item < ent; ++item) {
             if (!acceptable(leaf, item, stamp)) continue;
             *place = {address, item};
             return 0;
         }
+        from = address;
         address = node_get(leaf, node_right);
         if (address == 0) return 1;
         item = 0;
@@ -247,17 +250,18 @@ int tree_next(const index_tree &tree, tree_place *place, uint64_t stamp)
 int tree_prev(const index_tree &tree, tree_place *place, uint64_t stamp)
 {
     uint64_t item = place->item == none ? 0 : place->item; // entries below it are before the cursor
-    uint64_t address = place->node;
+    uint64_t address = place->node, from = none;
     for (uint64_t left = tree.get(key_entry_leaves);; --left) {
         const vfs_buffer *leaf = leaf_fetch(tree, address);
         if (leaf == nullptr) return -1;
-        if (left == 0) return tree_damaged(tree);
+        if (left == 0 || (from != none && node_get(leaf, node_right) != from)) return tree_damaged(tree);
         const uint64_t ent = node_entries(leaf);
         for (item = item < ent ? item : ent; item != 0;) {
             if (!acceptable(leaf, --item, stamp)) continue;
             *place = {address, item};
             return 0;
         }
+        from = address;
         address = node_get(leaf, node_left);
         if (address == 0) return 1;
         item = none;

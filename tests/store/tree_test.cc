@@ -1,0 +1,596 @@
+// The index trees against an ordered list of what they should hold: structure, search with every relation, steps from
+// the file position, edges, runs of equal keys, and trees whose bytes were damaged. Long keys make small nodes, so
+// that a few thousand entries give four levels.
+#include "tree_fixture.h"
+
+#include <algorithm>
+#include <list>
+#include <random>
+
+namespace {
+
+constexpr uint64_t long_key = 1600; // 20 entries a node
+
+uint64_t offset_of(uint64_t number)
+{
+    return 1000000 + 8 * number;
+}
+
+entry_list listed(const std::multimap<std::string, uint64_t> &model)
+{
+    return {model.begin(), model.end()};
+}
+
+// What a relation finds among the entries.
+uint64_t expected(const std::multimap<std::string, uint64_t> &model, const std::string &key, uint8_t relation)
+{
+    const auto lower = model.lower_bound(key), upper = model.upper_bound(key);
+    switch (relation) {
+    case VFS_LESS: return lower == model.begin() ? none : std::prev(lower)->second;
+    case VFS_LESS_EQUAL: return upper == model.begin() ? none : std::prev(upper)->second;
+    case VFS_EQUAL: return lower == upper ? none : lower->second;
+    case VFS_GREATER_EQUAL: return lower == model.end() ? none : lower->second;
+    default: return upper == model.end() ? none : upper->second;
+    }
+}
+
+void random_work(tree_file &file, uint64_t keys, unsigned operations, bool duplicates, unsigned seed)
+{
+    std::mt19937 random(seed);
+    std::multimap<std::string, uint64_t> model;
+    uint64_t next = 0;
+    for (unsigned i = 0; i < operations; ++i) {
+        // It fills, then shrinks to little, again and again.
+        const bool growing = (i / (operations / 4)) % 2 == 0;
+        const uint64_t number = random() % keys;
+        const std::string key = file.relative ? rrn_key(number) : key_number(number, file.length);
+        if (random() % 10 < (growing ? 8u : 2u)) {
+            const bool refused = !duplicates && model.contains(key);
+            ASSERT_EQ(file.insert(key, offset_of(next)), refused ? -1 : 0) << i;
+            if (refused) {
+                ASSERT_EQ(errno, EADDRINUSE);
+            } else {
+                model.emplace(key, offset_of(next));
+            }
+            ++next;
+        } else if (!model.empty()) {
+            auto victim = model.lower_bound(key);
+            if (victim == model.end()) victim = model.begin();
+            for (unsigned steps = random() % 4; steps != 0 && std::next(victim) != model.end(); --steps) ++victim;
+            ASSERT_EQ(file.remove(victim->first, victim->second), 0) << i << std::strerror(errno);
+            ASSERT_EQ(file.remove(victim->first, victim->second), -1);
+            ASSERT_EQ(errno, ESPIPE);
+            model.erase(victim);
+        }
+        if (i % 997 == 0) {
+            ASSERT_EQ(file.differs(listed(model)), "") << "after " << i;
+        }
+        if (i % 7 == 0 && !file.relative) {
+            const uint8_t relation = static_cast<uint8_t>(random() % 5);
+            const std::string sought = key_number(random() % (keys + 2), file.length);
+            ASSERT_EQ(file.find(sought, relation), expected(model, sought, relation)) << i << ' ' << int(relation);
+        }
+    }
+    ASSERT_EQ(file.differs(listed(model)), "");
+    while (!model.empty()) {
+        const auto victim = std::next(model.begin(), static_cast<long>(random() % std::min<size_t>(model.size(), 50)));
+        ASSERT_EQ(file.remove(victim->first, victim->second), 0);
+        model.erase(victim);
+    }
+    ASSERT_EQ(file.differs({}), "");
+    EXPECT_EQ(file.tree().get(key_entry_depth), 1u);
+}
+
+TEST(Tree, RandomWorkOnUniqueKeysAgreesWithTheModel)
+{
+    tree_file file(long_key);
+    random_work(file, 20000, 24000, false, 1);
+}
+
+TEST(Tree, RandomWorkOnEqualKeysAgreesWithTheModel)
+{
+    tree_file few(long_key, true); // runs longer than leaves and than the children of a branch
+    random_work(few, 6, 8000, true, 2);
+    tree_file many(long_key, true);
+    random_work(many, 500, 12000, true, 3);
+}
+
+TEST(Tree, RandomWorkOnRecordNumbersAgreesWithTheModel)
+{
+    tree_file file(0);
+    random_work(file, 30000, 24000, false, 4);
+}
+
+TEST(Tree, KeysShorterThanAWordAreComparedAlone)
+{
+    tree_file file(5);
+    random_work(file, 99999, 12000, false, 5);
+}
+
+TEST(Tree, AscendingLoadFillsLeavesAndDescendingLoadToo)
+{
+    for (const bool ascending : {true, false}) {
+        tree_file file(long_key);
+        entry_list wanted;
+        testing::internal::CaptureStderr();
+        for (uint64_t i = 0; i < 1000; ++i) {
+            const uint64_t number = ascending ? i : 999 - i;
+            ASSERT_EQ(file.insert(key_number(number, long_key), offset_of(number)), 0);
+            wanted.emplace_back(key_number(number, long_key), offset_of(number));
+        }
+        testing::internal::GetCapturedStderr();
+        std::sort(wanted.begin(), wanted.end());
+        EXPECT_EQ(file.differs(wanted), "");
+        EXPECT_EQ(file.leaf_sizes(), std::vector<uint64_t>(50, 20));
+        EXPECT_EQ(file.tree().get(key_entry_depth), 3u);
+    }
+}
+
+TEST(Tree, FirstLeafOfAnEightByteKeyHolds1360Entries)
+{
+    tree_file file(8);
+    for (uint64_t i = 0; i < 1360; ++i) ASSERT_EQ(file.insert(key_number(i, 8), offset_of(i)), 0);
+    EXPECT_EQ(file.tree().get(key_entry_depth), 1u);
+    ASSERT_EQ(file.insert(key_number(1360, 8), offset_of(1360)), 0);
+    EXPECT_EQ(file.leaf_sizes(), (std::vector<uint64_t>{1360, 1}));
+    EXPECT_EQ(file.tree().get(key_entry_depth), 2u);
+    EXPECT_EQ(file.tree().get(key_entry_branch_entries), 2u);
+}
+
+// Three full leaves of even numbers 0..118; then entries are taken out and one is put in.
+struct room_case {
+    const char *name;
+    std::vector<uint64_t> removed;
+    uint64_t added;
+    std::vector<uint64_t> sizes;
+};
+
+TEST(Tree, FullNodeGivesOneEntryToTheNeighbourWithLess)
+{
+    const room_case cases[] = {
+        {"both have room, left on a tie", {0, 80}, 61, {20, 20, 19}},
+        {"both have room, right has less", {0, 80, 82}, 61, {19, 20, 19}},
+        {"only right", {80}, 61, {20, 20, 20}},
+        {"only left", {0}, 61, {20, 20, 20}},
+        {"neither, lower half: new left sibling", {}, 45, {20, 1, 20, 20}},
+        {"neither, upper half: new right sibling", {}, 75, {20, 20, 1, 20}},
+        {"behind the last entry, right has room", {90}, 79, {20, 20, 20}},
+        {"behind the last entry, right is full", {0}, 79, {19, 20, 1, 20}},
+        {"behind the last entry of the tree", {}, 119, {20, 20, 20, 1}},
+        {"before the first entry of the tree", {0}, 0, {20, 20, 20}},
+    };
+    for (const room_case &c : cases) {
+        tree_file file(long_key);
+        std::multimap<std::string, uint64_t> model;
+        const auto add = [&](uint64_t number) {
+            ASSERT_EQ(file.insert(key_number(number, long_key), offset_of(number)), 0);
+            model.emplace(key_number(number, long_key), offset_of(number));
+        };
+        for (uint64_t i = 0; i < 60; ++i) add(2 * i);
+        for (const uint64_t number : c.removed) {
+            ASSERT_EQ(file.remove(key_number(number, long_key), offset_of(number)), 0);
+            model.erase(key_number(number, long_key));
+        }
+        add(c.added);
+        EXPECT_EQ(file.leaf_sizes(), c.sizes) << c.name;
+        EXPECT_EQ(file.differs(listed(model)), "") << c.name;
+    }
+}
+
+// The position as the model sees it: its record, or where that record was.
+class position_model {
+public:
+    struct entry {
+        std::string key;
+        uint64_t offset;
+        bool live;
+    };
+    explicit position_model(bool duplicates) : duplicates_(duplicates) {}
+
+    void insert(const std::string &key, uint64_t offset)
+    {
+        auto at = list_.begin();
+        while (at != list_.end() && (at->key < key || (at->key == key && (at->live || duplicates_)))) ++at;
+        list_.insert(at, {key, offset, true});
+    }
+    void remove(std::list<entry>::iterator at)
+    {
+        if (at == stand)
+            at->live = false; // its place stays marked
+        else
+            list_.erase(at);
+    }
+    void move_to(std::list<entry>::iterator at)
+    {
+        if (stand != list_.end() && !stand->live) list_.erase(stand);
+        stand = at;
+    }
+    uint64_t beside(bool forward)
+    {
+        auto at = stand;
+        while (forward || at != list_.begin()) {
+            forward ? ++at : --at;
+            if (at == list_.end()) return none;
+            if (at->live) return at->offset;
+        }
+        return none;
+    }
+    entry_list entries() const
+    {
+        entry_list live;
+        for (const entry &e : list_)
+            if (e.live) live.emplace_back(e.key, e.offset);
+        return live;
+    }
+    std::list<entry> list_;
+    std::list<entry>::iterator stand = list_.end();
+
+private:
+    bool duplicates_;
+};
+
+void position_work(uint64_t keys, bool duplicates, bool relative, unsigned seed)
+{
+    tree_file file(relative ? 0 : long_key, duplicates);
+    position_model model(duplicates);
+    std::mt19937 random(seed);
+    const auto make_key = [&](uint64_t number) { return relative ? rrn_key(number) : key_number(number, long_key); };
+    uint64_t next = 0;
+    for (unsigned i = 0; i < 4000; ++i) {
+        const size_t live = model.entries().size();
+        const bool growing = (i / 500) % 2 == 0;
+        const unsigned what = random() % 10;
+        if (what < (growing ? 7u : 2u) || live == 0) {
+            const std::string key = make_key(random() % keys);
+            if (file.insert(key, offset_of(next)) == 0)
+                model.insert(key, offset_of(next));
+            else
+                ASSERT_EQ(errno, EADDRINUSE);
+            ++next;
+        } else {
+            // As a rule the current record or one close to it.
+            auto at = model.stand == model.list_.end() || random() % 8 == 0 ? model.list_.begin() : model.stand;
+            for (unsigned steps = random() % 5; steps != 0 && std::next(at) != model.list_.end(); --steps) ++at;
+            while (!at->live) at = at == model.list_.begin() ? std::prev(model.list_.end()) : std::prev(at);
+            ASSERT_EQ(file.remove(at->key, at->offset), 0) << i;
+            model.remove(at);
+        }
+        if (model.stand == model.list_.end() || random() % 12 == 0) {
+            if (model.entries().empty()) continue;
+            auto at = std::next(model.list_.begin(), static_cast<long>(random() % model.list_.size()));
+            if (!at->live) continue;
+            model.move_to(at);
+            file.stand_at(at->key, at->offset);
+        }
+        file.handle.current.flags2 = 0; // no line about the re-reading here
+        ASSERT_EQ(file.peek(true), model.beside(true)) << "next after " << i << " seed " << seed;
+        ASSERT_EQ(file.peek(false), model.beside(false)) << "previous after " << i << " seed " << seed;
+        if (model.stand->live) {
+            ASSERT_EQ(file.handle.position.side, position_side::entry);
+        }
+        if (i % 40 == 0 && (model.stand->live || !duplicates)) { // the cursor lost: found again by identity
+            file.forget_cache();
+            ASSERT_EQ(file.peek(true), model.beside(true)) << i;
+            ASSERT_EQ(file.peek(false), model.beside(false)) << i;
+            if (model.stand->live)
+                file.stand_at(model.stand->key, model.stand->offset);
+            else
+                file.handle.position.side = position_side::gap;
+        }
+        if (!model.stand->live && file.handle.position.node == none) { // start afresh from a live record
+            auto at = model.list_.begin();
+            while (at != model.list_.end() && !at->live) ++at;
+            model.move_to(at);
+            if (at != model.list_.end()) file.stand_at(at->key, at->offset);
+        }
+    }
+    EXPECT_EQ(file.differs(model.entries()), "");
+}
+
+TEST(TreePosition, FollowsEveryChangeAmongUniqueKeys)
+{
+    for (unsigned seed = 1; seed <= 3; ++seed) position_work(120, false, false, seed);
+}
+TEST(TreePosition, FollowsEveryChangeAmongEqualKeys)
+{
+    for (unsigned seed = 1; seed <= 3; ++seed) position_work(5, true, false, seed);
+}
+TEST(TreePosition, FollowsEveryChangeAmongRecordNumbers)
+{
+    position_work(200, false, true, 1);
+}
+
+TEST(TreePosition, LostInARunItIsFoundBesideTheNearestRecordThatIsStillThere)
+{
+    tree_file file(long_key, true);
+    const std::string key = key_number(5, long_key);
+    for (uint64_t i = 0; i < 10; ++i) ASSERT_EQ(file.insert(key, offset_of(i)), 0);
+    file.stand_at(key, offset_of(4));
+    file.forget_cache();
+    // What another handle does meanwhile: the record, its neighbours, and new ones behind all.
+    for (const uint64_t gone : {4, 5, 3}) ASSERT_EQ(file.remove(key, offset_of(gone)), 0);
+    file.handle.position.side = position_side::entry;
+    ASSERT_EQ(file.insert(key, 8), 0); // a reused slot: its offset says nothing about its place
+    EXPECT_EQ(file.peek(true), offset_of(6));
+    EXPECT_EQ(file.peek(false), offset_of(2));
+}
+
+TEST(TreePosition, EndsTurnBackAndAppendedRecordsAppear)
+{
+    tree_file file(long_key);
+    for (uint64_t i = 1; i <= 3; ++i) ASSERT_EQ(file.insert(key_number(i, long_key), offset_of(i)), 0);
+    EXPECT_EQ(file.peek(true), offset_of(1)); // before first
+    EXPECT_EQ(file.peek(false), none);
+    file.stand_at(key_number(3, long_key), offset_of(3));
+    vfs_request r;
+    EXPECT_EQ(file.peek(true, &r), none);
+    EXPECT_EQ(errno, ESPIPE);
+    EXPECT_NE(r.flags & VFS_FLAG_AT_END, 0);
+    file.handle.position.side = position_side::after_last;
+    EXPECT_EQ(file.peek(true), none);
+    EXPECT_EQ(file.peek(false), offset_of(3));
+    ASSERT_EQ(file.insert(key_number(4, long_key), offset_of(4)), 0);
+    EXPECT_EQ(file.peek(true), offset_of(4));
+}
+
+TEST(TreePosition, BrowseDoesNotMeetWhatItsHandleInserts)
+{
+    tree_file file(long_key);
+    for (const uint64_t i : {1, 3, 5}) ASSERT_EQ(file.insert(key_number(i, long_key), offset_of(i)), 0);
+    file.stand_at(key_number(1, long_key), offset_of(1));
+    ASSERT_EQ(file.insert(key_number(2, long_key), offset_of(2), VFS_FLAG_BROWSE), 0);
+    EXPECT_EQ(file.tree().get(key_entry_tsn), 1);
+    vfs_request r;
+    EXPECT_EQ(file.peek(true, &r, VFS_FLAG_BROWSE), offset_of(3));
+    EXPECT_EQ(r.stamp, 0u);
+    EXPECT_EQ(file.peek(true, &r), offset_of(3)); // the filter is the position's; the stamp is fresh without browse
+    EXPECT_EQ(r.stamp, 1u);
+    file.stand_at(key_number(1, long_key), offset_of(1));
+    EXPECT_EQ(file.peek(true), offset_of(2));
+}
+
+TEST(TreePosition, ForwardStepAfterDeletionInARelativeFileSaysThatItReReads)
+{
+    tree_file file(0);
+    for (uint64_t i = 5; i <= 9; ++i) ASSERT_EQ(file.insert(rrn_key(i), offset_of(i)), 0);
+    EXPECT_EQ(file.find(rrn_key(4), VFS_GREATER_EQUAL), none);
+    EXPECT_EQ(file.find(rrn_key(10), VFS_LESS_EQUAL), none);
+    file.stand_at(rrn_key(6), offset_of(6));
+    ASSERT_EQ(file.remove(rrn_key(6), offset_of(6)), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(file.peek(true), offset_of(7));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "re-reading current item 1 browse 0 tsn 0 vs 0\n");
+    EXPECT_EQ(file.peek(false), offset_of(5));
+}
+
+TEST(Tree, EntryIsRepointedByKeyAndRecord)
+{
+    tree_file file(long_key, true);
+    const std::string key = key_number(1, long_key);
+    for (uint64_t i = 0; i < 3; ++i) ASSERT_EQ(file.insert(key, offset_of(i)), 0);
+    file.stand_at(key, offset_of(1));
+    vfs_request r = file.request();
+    file.put_key(&r, key);
+    r.record_offset = offset_of(1);
+    const int64_t tsn = file.handle.tsn;
+    ASSERT_EQ(entry_set_address(&file.handle, &r, 8), 0);
+    EXPECT_EQ(file.handle.tsn, tsn + 1);
+    EXPECT_EQ(file.differs({{key, offset_of(0)}, {key, 8}, {key, offset_of(2)}}), "");
+    EXPECT_EQ(file.handle.position.record_offset, 8u);
+    EXPECT_EQ(entry_set_address(&file.handle, &r, 16), -1);
+    EXPECT_EQ(errno, ESPIPE);
+}
+
+TEST(Tree, DuplicatesAreToldFromSingleKeys)
+{
+    tree_file file(long_key, true);
+    for (const uint64_t number : {1, 2, 2, 3}) {
+        static uint64_t offset = 0;
+        ASSERT_EQ(file.insert(key_number(number, long_key), offset_of(offset++)), 0);
+    }
+    const auto duplicate = [&](uint64_t number, uint64_t offset, uint8_t mode) {
+        vfs_request r = file.request();
+        file.put_key(&r, key_number(number, long_key));
+        r.record_offset = offset_of(offset);
+        EXPECT_EQ(tree_seek_record(&file.handle, &r), 0);
+        r.mode = mode;
+        return tree_has_duplicate(&file.handle, &r);
+    };
+    EXPECT_EQ(duplicate(1, 0, VFS_POS_KEY), 0);
+    EXPECT_EQ(duplicate(2, 1, VFS_POS_KEY), 1);
+    EXPECT_EQ(duplicate(2, 2, VFS_POS_KEY), 1);
+    EXPECT_EQ(duplicate(2, 2, VFS_POS_NEXT), 0);
+    EXPECT_EQ(duplicate(2, 1, VFS_POS_PREV), 0);
+    EXPECT_EQ(duplicate(3, 3, VFS_POS_KEY), 0);
+}
+
+TEST(Tree, DeletingALongRunOfEqualKeysIsNotQuadratic)
+{
+    constexpr uint64_t count = 100000;
+    const std::string key = key_number(1, 8);
+    for (const int order : {0, 1, 2}) {
+        tree_file file(8, true);
+        std::vector<uint64_t> numbers(count);
+        for (uint64_t i = 0; i < count; ++i) {
+            ASSERT_EQ(file.insert(key, offset_of(i)), 0);
+            numbers[i] = i;
+        }
+        if (order == 1) std::reverse(numbers.begin(), numbers.end());
+        if (order == 2) std::shuffle(numbers.begin(), numbers.end(), std::mt19937(7));
+        const clock_t begin = clock();
+        for (const uint64_t i : numbers) ASSERT_EQ(file.remove(key, offset_of(i)), 0);
+        const double seconds = static_cast<double>(clock() - begin) / CLOCKS_PER_SEC;
+        EXPECT_LT(seconds, 20) << order; // seconds in a sanitized build; hours when quadratic in leaves
+        RecordProperty("seconds_" + std::to_string(order), std::to_string(seconds));
+        EXPECT_EQ(file.differs({}), "");
+    }
+}
+
+TEST(Tree, RenumberingMakesEveryEntryVisible)
+{
+    tree_file file(long_key);
+    for (uint64_t i = 0; i < 100; ++i)
+        ASSERT_EQ(file.insert(key_number(i, long_key), offset_of(i), VFS_FLAG_BROWSE), 0);
+    file.tree().put(key_entry_tsn, int64_t{-5});
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(file.insert(key_number(100, long_key), offset_of(100)), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Please be patient, we are renumbering the indices for " + file.path +
+                  "\nThank you for your patience.\nWe now return you to your regularly scheduled programming.\n");
+    EXPECT_EQ(file.tree().get(key_entry_tsn), 0);
+    EXPECT_EQ(file.handle.tsn, 2); // 1, and the insertion
+    const index_tree t = file.tree();
+    for (uint64_t at = t.get(key_entry_first_leaf); at != 0;) {
+        const vfs_buffer *leaf = node_fetch(t, at);
+        for (uint64_t i = 0; i < node_entries(leaf); ++i) ASSERT_EQ(entry_stamp(leaf, i), 0u);
+        at = node_get(leaf, node_right);
+    }
+}
+
+TEST(Tree, EmptyEntriesAreSkippedAndFilledAgain)
+{
+    tree_file file(long_key);
+    for (uint64_t i = 1; i <= 5; ++i) ASSERT_EQ(file.insert(key_number(i, long_key), offset_of(i)), 0);
+    const index_tree t = file.tree();
+    vfs_buffer *leaf = node_edit(t, t.get(key_entry_first_leaf));
+    store_u64(address_place(leaf, 2), none);
+    node_put(leaf, node_act, uint64_t{4});
+    t.put(key_entry_entries, uint64_t{4});
+    EXPECT_EQ(file.find(key_number(3, long_key), VFS_EQUAL), none);
+    EXPECT_EQ(file.find(key_number(3, long_key), VFS_GREATER_EQUAL), offset_of(4));
+    EXPECT_EQ(file.find(key_number(3, long_key), VFS_LESS_EQUAL), offset_of(2));
+    file.stand_at(key_number(2, long_key), offset_of(2));
+    EXPECT_EQ(file.peek(true), offset_of(4));
+    ASSERT_EQ(file.insert(key_number(3, long_key), 8), 0);
+    EXPECT_EQ(file.find(key_number(3, long_key), VFS_EQUAL), 8u);
+    EXPECT_EQ(file.tree().get(key_entry_entries), 5u);
+}
+
+// Damage: the bytes of one node are changed in the file; every operation ends, and none succeeds by luck.
+class TreeDamage : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        for (uint64_t i = 0; i < 500; ++i) ASSERT_EQ(file.insert(key_number(2 * i, long_key), offset_of(i)), 0);
+        file.stand_at(key_number(0, long_key), offset_of(0));
+        file.forget_cache();
+        const index_tree t = file.tree();
+        first = t.get(key_entry_first_leaf);
+        last = t.get(key_entry_last_leaf);
+        root = t.get(key_entry_root);
+    }
+    void write(uint64_t address, uint64_t offset, uint64_t value)
+    {
+        ASSERT_EQ(pwrite(file.handle.fd, &value, 8, static_cast<off_t>(address + offset)), 8);
+        file.forget_cache();
+    }
+    void expect_damage(const char *what)
+    {
+        testing::internal::CaptureStderr();
+        vfs_request r = file.request();
+        r.relation = VFS_EQUAL;
+        file.put_key(&r, key_number(2, long_key));
+        EXPECT_EQ(key_locate(&file.handle, &r), -1) << what;
+        EXPECT_EQ(errno, ENOEXEC) << what;
+        EXPECT_EQ(file.insert(key_number(1, long_key), 8), -1) << what;
+        EXPECT_EQ(errno, ENOEXEC) << what;
+        EXPECT_EQ(file.remove(key_number(2, long_key), offset_of(1)), -1) << what;
+        EXPECT_EQ(errno, ENOEXEC) << what;
+        const std::string text = testing::internal::GetCapturedStderr();
+        EXPECT_NE(text.find("Bad node 0x"), std::string::npos) << what;
+    }
+    tree_file file{long_key};
+    uint64_t first = 0, last = 0, root = 0;
+};
+
+TEST_F(TreeDamage, NodeWithABadHeadIsRefused)
+{
+    const struct {
+        const char *what;
+        uint64_t offset, value;
+    } cases[] = {
+        {"entry count", node_ent.offset, 21},
+        {"active count", node_act.offset, 21},
+        {"own address", node_address.offset, 0},
+        {"type", node_type.offset, item_live},
+        {"key number", node_key_number.offset, 1},
+        {"key entry", node_key_entry.offset, 8},
+        {"capacity", node_max.offset, 2000},
+        {"key array", node_key_array.offset, 32000},
+        {"key width", node_key_width.offset, 8},
+        {"stamp array", node_stamp_array.offset, 1u << 30},
+        {"length", 0, 40},
+        {"trailer", index_block_bytes - 8, 40},
+    };
+    for (const auto &c : cases) {
+        uint64_t before;
+        ASSERT_EQ(pread(file.handle.fd, &before, 8, static_cast<off_t>(first + c.offset)), 8);
+        write(first, c.offset, c.value);
+        expect_damage(c.what);
+        write(first, c.offset, before);
+    }
+    EXPECT_EQ(file.find(key_number(2, long_key), VFS_EQUAL), offset_of(1));
+}
+
+TEST_F(TreeDamage, BranchThatLeadsBackToTheRootEnds)
+{
+    write(root, node_head_bytes, root);
+    expect_damage("cycle");
+}
+TEST_F(TreeDamage, BranchThatLeadsOutOfTheFileEnds)
+{
+    write(root, node_head_bytes, uint64_t{1} << 60);
+    expect_damage("beyond the end");
+    write(root, node_head_bytes, 8192);
+    expect_damage("no node");
+}
+TEST_F(TreeDamage, LeafChainThatRunsInACircleEnds)
+{
+    write(last, node_right.offset, first);
+    file.stand_at(key_number(998, long_key), offset_of(499));
+    testing::internal::CaptureStderr();
+    vfs_request r = file.request();
+    EXPECT_EQ(tree_read_next(&file.handle, &r), -1);
+    EXPECT_EQ(errno, ENOEXEC);
+    testing::internal::GetCapturedStderr();
+}
+TEST_F(TreeDamage, ParentWithoutTheChildIsReportedBeforeAnythingChanges)
+{
+    const vfs_buffer *leaf = node_fetch(file.tree(), first);
+    const uint64_t parent = node_get(leaf, node_parent);
+    write(parent, node_head_bytes, last); // entry 0 of the branch leads to a wrong leaf of the right kind
+    testing::internal::CaptureStderr();
+    file.handle.contexts[0].node = none;
+    vfs_request r = file.request();
+    r.record_offset = offset_of(0);
+    file.put_key(&r, key_number(0, long_key));
+    file.handle.position.node = first; // by way of the position: the descent would not come here
+    file.handle.position.item = 0;
+    EXPECT_EQ(tree_delete_key(&file.handle, &r), -1);
+    EXPECT_EQ(errno, ENOEXEC);
+    const std::string text = testing::internal::GetCapturedStderr();
+    EXPECT_NE(text.find("Eh? Update key 00000000"), std::string::npos);
+    EXPECT_NE(text.find(" not in parent 0x"), std::string::npos);
+    EXPECT_EQ(node_entries(node_fetch(file.tree(), first)), 20u);
+}
+
+TEST(TreeDump, ShowsAnEmptyTreeAndAFullOne)
+{
+    tree_file file(5);
+    vfs_request r{};
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(tree_dump(&file.handle, &r), 0);
+    EXPECT_NE(
+        testing::internal::GetCapturedStderr().find("  keylen         5\n  dirty          0\nThe tree is empty!\n"),
+        std::string::npos);
+    ASSERT_EQ(file.insert("abcde", 4096), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(tree_dump(&file.handle, &r), 0);
+    const std::string text = testing::internal::GetCapturedStderr();
+    EXPECT_NE(
+        text.find("  low  key       abcde\n  high key       abcde\n  levels         1\n\nTree level 1 of 1\nLeaf 0x"),
+        std::string::npos);
+    EXPECT_NE(text.find("   0: 0x1000 tsn 0x0 key abcde\nTree done... 1 entries fill rate "), std::string::npos);
+}
+
+} // namespace
