@@ -23,6 +23,12 @@ vfs_request read_request(const operation_call &call)
     return work;
 }
 
+int open_check(const vfs_file *file)
+{
+    if (file->error != 0) return fail(static_cast<int>(file->error));
+    return (file->mode_flags & mode_write_only) != 0 ? fail(EROFS) : 0;
+}
+
 int apply_mode(const operation_call &call, vfs_request *work)
 {
     vfs_file *file = call.file;
@@ -170,7 +176,8 @@ void save_end(const operation_call &call, const vfs_request &work)
     if (!file->trees()) return;
     position.side = position_side::gap;
     position.key_number = work.key_number;
-    position.node = position.item = position.record_offset = none;
+    position.node = position.item = position.record_offset = position.stamp = none;
+    position.before[0] = position.after[0] = none;
     position.rrn = work.rrn;
     if (file->indexed()) std::memcpy(position.key, work.key, round_up(key_length_of(file, work.key_number), 8));
 }
@@ -210,11 +217,7 @@ int64_t read_record(const operation_call &call)
 {
     vfs_file *file = call.file;
     vfs_request work = read_request(call);
-    if (file->error != 0) errno = static_cast<int>(file->error);
-    else if ((file->mode_flags & mode_write_only) != 0) errno = EROFS;
-    else errno = 0;
-    if (errno != 0) return operation_failed(file, work, true);
-    if (bracket_begin(file, false) == -1) return operation_failed(file, work, true);
+    if (open_check(file) == -1 || bracket_begin(file, false) == -1) return operation_failed(file, work, true);
 
     operation_lock lock;
     lock_outcome outcome = lock_outcome::held;

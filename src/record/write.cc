@@ -249,6 +249,7 @@ int64_t store(const operation_call &call, vfs_request *work, write_undo *undo)
     }
     if (length == -1) return -1;
     undo->slot_taken = true;
+    work->flags = static_cast<uint8_t>(work->flags & ~VFS_FLAG_AT_END); // the request stands on a record now
     count_change(file, work->record_offset);
     if (was_deleted) --file->deleted;
     if (!was_live) ++file->records;

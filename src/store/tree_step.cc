@@ -105,7 +105,9 @@ int find_again(const index_tree &tree, bool forward, tree_place *place)
 int step_origin(const index_tree &tree, bool forward, tree_place *place)
 {
     const file_position &position = tree.file->position;
-    const bool known = position.record_offset != none && position.key_number == tree.key;
+    // A gap without a record is where a key would stand that was searched and not found.
+    const bool identified = position.record_offset != none || position.side == position_side::gap;
+    const bool known = identified && position.key_number == tree.key;
     switch (position.side) {
     case position_side::before_first:
         *place = {tree.get(key_entry_first_leaf), none};
