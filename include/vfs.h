@@ -83,11 +83,11 @@ struct vfs_lock_request {
 
 /* ---- Opening --------------------------------------------------------------------------------------------- */
 
-#define VFS_OPT_REVERSED (UINT64_C(1) << 0)    /* read from the last record backwards */
-#define VFS_OPT_NO_PREREAD (UINT64_C(1) << 4)  /* do not read ahead at open */
-#define VFS_OPT_NO_IO (UINT64_C(1) << 61)      /* open for info and locks only */
-#define VFS_OPT_STREAM (UINT64_C(1) << 62)     /* one-way stream (refused by this driver) */
-#define VFS_OPT_SOCKET (UINT64_C(1) << 63)     /* treat as a socket (refused by this driver) */
+#define VFS_OPT_REVERSED (UINT64_C(1) << 0)   /* read from the last record backwards */
+#define VFS_OPT_NO_PREREAD (UINT64_C(1) << 4) /* do not read ahead at open */
+#define VFS_OPT_NO_IO (UINT64_C(1) << 61)     /* open for info and locks only */
+#define VFS_OPT_STREAM (UINT64_C(1) << 62)    /* one-way stream (refused by this driver) */
+#define VFS_OPT_SOCKET (UINT64_C(1) << 63)    /* treat as a socket (refused by this driver) */
 
 enum { VFS_ORG_SEQUENTIAL = 1, VFS_ORG_RELATIVE = 2, VFS_ORG_INDEXED = 3 };
 enum { VFS_ACCESS_SEQUENTIAL = 1, VFS_ACCESS_RANDOM = 2, VFS_ACCESS_DYNAMIC = 3 };
@@ -98,30 +98,30 @@ struct vfs_driver;
 /* What the host asks of `open`, and what `info` and `close` hand back. Strings and blocks that it points to are
  * copied by open; the copies handed back by info point to the handle's own copies and live until close. */
 struct vfs_open_block {
-    uint64_t stamp;                         /* host word; VFS_STAMP in copies handed back */
-    int64_t block_size;                     /* block size the host asks for */
-    int64_t min_record_length;              /* bytes */
-    int64_t max_record_length;              /* bytes */
-    uint64_t options;                       /* VFS_OPT_...; 0 in copies handed back */
-    uint64_t host_word_40;                  /* not used by the driver */
-    int64_t record_count;                   /* records in the file */
-    int64_t empty_count;                    /* deleted records not yet reused */
-    int64_t node_count;                     /* moved records */
-    uint64_t host_word_72;                  /* not used by the driver */
-    int64_t bytes_transferred;              /* set at close: bytes read plus bytes written */
-    const char *logical_name;               /* name of the file in the program, or null */
-    const struct vfs_driver *driver;        /* in copies: this driver */
-    const char *path;                       /* path of the file; required */
-    struct vfs_file *handle;                /* in copies: the handle */
-    const struct vfs_driver *driver_out;    /* written by open, in the host's block too */
+    uint64_t stamp;                               /* host word; VFS_STAMP in copies handed back */
+    int64_t block_size;                           /* block size the host asks for */
+    int64_t min_record_length;                    /* bytes */
+    int64_t max_record_length;                    /* bytes */
+    uint64_t options;                             /* VFS_OPT_...; 0 in copies handed back */
+    uint64_t host_word_40;                        /* not used by the driver */
+    int64_t record_count;                         /* records in the file */
+    int64_t empty_count;                          /* deleted records not yet reused */
+    int64_t node_count;                           /* moved records */
+    uint64_t host_word_72;                        /* not used by the driver */
+    int64_t bytes_transferred;                    /* set at close: bytes read plus bytes written */
+    const char *logical_name;                     /* name of the file in the program, or null */
+    const struct vfs_driver *driver;              /* in copies: this driver */
+    const char *path;                             /* path of the file; required */
+    struct vfs_file *handle;                      /* in copies: the handle */
+    const struct vfs_driver *driver_out;          /* written by open, in the host's block too */
     const struct vfs_lock_request *lock_defaults; /* sharing and locking, or null */
-    const struct vfs_key_desc *keys;        /* keys of an indexed file, or null */
-    uint32_t open_flags;                    /* O_RDONLY, O_WRONLY, O_RDWR, O_CREAT, O_EXCL, O_TRUNC, O_APPEND */
-    uint32_t organization;                  /* physical: VFS_ORG_... */
-    uint32_t logical_organization;          /* VFS_ORG_...; keys count only with VFS_ORG_INDEXED */
-    uint32_t access_mode;                   /* VFS_ACCESS_... */
-    uint32_t record_format;                 /* VFS_FORMAT_... */
-    uint32_t host_word_164;                 /* not used by the driver */
+    const struct vfs_key_desc *keys;              /* keys of an indexed file, or null */
+    uint32_t open_flags;                          /* O_RDONLY, O_WRONLY, O_RDWR, O_CREAT, O_EXCL, O_TRUNC, O_APPEND */
+    uint32_t organization;                        /* physical: VFS_ORG_... */
+    uint32_t logical_organization;                /* VFS_ORG_...; keys count only with VFS_ORG_INDEXED */
+    uint32_t access_mode;                         /* VFS_ACCESS_... */
+    uint32_t record_format;                       /* VFS_FORMAT_... */
+    uint32_t host_word_164;                       /* not used by the driver */
 };
 
 /* ---- Record operations ----------------------------------------------------------------------------------- */
@@ -134,41 +134,41 @@ struct vfs_record {
 /* Filled after an operation when the host passes one; bytes not named are left alone. */
 struct vfs_status {
     uint64_t unused_0;
-    const void *key;         /* indexed files: key of the record, in a buffer of the handle */
-    uint64_t record_offset;  /* where the record lies */
-    uint64_t rrn;            /* its relative record number, from 0 */
-    uint32_t duplicate;      /* 1: the key of reference has a duplicate */
+    const void *key;        /* indexed files: key of the record, in a buffer of the handle */
+    uint64_t record_offset; /* where the record lies */
+    uint64_t rrn;           /* its relative record number, from 0 */
+    uint32_t duplicate;     /* 1: the key of reference has a duplicate */
     uint32_t unused_36;
 };
 
-enum { /* position modes, passed to the record operations */
-    VFS_POS_NEXT = 0,          /* no further argument */
-    VFS_POS_PREV = 1,          /* no further argument */
-    VFS_POS_FIRST = 2,         /* read, start: int64_t key number */
-    VFS_POS_LAST = 3,          /* read, start: int64_t key number */
-    VFS_POS_END = 4,           /* no further argument */
-    VFS_POS_CURRENT = 5,       /* no further argument */
-    VFS_POS_RRN = 6,           /* [start: int32_t relation,] int64_t rrn */
-    VFS_POS_KEY = 7,           /* [start: int32_t relation,] const void *key or null, int64_t length, int64_t number */
-    VFS_POS_OFFSET = 8,        /* start only: int64_t record offset */
-    VFS_POS_BEFORE_FIRST = 9,  /* state */
-    VFS_POS_AFTER_LAST = 10,   /* state */
-    VFS_POS_UNDEFINED = 13     /* state: left by a failed operation */
+enum {                      /* position modes, passed to the record operations */
+       VFS_POS_NEXT = 0,    /* no further argument */
+       VFS_POS_PREV = 1,    /* no further argument */
+       VFS_POS_FIRST = 2,   /* read, start: int64_t key number */
+       VFS_POS_LAST = 3,    /* read, start: int64_t key number */
+       VFS_POS_END = 4,     /* no further argument */
+       VFS_POS_CURRENT = 5, /* no further argument */
+       VFS_POS_RRN = 6,     /* [start: int32_t relation,] int64_t rrn */
+       VFS_POS_KEY = 7,     /* [start: int32_t relation,] const void *key or null, int64_t length, int64_t number */
+       VFS_POS_OFFSET = 8,  /* start only: int64_t record offset */
+       VFS_POS_BEFORE_FIRST = 9, /* state */
+       VFS_POS_AFTER_LAST = 10,  /* state */
+       VFS_POS_UNDEFINED = 13    /* state: left by a failed operation */
 };
 
 enum { VFS_LESS = 0, VFS_LESS_EQUAL = 1, VFS_EQUAL = 2, VFS_GREATER_EQUAL = 3, VFS_GREATER = 4 };
 
 enum { /* operation codes, in vfs_request */
-    VFS_OP_NONE = 0,
-    VFS_OP_START = 1,
-    VFS_OP_READ = 2,
-    VFS_OP_WRITE = 3,
-    VFS_OP_REWRITE = 4,
-    VFS_OP_DELETE = 5,
-    VFS_OP_POSITION = 6,
-    VFS_OP_UNLOCK = 7,
-    VFS_OP_UNLOCK_ALL = 8,
-    VFS_OP_CLOSE = 9
+       VFS_OP_NONE = 0,
+       VFS_OP_START = 1,
+       VFS_OP_READ = 2,
+       VFS_OP_WRITE = 3,
+       VFS_OP_REWRITE = 4,
+       VFS_OP_DELETE = 5,
+       VFS_OP_POSITION = 6,
+       VFS_OP_UNLOCK = 7,
+       VFS_OP_UNLOCK_ALL = 8,
+       VFS_OP_CLOSE = 9
 };
 
 /* One piece of a gather transfer. A null address skips bytes when reading and writes zeros when writing. */
@@ -179,28 +179,28 @@ struct vfs_segment {
 
 /* The request block: the argument of the three shared cache entries. The record operations build their own. */
 struct vfs_request {
-    uint64_t stored_length;      /* bytes that the record occupies in the file */
-    uint64_t data_length;        /* bytes of record data */
-    uint8_t record_state;        /* item type of the record's header */
-    uint8_t operation;           /* VFS_OP_... */
-    uint8_t previous_operation;  /* VFS_OP_... */
-    uint8_t mode;                /* VFS_POS_... */
-    uint8_t previous_mode;       /* VFS_POS_... */
-    uint8_t relation;            /* VFS_LESS ... VFS_GREATER */
-    uint8_t flags;               /* VFS_FLAG_... */
-    uint8_t flags2;              /* VFS_FLAG2_... */
+    uint64_t stored_length;     /* bytes that the record occupies in the file */
+    uint64_t data_length;       /* bytes of record data */
+    uint8_t record_state;       /* item type of the record's header */
+    uint8_t operation;          /* VFS_OP_... */
+    uint8_t previous_operation; /* VFS_OP_... */
+    uint8_t mode;               /* VFS_POS_... */
+    uint8_t previous_mode;      /* VFS_POS_... */
+    uint8_t relation;           /* VFS_LESS ... VFS_GREATER */
+    uint8_t flags;              /* VFS_FLAG_... */
+    uint8_t flags2;             /* VFS_FLAG2_... */
     uint64_t record_offset;
     uint64_t data_offset;
     uint64_t rrn;
     uint64_t key_number;
     uint64_t key_length;
-    uint64_t node;               /* index cursor: address of the leaf */
-    uint64_t item;               /* index cursor: entry in the leaf */
-    uint64_t stamp;              /* index cursor: sequence stamp */
-    void *key;                   /* key buffer */
-    void *record;                /* the caller's record bytes */
-    uint64_t record_length;      /* the caller's record length */
-    uint64_t segment_count;      /* pieces of a gather transfer */
+    uint64_t node;          /* index cursor: address of the leaf */
+    uint64_t item;          /* index cursor: entry in the leaf */
+    uint64_t stamp;         /* index cursor: sequence stamp */
+    void *key;              /* key buffer */
+    void *record;           /* the caller's record bytes */
+    uint64_t record_length; /* the caller's record length */
+    uint64_t segment_count; /* pieces of a gather transfer */
     struct vfs_segment *segments;
 };
 
@@ -219,8 +219,8 @@ enum {
  * file's own settings hold), position mode, and the further arguments that the mode names above. Integers among
  * them are int64_t but for `relation`, which is int32_t. */
 typedef int64_t (*vfs_record_operation)(struct vfs_file *file, struct vfs_record *record, void *unused,
-                                        struct vfs_status *status, const struct vfs_lock_request *lock,
-                                        int32_t mode, ...);
+                                        struct vfs_status *status, const struct vfs_lock_request *lock, int32_t mode,
+                                        ...);
 
 /* ---- The descriptor -------------------------------------------------------------------------------------- */
 
@@ -239,15 +239,15 @@ struct vfs_ops {
     int (*flush)(struct vfs_file *file); /* 7: everything changed so far is on the disk; null handle: 0 */
     /* 8: flushes, unlocks and frees the handle in every case; -1 with the first error met. `out` may be null. */
     int (*close)(struct vfs_file *file, struct vfs_open_block *out);
-    int (*at_end)(struct vfs_file *file); /* 9: 1 when the last read met the end; needs a handle */
-    vfs_record_operation read;            /* 10: length of the record; 0 with errno ESPIPE at the end */
-    vfs_record_operation write;           /* 11: length of the record */
-    vfs_record_operation rewrite;         /* 12: length of the record */
-    vfs_record_operation delete_record;   /* 13: 0 */
-    vfs_record_operation start;           /* 14: length of the record found; 0 at the end */
-    vfs_record_operation position;        /* 15: 0 when the position can be reached */
-    vfs_record_operation lock;            /* 16: 0 */
-    vfs_record_operation unlock;          /* 17: 0 */
+    int (*at_end)(struct vfs_file *file);     /* 9: 1 when the last read met the end; needs a handle */
+    vfs_record_operation read;                /* 10: length of the record; 0 with errno ESPIPE at the end */
+    vfs_record_operation write;               /* 11: length of the record */
+    vfs_record_operation rewrite;             /* 12: length of the record */
+    vfs_record_operation delete_record;       /* 13: 0 */
+    vfs_record_operation start;               /* 14: length of the record found; 0 at the end */
+    vfs_record_operation position;            /* 15: 0 when the position can be reached */
+    vfs_record_operation lock;                /* 16: 0 */
+    vfs_record_operation unlock;              /* 17: 0 */
     int (*unlock_all)(struct vfs_file *file); /* 18: releases every record lock of the handle */
     /* 19: text for an error number, or null when want_text is 0. With a handle the text lives in the handle
      * until close, without one until the thread's next call. `code_out` may be null. */
@@ -263,14 +263,14 @@ struct vfs_shared_entries {
 };
 
 struct vfs_driver {
-    char name[8];                        /* "vfs_psx" */
-    uint32_t stamp;                      /* VFS_STAMP */
-    uint32_t size;                       /* bytes of this record: 200 */
+    char name[8];   /* "vfs_psx" */
+    uint32_t stamp; /* VFS_STAMP */
+    uint32_t size;  /* bytes of this record: 200 */
     struct vfs_shared_entries *shared;
-    uint32_t host_count_1;               /* 3 */
-    uint32_t host_count_2;               /* 3 */
-    uint32_t flags;                      /* 0x2e */
-    uint32_t reserved;                   /* 0 */
+    uint32_t host_count_1; /* 3 */
+    uint32_t host_count_2; /* 3 */
+    uint32_t flags;        /* 0x2e */
+    uint32_t reserved;     /* 0 */
     struct vfs_ops ops;
 };
 

@@ -38,7 +38,7 @@ enum : uint8_t { // engine bits
     engine_socket = 16,
 };
 
-enum : uint8_t { // vfs_cache::mode bits
+enum : uint8_t {           // vfs_cache::mode bits
     cache_synchronous = 1, // no transfer is ever started asynchronously
     cache_threads = 2,     // server threads
 };
@@ -46,7 +46,7 @@ enum : uint8_t { // vfs_cache::mode bits
 enum : uint8_t { // vfs_cache::flags bits
     cache_hash_lookup = 1,
     cache_preallocates = 2,
-    cache_zero_fill = 4,   // new blocks beyond the end are zero-filled
+    cache_zero_fill = 4, // new blocks beyond the end are zero-filled
     cache_drop_behind = 8,
     cache_sequential = 16, // sequential mode: read-ahead is permitted
     // Index blocks may lie between records inside one Data block (the file's data blocks are smaller than the
@@ -61,18 +61,18 @@ enum : uint8_t { // vfs_cache::state bits
     cache_has_threads = 8,
 };
 
-enum : uint8_t { // vfs_buffer::state bits
-    buffer_end_of_data = 1,    // the last read returned less than asked, or nothing
-    buffer_drop_behind = 4,    // drop-behind hint pending
-    buffer_ahead_started = 8,  // read-ahead already triggered from this block
-    buffer_new = 16,           // read on a miss and not yet used
+enum : uint8_t {              // vfs_buffer::state bits
+    buffer_end_of_data = 1,   // the last read returned less than asked, or nothing
+    buffer_drop_behind = 4,   // drop-behind hint pending
+    buffer_ahead_started = 8, // read-ahead already triggered from this block
+    buffer_new = 16,          // read on a miss and not yet used
     buffer_written_behind = 32,
     buffer_dirty = 64,
     buffer_writing = 128,
 };
-enum : uint8_t { buffer_reading = 1 };                        // vfs_buffer::rstate
-enum : uint8_t { // vfs_buffer::flags2
-    buffer_speculative = 1, // being read ahead of need: a failure is not recorded
+enum : uint8_t { buffer_reading = 1 }; // vfs_buffer::rstate
+enum : uint8_t {                       // vfs_buffer::flags2
+    buffer_speculative = 1,            // being read ahead of need: a failure is not recorded
     buffer_timing = 4,
     buffer_hashed = 8,
     buffer_has_semaphore = 16,
@@ -100,27 +100,27 @@ struct vfs_buffer {
     vfs_buffer *next, *prev; // links in the LRU or idle list
     vfs_queue *queue;        // the queue it is on, or null
     vfs_buffer *qnext, *qprev;
-    uint32_t done;       // 1 when no transfer is outstanding
-    uint32_t pins;       // holders of a pointer into `data`; a pinned buffer is not evicted
-    std::byte *data;     // owned I/O area, or a pointer into the mapping
-    std::byte *area;     // owned: the allocated area, null when the buffer never needed one
-    uint64_t offset;     // first byte of the block held; all ones when none
-    uint64_t end;        // its last byte
-    uint64_t valid_end;  // last byte holding valid data; offset - 1 when none
-    uint64_t bytes;      // bytes valid from `offset`
-    uint64_t size;       // length of the block
+    uint32_t done;                     // 1 when no transfer is outstanding
+    uint32_t pins;                     // holders of a pointer into `data`; a pinned buffer is not evicted
+    std::byte *data;                   // owned I/O area, or a pointer into the mapping
+    std::byte *area;                   // owned: the allocated area, null when the buffer never needed one
+    uint64_t offset;                   // first byte of the block held; all ones when none
+    uint64_t end;                      // its last byte
+    uint64_t valid_end;                // last byte holding valid data; offset - 1 when none
+    uint64_t bytes;                    // bytes valid from `offset`
+    uint64_t size;                     // length of the block
     uint64_t changed_from, changed_to; // changed byte range [from, to) in the file; empty when from >= to
-    uint64_t opnum;      // the handle's operation number when the block was read
-    uint32_t opcode;     // transfer_...
+    uint64_t opnum;                    // the handle's operation number when the block was read
+    uint32_t opcode;                   // transfer_...
     uint8_t state, rstate, flags2, iostate;
-    uint32_t idled;      // 1 while on the idle list
-    bool checked;        // the store verified the block since it was read; cleared by reset and by every read
-    vfs_cache *cache;    // owner
+    uint32_t idled;   // 1 while on the idle list
+    bool checked;     // the store verified the block since it was read; cleared by reset and by every read
+    vfs_cache *cache; // owner
     file_state *file;
     uint64_t mask;
     uint32_t readahead, writebehind;
     int rfd, wfd;
-    uint32_t error;      // error number of the last transfer
+    uint32_t error; // error number of the last transfer
     uint8_t bufftype, engine;
     std::atomic<bool> cancelled;
     HashTable_Entry hash_entry; // the table's entry for this buffer
@@ -149,8 +149,8 @@ struct vfs_cache {
     uint32_t first_error;
     uint8_t flags, state;
     struct {
-        uint64_t bytes_read, bytes_written, use, spill, stall, wait, invalidate, flush, prefetch, cancel, abscond,
-            lock, retries, redundant, async, random, extend;
+        uint64_t bytes_read, bytes_written, use, spill, stall, wait, invalidate, flush, prefetch, cancel, abscond, lock,
+            retries, redundant, async, random, extend;
     } stats;
     wait_times io_wait, lock_wait;
     uint64_t preread_position;
@@ -158,9 +158,9 @@ struct vfs_cache {
     uint64_t block_size;
     uint64_t block_mask; // two's complement of block_size; all ones: one unaligned buffer
     uint32_t readahead, writebehind;
-    const char *name;    // borrowed from the handle
+    const char *name; // borrowed from the handle
     file_state *file;
-    int rfd, wfd;        // 0: this cache is not used
+    int rfd, wfd; // 0: this cache is not used
     uint8_t bufftype, lock_mode, engine, mode;
     std::byte *mmap_base;
     uint64_t write_limit; // RLIMIT_FSIZE as last seen: a write that would pass it fails before the signal comes
@@ -179,9 +179,9 @@ void dirty_remove(vfs_buffer *buffer); // drops the change: the range is empty t
 
 // ---- Lists ----
 
-void list_unlink(vfs_buffer *buffer);      // from the LRU or the idle list
-void lru_push_head(vfs_buffer *buffer);    // the buffer is on no list
-void idle_push_tail(vfs_buffer *buffer);   // likewise
+void list_unlink(vfs_buffer *buffer);    // from the LRU or the idle list
+void lru_push_head(vfs_buffer *buffer);  // the buffer is on no list
+void idle_push_tail(vfs_buffer *buffer); // likewise
 void idle_to_lru_head(vfs_buffer *buffer);
 
 // Moves the buffer to the LRU head; no effect on the header buffer.
@@ -189,8 +189,14 @@ inline void cache_touch(vfs_buffer *buffer);
 
 // ---- State ----
 
-inline bool is_dirty(const vfs_buffer *buffer) { return (buffer->state & buffer_dirty) != 0; }
-inline bool holds(const vfs_buffer *buffer, uint64_t position) { return position - buffer->offset < buffer->size; }
+inline bool is_dirty(const vfs_buffer *buffer)
+{
+    return (buffer->state & buffer_dirty) != 0;
+}
+inline bool holds(const vfs_buffer *buffer, uint64_t position)
+{
+    return position - buffer->offset < buffer->size;
+}
 
 // Widens the changed range by [from, to), clipped to the block. The buffer is dirty.
 inline void mark_changed(vfs_buffer *buffer, uint64_t from, uint64_t to)
@@ -206,9 +212,15 @@ inline void mark_changed(vfs_buffer *buffer, uint64_t from, uint64_t to)
 }
 
 // Whether `data` points into the file's mapping: no byte is moved, the page cache is the block.
-inline bool is_mapped(const vfs_buffer *buffer) { return (buffer->engine & engine_mmap) != 0; }
+inline bool is_mapped(const vfs_buffer *buffer)
+{
+    return (buffer->engine & engine_mmap) != 0;
+}
 
-inline std::span<const std::byte> buffer_bytes(const vfs_buffer *buffer) { return {buffer->data, buffer->size}; }
+inline std::span<const std::byte> buffer_bytes(const vfs_buffer *buffer)
+{
+    return {buffer->data, buffer->size};
+}
 inline std::span<std::byte> buffer_bytes_for_update(vfs_buffer *buffer)
 {
     assert(is_dirty(buffer));

@@ -90,14 +90,14 @@ void cache_prefetch(vfs_cache *cache, uint64_t position);
 
 // ---- Ranges, inclusive at both ends; 0 to none is the whole file ----
 
-int cache_write_dirty(vfs_cache *cache, uint64_t from, uint64_t to);  // writes started, or -1
-int cache_wait_writes(vfs_cache *cache, uint64_t from, uint64_t to);  // writes waited for, or -1
+int cache_write_dirty(vfs_cache *cache, uint64_t from, uint64_t to); // writes started, or -1
+int cache_wait_writes(vfs_cache *cache, uint64_t from, uint64_t to); // writes waited for, or -1
 // Writes and waits, without a sync: what other handles and processes can then see.
 [[nodiscard]] int cache_write_out(vfs_cache *cache, uint64_t from, uint64_t to);
 // Makes what was written durable (fdatasync or msync); nothing for read-only handles. -1 with errno, not stored.
 [[nodiscard]] int cache_sync(vfs_cache *cache);
 [[nodiscard]] int cache_flush(vfs_cache *cache, uint64_t from, uint64_t to); // write out, then sync
-int cache_invalidate(vfs_cache *cache, uint64_t from, uint64_t to);   // writes dirty ones, drops all: released, or -1
+int cache_invalidate(vfs_cache *cache, uint64_t from, uint64_t to); // writes dirty ones, drops all: released, or -1
 // Drops every block, dirty ones without writing them (the change is abandoned, or another process made it stale).
 // The header buffer stays as it is: whoever abandons its change takes it off the dirty queue and refreshes it.
 void cache_discard(vfs_cache *cache);

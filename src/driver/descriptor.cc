@@ -13,7 +13,10 @@ namespace {
 const vfs_driver *resolve(const char *type_word, const char *assignment_name, const char *name,
                           const char **resolved_out);
 
-void settings_now(open_settings *out) { read_settings(out); }
+void settings_now(open_settings *out)
+{
+    read_settings(out);
+}
 
 vfs_file *open_slot(vfs_open_block *block)
 {
@@ -50,28 +53,29 @@ constexpr vfs_driver driver{
     .host_count_2 = 3,
     .flags = 0x2e,
     .reserved = 0,
-    .ops = {
-        .resolve = resolve,
-        .access = file_access,
-        .rename = file_rename,
-        .slot_3 = nullptr,
-        .unlink = file_unlink,
-        .open = open_slot,
-        .info = file_info,
-        .flush = file_flush,
-        .close = file_close,
-        .at_end = file_at_end,
-        .read = operation_read,
-        .write = operation_write,
-        .rewrite = operation_rewrite,
-        .delete_record = operation_delete,
-        .start = operation_start,
-        .position = operation_position,
-        .lock = operation_lock_record,
-        .unlock = operation_unlock,
-        .unlock_all = file_unlock_all,
-        .error_text = file_error_text,
-    },
+    .ops =
+        {
+            .resolve = resolve,
+            .access = file_access,
+            .rename = file_rename,
+            .slot_3 = nullptr,
+            .unlink = file_unlink,
+            .open = open_slot,
+            .info = file_info,
+            .flush = file_flush,
+            .close = file_close,
+            .at_end = file_at_end,
+            .read = operation_read,
+            .write = operation_write,
+            .rewrite = operation_rewrite,
+            .delete_record = operation_delete,
+            .start = operation_start,
+            .position = operation_position,
+            .lock = operation_lock_record,
+            .unlock = operation_unlock,
+            .unlock_all = file_unlock_all,
+            .error_text = file_error_text,
+        },
 };
 
 // Every name is served by this driver, as it stands.
@@ -88,4 +92,7 @@ const vfs_driver *resolve(const char *, const char *, const char *name, const ch
 
 } // namespace
 
-extern "C" __attribute__((visibility("default"))) const vfs_driver *vfs(void) { return &driver; }
+extern "C" __attribute__((visibility("default"))) const vfs_driver *vfs(void)
+{
+    return &driver;
+}

@@ -44,8 +44,12 @@ void locks_release(vfs_file *file)
     if (file->lock_defaults.lock_mode == VFS_LOCK_RECORD) keep(file, lock_release_records(file));
     const bool write = !is_read_only(file);
     if (file->block_lock != none)
-        keep(file, lock_clr({.file = file, .counted = &file->data, .kind = lock_block, .write = write,
-                             .start = file->block_lock, .length = file->data.block_size}));
+        keep(file, lock_clr({.file = file,
+                             .counted = &file->data,
+                             .kind = lock_block,
+                             .write = write,
+                             .start = file->block_lock,
+                             .length = file->data.block_size}));
     if (file->file_lock_state != file_lock_none)
         keep(file, lock_clr({.file = file, .counted = &file->data, .kind = lock_file, .write = write}));
     if (file->exclusive_held)
@@ -81,9 +85,9 @@ void print_statistics(const vfs_file *file)
         print_delay("File I/O  Delay:", file->io_wait);
         print_delay("File Lock Delay:", file->lock_wait);
         char text[100];
-        std::snprintf(text, sizeof text, "%s",
-                      format_times(&file->opened.ticks, &file->opened.usage, &file->closed.ticks, &file->closed.usage,
-                                   &bytes));
+        std::snprintf(
+            text, sizeof text, "%s",
+            format_times(&file->opened.ticks, &file->opened.usage, &file->closed.ticks, &file->closed.usage, &bytes));
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat" // the grouping flag is POSIX, not ISO C
         std::fprintf(stderr, "Open to Close: #%'lld %s\n", static_cast<long long>(file->operation_count), text);

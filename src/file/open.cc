@@ -24,13 +24,16 @@
 
 namespace {
 
-constexpr uint64_t random_block_bytes = 32768;  // Data buffers of random and dynamic access
-constexpr uint64_t shared_block_bytes = 4096;   // Data buffers of shared update handles
+constexpr uint64_t random_block_bytes = 32768; // Data buffers of random and dynamic access
+constexpr uint64_t shared_block_bytes = 4096;  // Data buffers of shared update handles
 constexpr uint32_t shared_block_count = 64;
 constexpr uint32_t random_block_count = 16;
 constexpr int pipe_bytes = 1 << 20;
 
-bool wants_to_write(uint32_t flags) { return (flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND)) != 0; }
+bool wants_to_write(uint32_t flags)
+{
+    return (flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC | O_APPEND)) != 0;
+}
 
 // ---- The handle and what the host said ----
 
@@ -98,8 +101,8 @@ void print_keys(const vfs_key_desc *keys)
                      entry->part_count, (entry->flags & VFS_KEY_PRIMARY) != 0 ? "  Primary" : "",
                      (entry->flags & VFS_KEY_DUPLICATES) != 0 ? "  Duplicates" : "",
                      (entry->flags & VFS_KEY_MULTI_PART) != 0 ? "  Multi-part" : "");
-        const auto *part = reinterpret_cast<const vfs_key_part *>(reinterpret_cast<const char *>(keys) +
-                                                                  entry->part_list);
+        const auto *part =
+            reinterpret_cast<const vfs_key_part *>(reinterpret_cast<const char *>(keys) + entry->part_list);
         int64_t total = 0;
         for (int j = 0; j < entry->part_count; ++j, ++part) {
             total += part->length;
@@ -170,7 +173,10 @@ void print_facts(const vfs_file *file)
                  static_cast<int>(file->access_mode), static_cast<int>(file->block.record_format),
                  static_cast<long>(file->block.block_size), static_cast<long>(file->block.min_record_length),
                  static_cast<long>(file->block.max_record_length), share <= 3 ? shares[share] : "default",
-                 lock == VFS_LOCK_RECORD ? "record" : lock == VFS_LOCK_AUTO ? "auto" : lock == VFS_LOCK_FILE ? "file" : "none",
+                 lock == VFS_LOCK_RECORD ? "record"
+                 : lock == VFS_LOCK_AUTO ? "auto"
+                 : lock == VFS_LOCK_FILE ? "file"
+                                         : "none",
                  is_read_only(file) ? "read" : "write");
 }
 
@@ -307,8 +313,9 @@ bool try_again(vfs_file *file, const open_services &services, int error, int *fl
         *flags &= ~O_DIRECT; // this file system has no direct I/O
         file->mode_flags = static_cast<uint8_t>(file->mode_flags & ~mode_direct);
         return true;
-    case EACCES: return attempts->failed == 1 ? pause_before_retry(file, attempts)
-                                              : !waits && pause_before_retry(file, attempts);
+    case EACCES:
+        return attempts->failed == 1 ? pause_before_retry(file, attempts)
+                                     : !waits && pause_before_retry(file, attempts);
     case EINTR:
     case EAGAIN:
     case ETIMEDOUT: return pause_before_retry(file, attempts);
@@ -393,7 +400,10 @@ int take_file_locks(vfs_file *file)
 // A shared open runs under the metadata lock; making a header takes the whole file instead.
 lock_target open_bracket(vfs_file *file, bool making)
 {
-    lock_target target{.file = file, .counted = &file->meta, .kind = lock_metadata, .write = !is_read_only(file),
+    lock_target target{.file = file,
+                       .counted = &file->meta,
+                       .kind = lock_metadata,
+                       .write = !is_read_only(file),
                        .start = file->physical_organization == 1 ? 0 : metadata_byte,
                        .length = file->physical_organization == 1 ? key_entry_bytes : 1};
     if (making) target.kind = lock_file;
@@ -450,9 +460,9 @@ void size_data_cache(vfs_file *file)
     if (!sequential) {
         data.block_size = random_block_bytes;
         data.readahead = 0;
-        data.max = is_read_only(file) ? random_block_count
-                                      : settings.data_count < random_block_count ? settings.data_count
-                                                                                 : random_block_count;
+        data.max = is_read_only(file)                         ? random_block_count
+                   : settings.data_count < random_block_count ? settings.data_count
+                                                              : random_block_count;
         data.min = data.max;
     }
     if (!file->physically_sequential && file->trees()) data.readahead = 0;

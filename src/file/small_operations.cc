@@ -32,9 +32,15 @@ int file_access(const char *path)
     return errno == ENOENT ? 0 : -1;
 }
 
-int file_rename(const char *old_path, const char *new_path) { return rename(old_path, new_path); }
+int file_rename(const char *old_path, const char *new_path)
+{
+    return rename(old_path, new_path);
+}
 
-int file_unlink(const char *path) { return unlink(path); }
+int file_unlink(const char *path)
+{
+    return unlink(path);
+}
 
 vfs_open_block open_block_now(const vfs_file *file)
 {
@@ -63,7 +69,10 @@ int file_flush(vfs_file *file)
     return file->error != 0 ? fail(static_cast<int>(file->error)) : 0;
 }
 
-int file_at_end(vfs_file *file) { return (file->current.flags & VFS_FLAG_AT_END) != 0; }
+int file_at_end(vfs_file *file)
+{
+    return (file->current.flags & VFS_FLAG_AT_END) != 0;
+}
 
 int file_unlock_all(vfs_file *file)
 {

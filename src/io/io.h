@@ -9,7 +9,7 @@
 // buffer->error. It touches nothing else of the cache but `retries`; whoever waits runs the completion.
 struct io_engine {
     const char *name;
-    bool asynchronous;               // `start` may return before the transfer has ended
+    bool asynchronous; // `start` may return before the transfer has ended
     void (*start)(vfs_buffer *buffer);
     void (*wait)(vfs_buffer *buffer); // returns when it has ended
 };

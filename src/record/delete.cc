@@ -64,8 +64,7 @@ void put_entries_back(vfs_file *file, const vfs_request &work, uint64_t removed)
 bool is_sequence_key(vfs_file *file, const vfs_request &work)
 {
     vfs_request entry;
-    if (!file->indexed() || !file->sequence_key_known ||
-        load_entry(file, work, file->primary_key, &entry) == -1)
+    if (!file->indexed() || !file->sequence_key_known || load_entry(file, work, file->primary_key, &entry) == -1)
         return false;
     return key_compare(file, file->primary_key, entry.key, file->sequence_key) == 0;
 }
@@ -143,8 +142,8 @@ int64_t delete_failed(const operation_call &call, const vfs_request &work)
 {
     if (call.file->debug) {
         const int cause = errno;
-        std::fprintf(stderr, "Delete failed %d pos %d  rrn %ld key %s\n", cause, work.mode,
-                     static_cast<long>(work.rrn), static_cast<const char *>(work.key));
+        std::fprintf(stderr, "Delete failed %d pos %d  rrn %ld key %s\n", cause, work.mode, static_cast<long>(work.rrn),
+                     static_cast<const char *>(work.key));
         errno = cause;
     }
     return operation_failed(call.file, work, false);

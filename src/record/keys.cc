@@ -154,8 +154,8 @@ int key_duplicate(vfs_file *file, vfs_request *request)
         report_failure(file, request, "key_duplicate");
         return -1;
     }
-    request->flags = static_cast<uint8_t>(answer == 1 ? request->flags | VFS_FLAG_DUPLICATE
-                                                      : request->flags & ~VFS_FLAG_DUPLICATE);
+    request->flags =
+        static_cast<uint8_t>(answer == 1 ? request->flags | VFS_FLAG_DUPLICATE : request->flags & ~VFS_FLAG_DUPLICATE);
     return 0;
 }
 

@@ -51,8 +51,8 @@ int lock_reached(const operation_call &call, vfs_request *work)
     do {
         *work = start;
         if (record_wanted(file, work) == -1) return -1;
-        outcome = file->lock_defaults.lock_mode == VFS_LOCK_RECORD ? record_lock(call, *work, &lock)
-                                                                    : lock_outcome::held;
+        outcome =
+            file->lock_defaults.lock_mode == VFS_LOCK_RECORD ? record_lock(call, *work, &lock) : lock_outcome::held;
     } while (outcome == lock_outcome::again);
     if (outcome == lock_outcome::failed) return -1;
     return bracket_end(file);
@@ -82,7 +82,10 @@ int64_t run(const operation_call &call, lock_step step)
     return 0;
 }
 
-int unlock_step(const operation_call &call, vfs_request *) { return unlock_all_kinds(call); }
+int unlock_step(const operation_call &call, vfs_request *)
+{
+    return unlock_all_kinds(call);
+}
 
 } // namespace
 

@@ -4,7 +4,10 @@
 
 namespace {
 
-bool several_allowed(const vfs_file *file) { return (file->lock_defaults.lock_flags & VFS_LOCK_SEVERAL) != 0; }
+bool several_allowed(const vfs_file *file)
+{
+    return (file->lock_defaults.lock_flags & VFS_LOCK_SEVERAL) != 0;
+}
 
 lock_target target_of(const operation_call &call, const vfs_request &work)
 {
@@ -25,8 +28,12 @@ lock_target target_of(const operation_call &call, const vfs_request &work)
 void block_unlock(vfs_file *file)
 {
     if (file->block_lock == none) return;
-    lock_clr({.file = file, .counted = &file->data, .kind = lock_block, .write = !is_read_only(file),
-              .start = file->block_lock, .length = file->data.block_size});
+    lock_clr({.file = file,
+              .counted = &file->data,
+              .kind = lock_block,
+              .write = !is_read_only(file),
+              .start = file->block_lock,
+              .length = file->data.block_size});
     file->block_lock = none;
 }
 
@@ -36,7 +43,8 @@ bool already_held(const operation_call &call, const lock_target &target, const o
     vfs_file *file = call.file;
     if (lock.taken && lock.target.start == target.start && lock.target.length == target.length) return true;
     if (target.kind == lock_block) return file->block_lock == target.start;
-    return call.operation != VFS_OP_READ && !several_allowed(file) && lock_holds_record(file, target.start, target.write);
+    return call.operation != VFS_OP_READ && !several_allowed(file) &&
+           lock_holds_record(file, target.start, target.write);
 }
 
 void release_previous(vfs_file *file, const lock_target &target)

@@ -71,9 +71,7 @@ int position_request(vfs_file *file, vfs_request *request)
     case VFS_POS_END: return append_point(file, request);
     case VFS_POS_CURRENT: return current_record(file, request);
     case VFS_POS_RRN: return record_locate_rrn(file, request);
-    case VFS_POS_KEY:
-        request->record_offset = request->data_offset = none;
-        return record_locate_key(file, request);
+    case VFS_POS_KEY: request->record_offset = request->data_offset = none; return record_locate_key(file, request);
     default: std::fprintf(stderr, "pos=%d\n", request->mode); return fail(EINVAL);
     }
 }

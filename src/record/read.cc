@@ -45,8 +45,8 @@ int apply_mode(const operation_call &call, vfs_request *work)
     if (call.mode == VFS_POS_RRN || call.mode == VFS_POS_KEY) {
         work->flags = static_cast<uint8_t>(work->flags & ~VFS_FLAG_AT_END);
         const uint64_t length = call.arguments.key != nullptr || call.record == nullptr ? 0
-                                : call.arguments.key_length != 0 ? call.arguments.key_length
-                                                                 : call.record->length;
+                                : call.arguments.key_length != 0                        ? call.arguments.key_length
+                                                                                        : call.record->length;
         return key_from_arguments(call, work, call.record != nullptr ? call.record->bytes : nullptr, length);
     }
     return 0;
@@ -69,8 +69,7 @@ int started_record(vfs_file *file, vfs_request *work, bool *there)
     found.node = position.node;
     found.item = position.item;
     found.stamp = position.stamp;
-    if (file->indexed())
-        std::memcpy(work->key, position.key, round_up(key_length_of(file, position.key_number), 8));
+    if (file->indexed()) std::memcpy(work->key, position.key, round_up(key_length_of(file, position.key_number), 8));
     *work = found;
     *there = true;
     return 0;
@@ -103,7 +102,10 @@ int position_for_read(const operation_call &call, vfs_request *work)
     return position_request(file, work);
 }
 
-bool at_end(const vfs_request &work) { return (work.flags & VFS_FLAG_AT_END) != 0; }
+bool at_end(const vfs_request &work)
+{
+    return (work.flags & VFS_FLAG_AT_END) != 0;
+}
 
 // Steps over records that others hold locked; the file position goes with it.
 lock_outcome lock_or_skip(const operation_call &call, vfs_request *work, operation_lock *lock)

@@ -65,6 +65,9 @@ inline void skip_clear(vfs_request *request)
 {
     return metadata_bracket(file) ? metadata_acquire(file, change) : 0;
 }
-[[nodiscard]] inline int bracket_end(vfs_file *file) { return file->acquired ? metadata_release(file) : 0; }
+[[nodiscard]] inline int bracket_end(vfs_file *file)
+{
+    return file->acquired ? metadata_release(file) : 0;
+}
 
 #endif

@@ -102,7 +102,7 @@ int check_keys(vfs_file *file, vfs_request *work)
 
 // What has been done to the index so far, to be taken back on failure.
 struct index_change {
-    uint64_t home, place; // the record's slot before and after
+    uint64_t home, place;                              // the record's slot before and after
     uint64_t inserted = 0, repointed = 0, removed = 0; // keys below these numbers are done
 };
 

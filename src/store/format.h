@@ -60,18 +60,21 @@ inline uint64_t load_u64(const std::byte *at)
     std::memcpy(&value, at, sizeof value);
     return value;
 }
-inline void store_u64(std::byte *at, uint64_t value) { std::memcpy(at, &value, sizeof value); }
+inline void store_u64(std::byte *at, uint64_t value)
+{
+    std::memcpy(at, &value, sizeof value);
+}
 
 enum item_type : uint8_t {
-    item_deleted = 1,   // deleted record slot
-    item_block = 2,     // the metadata region; an index block that is free or freshly allocated
+    item_deleted = 1, // deleted record slot
+    item_block = 2,   // the metadata region; an index block that is free or freshly allocated
     item_branch = 3,
     item_leaf = 4,
     item_free_slots = 5, // free-slot list block
     item_hole = 6,
     item_relocated = 7, // record living away from its home slot
     item_live = 8,
-    item_moved = 9,     // home slot of a relocated record (flat files)
+    item_moved = 9, // home slot of a relocated record (flat files)
 };
 inline constexpr uint8_t state_write_moved = 10; // in requests only: write the frame of a moved slot
 
@@ -90,7 +93,8 @@ inline constexpr field<uint64_t> frame_link{8};
 inline constexpr field<uint8_t> frame_type{16};
 
 // ---- Metadata region: fixed header ----
-inline constexpr format_row header_rows[] = { // written to disk: never move or renumber
+inline constexpr format_row header_rows[] = {
+    // written to disk: never move or renumber
     {"metadata size", 0, 8},
     {"header length", 8, 8},
     {"item type", 16, 1},
@@ -297,12 +301,15 @@ VFS_NODE_FIELD(uint64_t, key_width, "key width");
 
 // The arrays of a node for one key length: the only place that divides the space of a node.
 struct node_geometry {
-    uint64_t width;           // key length rounded up to 8
+    uint64_t width; // key length rounded up to 8
     uint64_t leaf_capacity, leaf_stamp_array, leaf_key_array;
     uint64_t branch_capacity, branch_key_array;
 };
 
-constexpr uint64_t round_up(uint64_t value, uint64_t unit) { return (value + unit - 1) / unit * unit; }
+constexpr uint64_t round_up(uint64_t value, uint64_t unit)
+{
+    return (value + unit - 1) / unit * unit;
+}
 
 constexpr node_geometry node_geometry_of(uint64_t key_length)
 {
@@ -323,11 +330,8 @@ inline constexpr uint64_t minimum_leaf_capacity = 4;
 
 // ---- Record slots ----
 inline constexpr format_row slot_rows[] = {
-    {"stored length", 0, 8},
-    {"data length", 8, 8}, // of a moved slot: offset of the slot that holds the record
-    {"type", 16, 1},
-    {"zero 17", 17, 7},
-    {"rrn", 24, 8},
+    {"stored length", 0, 8}, {"data length", 8, 8}, // of a moved slot: offset of the slot that holds the record
+    {"type", 16, 1},         {"zero 17", 17, 7},    {"rrn", 24, 8},
 };
 inline constexpr uint64_t slot_head_bytes = 32; // the record bytes begin here
 inline constexpr uint64_t slot_overhead = slot_head_bytes + trailer_bytes;
@@ -338,15 +342,23 @@ inline constexpr auto slot_type = field_of<uint8_t>(slot_rows, "type");
 inline constexpr auto slot_rrn = field_of<uint64_t>(slot_rows, "rrn");
 
 // Bytes of the slot that a record of `length` bytes needs.
-constexpr uint64_t slot_bytes(uint64_t length) { return round_up(length, 8) + slot_overhead; }
+constexpr uint64_t slot_bytes(uint64_t length)
+{
+    return round_up(length, 8) + slot_overhead;
+}
 
 // ---- Holes ----
 inline constexpr uint64_t hole_minimum = 32; // head of 24 bytes and the trailer
 
 // ---- Free-slot list blocks ----
 inline constexpr format_row free_slots_rows[] = {
-    {"length", 0, 8},        {"next", 8, 8},  {"type", 16, 1},         {"reserved 17", 17, 7},
-    {"capacity", 24, 8},     {"count", 32, 8}, {"length array offset", 40, 8},
+    {"length", 0, 8},
+    {"next", 8, 8},
+    {"type", 16, 1},
+    {"reserved 17", 17, 7},
+    {"capacity", 24, 8},
+    {"count", 32, 8},
+    {"length array offset", 40, 8},
 };
 inline constexpr uint64_t free_slots_head_bytes = 48; // the offset array begins here
 static_assert(rows_tile(free_slots_rows, free_slots_head_bytes));
@@ -355,7 +367,8 @@ inline constexpr auto free_slots_capacity = field_of<uint64_t>(free_slots_rows, 
 inline constexpr auto free_slots_count = field_of<uint64_t>(free_slots_rows, "count");
 inline constexpr auto free_slots_length_array = field_of<uint64_t>(free_slots_rows, "length array offset");
 inline constexpr uint64_t free_slots_fixed_capacity = (index_block_bytes - free_slots_head_bytes - trailer_bytes) / 8;
-inline constexpr uint64_t free_slots_variable_capacity = (index_block_bytes - free_slots_head_bytes - trailer_bytes) / 16;
+inline constexpr uint64_t free_slots_variable_capacity =
+    (index_block_bytes - free_slots_head_bytes - trailer_bytes) / 16;
 static_assert(free_slots_fixed_capacity == 4089 && free_slots_variable_capacity == 2044);
 
 #endif

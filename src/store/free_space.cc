@@ -24,8 +24,7 @@ int list_open(vfs_file *file, uint64_t address, bool update, slot_list *list)
     vfs_buffer *block = update ? cache_update_at(&file->meta, address) : cache_fetch_at(&file->meta, address);
     if (block == nullptr) return -1;
     const std::span<const std::byte> image = buffer_bytes(block);
-    const uint64_t capacity =
-        file->fixed_length() ? free_slots_fixed_capacity : free_slots_variable_capacity;
+    const uint64_t capacity = file->fixed_length() ? free_slots_fixed_capacity : free_slots_variable_capacity;
     *list = {block->data, image_get(image, free_slots_count), capacity,
              file->fixed_length() ? 0 : free_slots_head_bytes + 8 * capacity};
     if (image_get(image, frame_type) != item_free_slots || image_get(image, free_slots_capacity) != capacity ||

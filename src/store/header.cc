@@ -14,8 +14,8 @@ struct metadata_layout {
     uint64_t description_bytes; // stored description, 0 when none is stored
     uint64_t key_table;         // offset, 0 for flat files
     uint64_t key_table_end;
-    uint64_t size;              // M
-    uint64_t areas;             // bytes of the key value areas
+    uint64_t size;  // M
+    uint64_t areas; // bytes of the key value areas
 };
 
 uint64_t tree_key_length(const vfs_file *file, uint64_t key)
@@ -89,8 +89,7 @@ void put_fixed_fields(vfs_file *file, const metadata_layout &layout)
     header_put(file, header_logical_organization, file->logical_organization);
     header_put(file, header_record_format, file->record_format);
     header_put(file, field<uint64_t>{static_cast<uint32_t>(size - trailer_bytes)}, size);
-    if (layout.description_bytes != 0)
-        header_change(file, header_variable_part, file->keys, layout.description_bytes);
+    if (layout.description_bytes != 0) header_change(file, header_variable_part, file->keys, layout.description_bytes);
 }
 
 void print_geometry(const vfs_file *file, uint64_t k, const node_geometry &g, uint64_t length)
@@ -99,7 +98,9 @@ void print_geometry(const vfs_file *file, uint64_t k, const node_geometry &g, ui
                  static_cast<const void *>(file->meta.hdrb->data + key_entry_at(file, k)));
     std::fprintf(stderr, "  root 0x%lx first 0x%lx\n", key_entry_get(file, k, key_entry_root),
                  key_entry_get(file, k, key_entry_first_leaf));
-    const auto at = [](uint64_t array, uint64_t item, uint64_t width) { return static_cast<int>(array + item * width); };
+    const auto at = [](uint64_t array, uint64_t item, uint64_t width) {
+        return static_cast<int>(array + item * width);
+    };
     for (const uint64_t i : {uint64_t{0}, g.branch_capacity})
         std::fprintf(stderr, "  branch @%d offset[%ld] %d\n", static_cast<int>(node_head_bytes), static_cast<long>(i),
                      at(node_head_bytes, i, 8));
@@ -245,8 +246,7 @@ int header_create(vfs_file *file)
     const uint64_t point = header_get(file, header_allocation_point);
     const uint64_t unused = header_get(file, header_allocation_limit) - point;
     header_put(file, header_unused_metadata, unused);
-    if (file->debug)
-        std::fprintf(stderr, "%ld Unused bytes at offset 0x%lx\n", static_cast<long>(unused), point);
+    if (file->debug) std::fprintf(stderr, "%ld Unused bytes at offset 0x%lx\n", static_cast<long>(unused), point);
     file->data_start = file->end_of_file;
     header_put(file, header_data_start, file->data_start);
     if (header_sync(file) == -1) return -1;

@@ -8,8 +8,8 @@
 [[nodiscard]] int header_open(vfs_file *file);   // reads, creates or re-initializes; sizes the caches
 [[nodiscard]] int header_create(vfs_file *file); // a header and one empty tree per key, written to the file
 [[nodiscard]] int header_read(vfs_file *file);
-[[nodiscard]] int header_sync(vfs_file *file);   // the handle's counters into the image (and debug statistics)
-void header_load(vfs_file *file);                // the handle's counters and geometry from the image
+[[nodiscard]] int header_sync(vfs_file *file); // the handle's counters into the image (and debug statistics)
+void header_load(vfs_file *file);              // the handle's counters and geometry from the image
 
 // Checks of what the header image claims, against a file of `size` bytes; EINVAL. The first looks at the fixed
 // part alone (tag, marks, sizes), the second at the key table, with file->keys known.
@@ -46,7 +46,8 @@ inline bool metadata_bracket(const vfs_file *file)
 [[nodiscard]] int change_begin_slow(vfs_file *file);
 [[nodiscard]] inline int change_begin(vfs_file *file)
 {
-    if (file->session_marked) [[likely]] return 0;
+    if (file->session_marked) [[likely]]
+        return 0;
     return change_begin_slow(file);
 }
 // Everything changed so far into the file and onto the disk; the state word is cleared.

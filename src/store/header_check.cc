@@ -6,7 +6,10 @@
 
 namespace {
 
-bool is_power_of_two(uint64_t value) { return value != 0 && (value & (value - 1)) == 0; }
+bool is_power_of_two(uint64_t value)
+{
+    return value != 0 && (value & (value - 1)) == 0;
+}
 
 bool tree_entry_sound(const vfs_file *file, uint64_t k)
 {
@@ -43,8 +46,7 @@ bool same_key(const vfs_key_desc *a, const vfs_key_desc *b, uint64_t k)
 {
     const auto entry = [k](const vfs_key_desc *d) { return reinterpret_cast<const vfs_key_desc_entry *>(d + 1) + k; };
     const vfs_key_desc_entry *x = entry(a), *y = entry(b);
-    if (x->length != y->length || x->part_count != y->part_count ||
-        ((x->flags ^ y->flags) & VFS_KEY_DUPLICATES) != 0)
+    if (x->length != y->length || x->part_count != y->part_count || ((x->flags ^ y->flags) & VFS_KEY_DUPLICATES) != 0)
         return false;
     const auto part = [](const vfs_key_desc *d, const vfs_key_desc_entry *e, int64_t i) {
         return reinterpret_cast<const vfs_key_part *>(reinterpret_cast<const std::byte *>(d) + e->part_list) + i;
@@ -136,8 +138,7 @@ int key_description_check(const vfs_key_desc *keys, uint64_t bytes)
         if (list % 8 != 0 || list < sizeof *keys || list > total || parts < 1 ||
             parts > (total - list) / sizeof(vfs_key_part))
             return fail(EINVAL);
-        const auto *part =
-            reinterpret_cast<const vfs_key_part *>(reinterpret_cast<const std::byte *>(keys) + list);
+        const auto *part = reinterpret_cast<const vfs_key_part *>(reinterpret_cast<const std::byte *>(keys) + list);
         uint64_t sum = 0;
         for (uint64_t i = 0; i < parts; ++i) {
             if (part[i].offset < 0 || part[i].length < 1 || static_cast<uint64_t>(part[i].length) > length)
@@ -188,4 +189,7 @@ int header_check_keys(const vfs_file *file)
     return 0;
 }
 
-int damaged() { return fail(ENOEXEC); }
+int damaged()
+{
+    return fail(ENOEXEC);
+}

@@ -71,8 +71,8 @@ int index_block_alloc(vfs_file *file, vfs_cache *target, uint64_t *address)
     const uint64_t next = image_get(buffer_bytes(found), frame_link);
     if (next == head || (next != 0 && address_check(file, next, index_block_bytes) == -1)) return damaged();
 
-    vfs_buffer *block = target == &file->meta ? cache_update_at(target, head)
-                                              : cache_copy_block(target, &file->meta, head);
+    vfs_buffer *block =
+        target == &file->meta ? cache_update_at(target, head) : cache_copy_block(target, &file->meta, head);
     if (block == nullptr || (block = cache_update_at(target, head)) == nullptr) return -1;
     const std::span<std::byte> image = buffer_bytes_for_update(block);
     std::memset(image.data(), 0, node_head_bytes);

@@ -18,8 +18,14 @@
 
 namespace {
 
-bool exclusive(const file_state *file) { return file->lock_defaults.lock_mode == VFS_LOCK_FILE; }
-bool unlocked(const file_state *file) { return file->lock_defaults.lock_mode < VFS_LOCK_FILE; }
+bool exclusive(const file_state *file)
+{
+    return file->lock_defaults.lock_mode == VFS_LOCK_FILE;
+}
+bool unlocked(const file_state *file)
+{
+    return file->lock_defaults.lock_mode < VFS_LOCK_FILE;
+}
 
 // The first 8 bytes of the kernel's boot id; 1 when it cannot be read.
 uint64_t read_boot_word()
@@ -237,7 +243,8 @@ int session_close(vfs_file *file)
     const scope_guard unmark{[&] { mark_session(file, false); }};
     if (exclusive(file) && file->file_lock_state == file_lock_none) {
         // The lock was given away and everything published; without it nothing may be touched any more.
-        const lock_target target{.file = file, .counted = &file->data, .kind = lock_file, .write = true, .try_only = true};
+        const lock_target target{
+            .file = file, .counted = &file->data, .kind = lock_file, .write = true, .try_only = true};
         if (lock_set(target) == -1) return 0;
         if (metadata_refresh(file) == -1) return -1;
     }

@@ -50,8 +50,7 @@ void end_advance(vfs_file *file, uint64_t offset, uint64_t stored)
 bool plausible(const vfs_file *file, uint64_t offset, const slot_head &head)
 {
     const uint64_t room = file->end_of_file - offset;
-    if (head.type < item_deleted || head.type > item_moved || head.stored_length % 8 != 0 ||
-        head.stored_length > room)
+    if (head.type < item_deleted || head.type > item_moved || head.stored_length % 8 != 0 || head.stored_length > room)
         return false;
     if (head.type == item_hole) return head.stored_length >= hole_minimum;
     if (head.stored_length < slot_overhead) return false;
@@ -74,9 +73,9 @@ int report_mismatch(vfs_file *file, const vfs_request *request, uint64_t trailer
                  block != nullptr ? block->offset : none, block != nullptr ? block->end : none, request->record_offset,
                  request->record_offset + request->stored_length - trailer_bytes,
                  request->record_offset + request->stored_length, request->record_state,
-                 static_cast<long>(request->rrn), static_cast<long>(request->stored_length),
-                 static_cast<long>(trailer), static_cast<long>(request->data_length),
-                 (request->flags & VFS_FLAG_SEQUENTIAL) != 0, (request->flags & VFS_FLAG_CURRENT) != 0);
+                 static_cast<long>(request->rrn), static_cast<long>(request->stored_length), static_cast<long>(trailer),
+                 static_cast<long>(request->data_length), (request->flags & VFS_FLAG_SEQUENTIAL) != 0,
+                 (request->flags & VFS_FLAG_CURRENT) != 0);
     int index = 0;
     for (const vfs_segment &piece : pieces)
         std::fprintf(stderr, "%d: %3.3ld %p\n", index++, static_cast<long>(piece.length), piece.address);
@@ -179,7 +178,8 @@ int64_t record_read(vfs_file *file, vfs_request *request)
         }
         stored = target.stored_length;
     }
-    const uint64_t bytes = request->data_length < request->record_length ? request->data_length : request->record_length;
+    const uint64_t bytes =
+        request->data_length < request->record_length ? request->data_length : request->record_length;
     const vfs_buffer *block = cache_fetch_at(&file->data, slot);
     if (block == nullptr) return -1;
     uint64_t trailer;
@@ -187,7 +187,8 @@ int64_t record_read(vfs_file *file, vfs_request *request)
         const std::byte *at = block->data + (slot - block->offset);
         trailer = load_u64(at + stored - trailer_bytes);
         if (bytes != 0) std::memcpy(request->record, at + slot_head_bytes, bytes);
-        if (trailer == stored) [[likely]] return static_cast<int64_t>(request->data_length);
+        if (trailer == stored) [[likely]]
+            return static_cast<int64_t>(request->data_length);
         return report_mismatch(file, request, trailer, {});
     }
     vfs_segment pieces[] = {
@@ -211,8 +212,7 @@ int64_t record_read(vfs_file *file, vfs_request *request)
 
 int64_t record_write_new(vfs_file *file, vfs_request *request)
 {
-    const head_image head =
-        make_head(request, request->stored_length, request->record_length, request->record_state);
+    const head_image head = make_head(request, request->stored_length, request->record_length, request->record_state);
     const std::span data(static_cast<const std::byte *>(request->record), request->record_length);
     if (put_slot(file, request->record_offset, head, data) == -1) return -1;
     end_advance(file, request->record_offset, request->stored_length);

@@ -14,7 +14,7 @@
 
 // Selects the tree: opens its context on first use. ERANGE for a key number beyond the trees.
 [[nodiscard]] int tree_select(vfs_file *file, uint64_t key);
-void contexts_close(vfs_file *file); // closes and frees every context; errors are stored
+void contexts_close(vfs_file *file);   // closes and frees every context; errors are stored
 void contexts_discard(vfs_file *file); // drops every cached node and every cursor, without writing
 
 [[nodiscard]] int leaf_create_root(vfs_file *file, uint64_t key); // the first leaf of a new tree: root, first, last
@@ -22,7 +22,9 @@ void contexts_discard(vfs_file *file); // drops every cached node and every curs
 [[nodiscard]] int tree_first(vfs_file *file, vfs_request *request); // cursor on it, fill; stamp := tree tsn
 [[nodiscard]] int tree_last(vfs_file *file, vfs_request *request);
 // The step of a sequential read, from file->position (cursor and side; a lost cursor is found again by identity):
-// request's cursor and fill. 1 at the end, with the request's cursor and offset unchanged.
+// request's cursor and fill. 1 at the end, with the request's cursor and offset unchanged. At the far end already
+// (after_last and next, before_first and previous) the step looks behind the record that the position's identity
+// still names; a record_offset of none says that there is no such record. Nothing of the position is changed.
 [[nodiscard]] int tree_read_next(vfs_file *file, vfs_request *request);
 [[nodiscard]] int tree_read_prev(vfs_file *file, vfs_request *request);
 
@@ -39,10 +41,12 @@ void contexts_discard(vfs_file *file); // drops every cached node and every curs
 // nothing was changed.
 [[nodiscard]] int tree_insert_key(vfs_file *file, vfs_request *request);
 [[nodiscard]] int rrn_insert(vfs_file *file, vfs_request *request);
-// Removes the entry of exactly (key or rrn, record_offset). -1 with ESPIPE when there is none.
+// Removes the entry of exactly (key or rrn, record_offset). -1 with ESPIPE when there is none; the request's record
+// offset stays what it was. The file position that stood on the entry becomes a gap.
 [[nodiscard]] int tree_delete_key(vfs_file *file, vfs_request *request);
 [[nodiscard]] int rrn_delete(vfs_file *file, vfs_request *request);
-// Gives the entry of exactly (key or rrn, record_offset) the address `offset`. -1 with ESPIPE when there is none.
+// Gives the entry of exactly (key or rrn, record_offset) the address `offset`, in the file position too when
+// it stands there. -1 with ESPIPE when there is none.
 [[nodiscard]] int entry_set_address(vfs_file *file, vfs_request *request, uint64_t offset);
 
 [[nodiscard]] int tsn_renumber(vfs_file *file); // 0 done, 1 nothing to do, -1

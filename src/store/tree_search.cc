@@ -37,9 +37,8 @@ vfs_buffer *hinted_leaf(const index_tree &tree, const search_key &key, bool uppe
     return inside_left && inside_right ? leaf : nullptr;
 }
 
-bool same_key(const index_tree &tree, const vfs_buffer *node, uint64_t item, const search_key &key)
+bool same_key(const vfs_buffer *node, uint64_t item, const search_key &key)
 {
-    (void)tree;
     return key.compare(key_place(node, item)) == 0;
 }
 
@@ -50,7 +49,7 @@ int names_record(const index_tree &tree, tree_place place, const search_key &key
     const vfs_buffer *leaf = leaf_fetch(tree, place.node);
     if (leaf == nullptr) return errno == ENOEXEC ? 0 : -1;
     return place.item < node_entries(leaf) && entry_address(leaf, place.item) == offset &&
-                   same_key(tree, leaf, place.item, key)
+                   same_key(leaf, place.item, key)
                ? 1
                : 0;
 }
@@ -147,7 +146,7 @@ int locate(const index_tree &tree, vfs_request *request, const search_key &key)
     if (result == 1) return not_found(request);
     const vfs_buffer *leaf = node_fetch(tree, place.node);
     if (leaf == nullptr) return -1;
-    if (relation == VFS_EQUAL && !same_key(tree, leaf, place.item, key)) return not_found(request);
+    if (relation == VFS_EQUAL && !same_key(leaf, place.item, key)) return not_found(request);
     tree.context->node = place.node;
     tree.context->item = place.item;
     return tree_fill(tree, request, place, static_cast<uint64_t>(tree.get(key_entry_tsn)));

@@ -49,26 +49,26 @@ struct vfs_file : file_state {
     vfs_cache data, meta;
     index_context *contexts; // owned: one per tree (tree_count), null for flat files
     uint64_t tree_count;
-    uint64_t current_key;    // context last selected; none before the first
+    uint64_t current_key; // context last selected; none before the first
 
-    vfs_open_block block;    // the host's words, kept current
-    vfs_open_block host;     // the host's block as it was passed: its own pointers, given back by close
-    vfs_key_desc *keys;      // owned copy: the host's description, the default one, or the file's
-    uint64_t key_count;      // keys in the description
+    vfs_open_block block; // the host's words, kept current
+    vfs_open_block host;  // the host's block as it was passed: its own pointers, given back by close
+    vfs_key_desc *keys;   // owned copy: the host's description, the default one, or the file's
+    uint64_t key_count;   // keys in the description
     uint64_t primary_key;
     uint64_t key_buffer_bytes; // of each key buffer: longest W + 8, at least 264
-    std::byte *key_area;     // owned: all key buffers of the handle, one allocation
+    std::byte *key_area;       // owned: all key buffers of the handle, one allocation
 
-    vfs_request last;        // the last operation, whatever its outcome
-    vfs_request current;     // the current record block: what the last read or start left
-    file_position position;  // the file position; survives failed operations
-    uint8_t direction[8];    // (mode, relation) for next, previous, first, last
+    vfs_request last;       // the last operation, whatever its outcome
+    vfs_request current;    // the current record block: what the last read or start left
+    file_position position; // the file position; survives failed operations
+    uint8_t direction[8];   // (mode, relation) for next, previous, first, last
 
     std::byte *sequence_key; // primary key of the last appended record
     bool sequence_key_known;
-    std::byte *scratch_key;  // two more key buffers for the operation under way
+    std::byte *scratch_key; // two more key buffers for the operation under way
     std::byte *old_key;
-    uint8_t *changed_keys;   // owned: one byte per key, for rewrite
+    uint8_t *changed_keys; // owned: one byte per key, for rewrite
 
     // Working copies of header words, written back by header_sync.
     int64_t tsn;
@@ -85,31 +85,37 @@ struct vfs_file : file_state {
     bool fixed_length() const { return record_format == VFS_FORMAT_FIXED; }
 
     // Shared use: what metadata_acquire read, to tell what an operation changed.
-    bool acquired;                       // between metadata_acquire and metadata_release
+    bool acquired; // between metadata_acquire and metadata_release
     bool acquired_for_change;
-    uint64_t acquired_end;               // E0: end of file when the operation began
-    bool session_marked;                 // this handle's state word is set in the file
-    bool session_booted;                 // this handle has set the boot word
-    int64_t seen_tsn;                    // counters as this handle last read or wrote them
+    uint64_t acquired_end; // E0: end of file when the operation began
+    bool session_marked;   // this handle's state word is set in the file
+    bool session_booted;   // this handle has set the boot word
+    int64_t seen_tsn;      // counters as this handle last read or wrote them
     uint64_t seen_dsn, seen_asn, seen_end;
 
-    uint64_t block_lock;     // lock mode 4: start of the Data block that this handle holds locked; none
+    uint64_t block_lock; // lock mode 4: start of the Data block that this handle holds locked; none
 
     vfs_registry_entry *registry;
-    char *error_buffer;      // owned: text of error_text
+    char *error_buffer; // owned: text of error_text
     int error_number, error_code;
     struct {
         clock_t ticks;
         rusage usage;
-    } opened, closed;        // snapshots for the statistics
-    std::byte *checkpoints;  // owned: remembered record numbers of a flat file of variable slots
+    } opened, closed;       // snapshots for the statistics
+    std::byte *checkpoints; // owned: remembered record numbers of a flat file of variable slots
 };
 
 // ---- The header image: hdrb of the Meta cache ----
 
-inline std::span<const std::byte> header_image(const vfs_file *file) { return buffer_bytes(file->meta.hdrb); }
+inline std::span<const std::byte> header_image(const vfs_file *file)
+{
+    return buffer_bytes(file->meta.hdrb);
+}
 
-template <typename T> T header_get(const vfs_file *file, field<T> at) { return image_get(header_image(file), at); }
+template <typename T> T header_get(const vfs_file *file, field<T> at)
+{
+    return image_get(header_image(file), at);
+}
 
 // The one way to change the header image: dirty only when a byte really changes.
 inline void header_change(vfs_file *file, uint64_t offset, const void *bytes, uint64_t length)

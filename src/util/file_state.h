@@ -42,7 +42,7 @@ enum : uint8_t { // file_state::mode_flags
     mode_reversed = 128,  // VFS_OPT_REVERSED
 };
 
-enum : uint8_t { // file_state::setup_flags
+enum : uint8_t {            // file_state::setup_flags
     setup_default_keys = 1, // the host gave no key description
     setup_size_fixed = 2,   // the Data block size is fixed
     setup_caching = 4,
@@ -57,8 +57,8 @@ struct wait_times {
 enum : uint16_t { file_lock_read = 0, file_lock_write = 1, file_lock_none = 2 };
 
 struct file_state {
-    char tag[4];       // "VFS"
-    uint32_t stamp;    // VFS_STAMP
+    char tag[4];    // "VFS"
+    uint32_t stamp; // VFS_STAMP
     open_settings settings;
     const char *path;         // in the handle's own allocation
     const char *logical_name; // likewise, never null
@@ -69,30 +69,30 @@ struct file_state {
     uint8_t setup_flags;
     bool debug;
     bool unbuffered_stream;
-    bool physically_sequential; // records lie in ascending key order
-    bool modified;              // a byte of the file was changed through this handle
-    bool preallocates;          // new blocks may be allocated ahead of need
-    uint32_t access_mode;       // VFS_ACCESS_...
-    uint32_t physical_organization; // 1 flat, 3 trees (as the header says, once it is read)
-    uint32_t error;             // the first error met that could not be reported at once; 0 none
-    uint32_t operation;         // code of the operation under way (for reports)
-    uint64_t operation_count;   // record operations so far
-    uint64_t end_of_file;       // E: where the next item is appended
-    uint64_t data_start;        // offset of the first item behind the metadata region
-    uint64_t size_at_open;      // from fstat under the file's locks
-    uint64_t allocated_size;    // bytes the file is known to be allocated to
-    std::byte *map_base;        // mapping of the whole file, or null
-    uint64_t map_length;        // bytes mapped
-    bool positioned_writes;     // a mapped file was written past its mapping since the last sync
-    vfs_lock_request lock_defaults; // share_mode and lock_mode decided by open
-    uint16_t file_lock_state;       // file_lock_...: the File lock of this handle
-    bool exclusive_held;            // the Exclusive lock of this handle
+    bool physically_sequential;      // records lie in ascending key order
+    bool modified;                   // a byte of the file was changed through this handle
+    bool preallocates;               // new blocks may be allocated ahead of need
+    uint32_t access_mode;            // VFS_ACCESS_...
+    uint32_t physical_organization;  // 1 flat, 3 trees (as the header says, once it is read)
+    uint32_t error;                  // the first error met that could not be reported at once; 0 none
+    uint32_t operation;              // code of the operation under way (for reports)
+    uint64_t operation_count;        // record operations so far
+    uint64_t end_of_file;            // E: where the next item is appended
+    uint64_t data_start;             // offset of the first item behind the metadata region
+    uint64_t size_at_open;           // from fstat under the file's locks
+    uint64_t allocated_size;         // bytes the file is known to be allocated to
+    std::byte *map_base;             // mapping of the whole file, or null
+    uint64_t map_length;             // bytes mapped
+    bool positioned_writes;          // a mapped file was written past its mapping since the last sync
+    vfs_lock_request lock_defaults;  // share_mode and lock_mode decided by open
+    uint16_t file_lock_state;        // file_lock_...: the File lock of this handle
+    bool exclusive_held;             // the Exclusive lock of this handle
     struct flock single_record_lock; // l_type F_UNLCK when none is held
     shared_file_state *shared;       // null until registered
     pthread_t opener;
     pid_t opener_pid;
-    uint32_t opener_generation; // process_generation() at open: a forked child may not use the handle
-    wait_times io_wait, lock_wait;   // summed from the caches when they close
+    uint32_t opener_generation;    // process_generation() at open: a forked child may not use the handle
+    wait_times io_wait, lock_wait; // summed from the caches when they close
     uint64_t bytes_read, bytes_written;
 };
 
@@ -102,9 +102,18 @@ inline void store_error(file_state *file, int error)
     if (file->error == 0) file->error = static_cast<uint32_t>(error);
 }
 
-inline bool is_read_only(const file_state *file) { return (file->mode_flags & mode_read_only) != 0; }
-inline bool is_regular(const file_state *file) { return (file->kind_flags & kind_regular) != 0; }
+inline bool is_read_only(const file_state *file)
+{
+    return (file->mode_flags & mode_read_only) != 0;
+}
+inline bool is_regular(const file_state *file)
+{
+    return (file->kind_flags & kind_regular) != 0;
+}
 // Lock modes 4 and 5: other processes may change the file between any two operations.
-inline bool is_shared(const file_state *file) { return file->lock_defaults.lock_mode > VFS_LOCK_FILE; }
+inline bool is_shared(const file_state *file)
+{
+    return file->lock_defaults.lock_mode > VFS_LOCK_FILE;
+}
 
 #endif

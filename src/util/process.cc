@@ -8,11 +8,17 @@ uint32_t current_process_generation = 1;
 
 namespace {
 
-void in_child() { ++current_process_generation; }
+void in_child()
+{
+    ++current_process_generation;
+}
 
 int watch_error;
 pthread_once_t watched = PTHREAD_ONCE_INIT;
-void watch() { watch_error = pthread_atfork(nullptr, nullptr, in_child); }
+void watch()
+{
+    watch_error = pthread_atfork(nullptr, nullptr, in_child);
+}
 
 } // namespace
 
