@@ -466,6 +466,31 @@ TEST(Tree, EmptyEntriesAreSkippedAndFilledAgain)
     EXPECT_EQ(file.tree().get(key_entry_entries), 5u);
 }
 
+TEST(Tree, AllocationThatFailsLeavesTheTreeAsItWas)
+{
+    tree_file file(long_key);
+    std::multimap<std::string, uint64_t> model;
+    for (uint64_t i = 0; i < 400; ++i) { // 20 full leaves, and a full root over them
+        ASSERT_EQ(file.insert(key_number(2 * i, long_key), offset_of(i)), 0);
+        model.emplace(key_number(2 * i, long_key), offset_of(i));
+    }
+    const uint64_t list = header_get(&file.handle, header_free_index_list);
+    const int64_t tsn = file.handle.tsn;
+    header_put(&file.handle, header_free_index_list, uint64_t{8}); // a damaged free list: no block to be had
+    for (const uint64_t number : {41, 79, 399, 801}) {
+        EXPECT_EQ(file.insert(key_number(number, long_key), 8), -1);
+        EXPECT_EQ(errno, ENOEXEC);
+        EXPECT_EQ(file.differs(listed(model)), "");
+    }
+    EXPECT_EQ(file.handle.tsn, tsn);
+    header_put(&file.handle, header_free_index_list, list);
+    ASSERT_EQ(file.insert(key_number(41, long_key), 8), 0);
+    model.emplace(key_number(41, long_key), 8);
+    EXPECT_EQ(file.differs(listed(model)), "");
+    EXPECT_EQ(file.tree().get(key_entry_depth), 3u);
+    EXPECT_EQ(file.handle.error, 0u);
+}
+
 // Damage: the bytes of one node are changed in the file; every operation ends, and none succeeds by luck.
 class TreeDamage : public testing::Test {
 protected:
