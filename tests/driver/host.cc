@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <ostream>
 #include <regex>
 #include <sstream>
@@ -61,11 +62,30 @@ std::string key::of(std::string_view record) const
     return value;
 }
 
+namespace {
+
+// The values of the lowest and highest keys must fit between the key table and the end of the metadata region, whose
+// size follows from the description. Long keys get a longer description, which moves the table behind a page's edge.
+size_t padding(const std::vector<key> &keys, size_t bytes)
+{
+    size_t areas = 0;
+    for (const key &each : keys) areas += 2 * ((static_cast<size_t>(each.length()) + 7) / 8 * 8);
+    const auto table_end = [&](size_t length) { return (336 + length + 15) / 16 * 16 + 192 * keys.size(); };
+    const size_t region = (table_end(bytes) + 4095) / 4096 * 4096;
+    if (table_end(bytes) + areas < region - 8 || areas > 4000) return 0;
+    size_t more = 0;
+    while (table_end(bytes + more) <= region) more += 8;
+    return more;
+}
+
+} // namespace
+
 key_block::key_block(const std::vector<key> &keys, int64_t primary)
 {
     size_t parts = 0;
     for (const key &each : keys) parts += each.parts.size();
-    const size_t bytes = sizeof(vfs_key_desc) + keys.size() * sizeof(vfs_key_desc_entry) + parts * sizeof(vfs_key_part);
+    size_t bytes = sizeof(vfs_key_desc) + keys.size() * sizeof(vfs_key_desc_entry) + parts * sizeof(vfs_key_part);
+    bytes += padding(keys, bytes);
     words_.assign(bytes / 8, 0);
     vfs_key_desc *head = get();
     *head = {.total_size = static_cast<int64_t>(bytes),
@@ -269,17 +289,17 @@ outcome file::run(operation which, const place &where, std::string_view record, 
 {
     outcome result;
     vfs_status status{};
-    const bool reads = which == operation::read && where.mode != VFS_POS_KEY;
     // An area of exactly its length, so that a sanitizer sees a byte too many.
-    std::vector<char> bytes(which == operation::read ? std::max(area, record.size()) : record.size());
-    std::copy(record.begin(), record.end(), bytes.begin());
-    if (reads) std::fill(bytes.begin(), bytes.end(), '\xaa');
-    vfs_record descriptor{.length = bytes.size(), .bytes = bytes.data()};
+    const size_t room = which == operation::read ? std::max(area, record.size()) : record.size();
+    const std::unique_ptr<char[]> bytes{new char[room]};
+    memset(bytes.get(), 0xaa, room);
+    std::copy(record.begin(), record.end(), bytes.get());
+    vfs_record descriptor{.length = room, .bytes = bytes.get()};
     result.value = call(handle_, which, where, &descriptor, &status, lock);
     result.error = errno;
     if (result.value >= 0 && result.error != ESPIPE) result.error = 0;
     if (which == operation::read && result.value >= 0)
-        result.bytes.assign(bytes.data(), std::min(bytes.size(), static_cast<size_t>(result.value)));
+        result.bytes.assign(bytes.get(), std::min(room, static_cast<size_t>(result.value)));
     result.offset = status.record_offset;
     result.rrn = status.rrn;
     result.duplicate = status.duplicate == 1;

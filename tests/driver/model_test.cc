@@ -55,8 +55,8 @@ const std::vector<key> two_keys{part_key({{0, 4}}, false), part_key({{4, 3}}, tr
 const std::vector<key> four_keys{part_key({{0, 4}}, false), part_key({{6, 2}, {12, 3}}, true),
                                  part_key({{8, 1}, {2, 3}}, false), part_key({{16, 10}}, true)};
 const std::vector<key> duplicate_primary{part_key({{0, 2}}, true), part_key({{2, 4}}, false)};
-const std::vector<key> long_keys{part_key({{0, 2000}}, false), part_key({{2000, 1500}}, true)};
-const std::vector<key> widest_keys{part_key({{0, 8000}}, true)}; // four entries in a leaf and in a branch
+const std::vector<key> long_keys{part_key({{0, 1400}}, false), part_key({{1400, 560}}, true)};
+const std::vector<key> widest_keys{part_key({{0, 2000}}, true)}; // sixteen entries in a leaf and in a branch
 
 const std::vector<size_t> mixed{0, 1, 7, 20, 27, 40, 60, 100, 300, 2000};
 const std::vector<size_t> mixed_and_huge{0, 5, 30, 90, 500, 6000, 40000, 140000};
@@ -97,11 +97,11 @@ const shape shapes[] = {
     {"IndexedDuplicatePrimary", [](const std::string &p) { return indexed(p, duplicate_primary, 100); }, mixed, 0, 300},
     {"IndexedHuge", [](const std::string &p) { return indexed(p, four_keys, 200); }, mixed_and_huge, 0, 200},
     {"IndexedDeep",
-     [](const std::string &p) { return indexed(p, long_keys, 3600); },
-     {3600, 3500, 3510, 2100, 1},
-     0,
-     500},
-    {"IndexedDeepest", [](const std::string &p) { return indexed(p, widest_keys, 8000); }, {8000, 8000, 2}, 0, 500},
+     [](const std::string &p) { return indexed(p, long_keys, 1960); },
+     {1960, 1970, 1400, 1},
+     1000,
+     1000},
+    {"IndexedDeepest", [](const std::string &p) { return indexed(p, widest_keys, 2000); }, {2000, 2000, 2}, 1000, 1200},
 };
 
 struct setting {
@@ -166,7 +166,7 @@ private:
     void color_keys(std::string &bytes)
     {
         for (const key &each : spec_.keys) {
-            const size_t values = each.duplicates ? 5 : 120;
+            const size_t values = each.duplicates ? 5 : shape_.numbers > 0 ? static_cast<size_t>(shape_.numbers) : 120;
             size_t value = pick(values);
             for (const key_part &part : each.parts) {
                 const auto from = static_cast<size_t>(part.offset), count = static_cast<size_t>(part.length);

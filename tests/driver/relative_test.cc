@@ -56,7 +56,7 @@ TEST_F(Relative, TextKeysAreDecimalNumbers)
     EXPECT_EQ(f.start(by_key("13", 0, VFS_GREATER)).rrn, 42u);
     EXPECT_EQ(f.erase(by_key("42")).value, 0);
     EXPECT_TRUE(f.read(by_key("12", 1)).failed(EINVAL)); // there is one key, number 0
-    EXPECT_TRUE(f.read(next()).ended()); // the started record is gone, and it was the last
+    EXPECT_TRUE(f.read(next()).ended());                 // the started record is gone, and it was the last
     EXPECT_EQ(f.rest(false), std::vector<std::string>{"a dozen"});
 }
 
