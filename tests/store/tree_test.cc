@@ -239,7 +239,7 @@ void position_work(uint64_t keys, bool duplicates, bool relative, unsigned seed)
     for (unsigned i = 0; i < 4000; ++i) {
         const size_t live = model.entries().size();
         const bool growing = (i / 500) % 2 == 0;
-        const unsigned what = random() % 10;
+        const auto what = random() % 10;
         if (what < (growing ? 7u : 2u) || live == 0) {
             const std::string key = make_key(random() % keys);
             if (file.insert(key, offset_of(next)) == 0)
@@ -250,7 +250,7 @@ void position_work(uint64_t keys, bool duplicates, bool relative, unsigned seed)
         } else {
             // As a rule the current record or one close to it.
             auto at = model.stand == model.list_.end() || random() % 8 == 0 ? model.list_.begin() : model.stand;
-            for (unsigned steps = random() % 5; steps != 0 && std::next(at) != model.list_.end(); --steps) ++at;
+            for (auto steps = random() % 5; steps != 0 && std::next(at) != model.list_.end(); --steps) ++at;
             while (!at->live) at = at == model.list_.begin() ? std::prev(model.list_.end()) : std::prev(at);
             ASSERT_EQ(file.remove(at->key, at->offset), 0) << i;
             model.remove(at);
