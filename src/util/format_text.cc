@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <pthread.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -88,6 +89,8 @@ const char *format_times(const clock_t *start_ticks, const rusage *start_usage, 
 const char *time_stamp(const char *prefix)
 {
     thread_local char text[4096];
+    static pthread_mutex_t zone_mutex = PTHREAD_MUTEX_INITIALIZER; // tzset writes what the others read
+    pthread_mutex_lock(&zone_mutex);
     tzset();
     const int hours = static_cast<int>(timezone / 3600);
     const int minutes = static_cast<int>((timezone - hours * 3600L) / 60);
@@ -95,6 +98,7 @@ const char *time_stamp(const char *prefix)
     tm local{};
     char date[32] = "";
     if (localtime_r(&now, &local) != nullptr) std::strftime(date, sizeof date, "%Y%m%d.%H%M%S", &local);
+    pthread_mutex_unlock(&zone_mutex);
     timeval moment{};
     gettimeofday(&moment, nullptr);
     const long pid = getpid();
