@@ -129,6 +129,7 @@ public:
     {
         file_position &position = handle.position;
         position.side = position_side::entry;
+        position.identified = true;
         position.key_number = r.key_number;
         position.node = r.node;
         position.item = r.item;
