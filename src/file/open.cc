@@ -552,8 +552,7 @@ void initial_position(vfs_file *file)
     const bool at_end = backwards || appends;
 
     vfs_request &last = file->last;
-    last.key_number = file->primary_key;
-    last.key_length = file->indexed() ? key_length_of(file, file->primary_key) : 8;
+    last.key_length = file->indexed() ? key_length_of(file, 0) : 8; // key 0 is the key of reference to begin with
     last.mode = at_end ? VFS_POS_AFTER_LAST : VFS_POS_BEFORE_FIRST;
     last.record_offset = at_end ? file->end_of_file : file->data_start;
     last.stored_length = backwards ? file->maximum_slot : 0;
@@ -567,9 +566,9 @@ void initial_position(vfs_file *file)
     last.record_offset = none;
 
     file_position &position = file->position;
-    position.key_number = file->primary_key;
+    position.key_number = 0;
     position.node = position.item = position.stamp = position.record_offset = position.rrn = none;
-    position_at_end(file, at_end ? position_side::after_last : position_side::before_first);
+    position_at_end(file, at_end ? position_end::last : position_end::first);
 
     file->acquired_end = file->end_of_file;
     file->sequence_key_known = file->indexed() && file->records != 0;

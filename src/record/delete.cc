@@ -98,21 +98,22 @@ int mark_deleted(vfs_file *file, uint64_t offset, uint64_t rrn)
 }
 
 // The last record of the file goes: the end of file moves back over it. Not where others may stand on it.
-int cut_last(vfs_file *file, const vfs_request &work)
+// Every number below the last one has a slot, so the one before it is the highest now (none before 0).
+void cut_last(vfs_file *file, const vfs_request &work)
 {
-    uint64_t highest;
-    if (highest_rrn_before(file, work.record_offset, &highest) == -1) return -1;
     file->end_of_file = work.record_offset;
-    file->highest_rrn = highest;
+    file->highest_rrn = work.rrn - 1;
     if (file->position.record_offset == work.record_offset) file->position.stored_length = 0;
-    return 0;
 }
 
 int delete_in_flat_file(vfs_file *file, vfs_request *work)
 {
     const bool moved = work->record_state == item_moved;
     const bool last = work->record_offset + work->stored_length == file->end_of_file;
-    if (last && !moved && !is_shared(file)) return cut_last(file, *work);
+    if (last && !moved && !is_shared(file)) {
+        cut_last(file, *work);
+        return 0;
+    }
     if (mark_deleted(file, work->record_offset, work->rrn) == -1) return -1;
     if (moved) {
         if (mark_deleted(file, work->data_offset - slot_head_bytes, work->rrn) == -1) return -1;

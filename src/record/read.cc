@@ -57,8 +57,9 @@ int started_record(vfs_file *file, vfs_request *work, bool *there)
 {
     *there = false;
     const file_position &position = file->position;
-    if (work->previous_operation != VFS_OP_START || (work->flags & VFS_FLAG_AT_END) != 0 ||
-        position.side != position_side::entry || position.record_offset >= file->end_of_file)
+    if (work->previous_operation != VFS_OP_START || work->previous_mode == VFS_POS_UNDEFINED ||
+        (work->flags & VFS_FLAG_AT_END) != 0 || position.side != position_side::entry ||
+        position.record_offset >= file->end_of_file)
         return 0;
     vfs_request found = *work;
     found.record_offset = position.record_offset;
@@ -161,14 +162,15 @@ void save_end(const operation_call &call, const vfs_request &work)
     save_current(file, work);
     file_position &position = file->position;
     switch (work.mode) {
-    case VFS_POS_AFTER_LAST: position_at_end(file, position_side::after_last); return;
-    case VFS_POS_BEFORE_FIRST: position_at_end(file, position_side::before_first); return;
+    case VFS_POS_AFTER_LAST: position_at_end(file, position_end::last); return;
+    case VFS_POS_BEFORE_FIRST: position_at_end(file, position_end::first); return;
     case VFS_POS_FIRST:
     case VFS_POS_LAST:
     case VFS_POS_END:
         position.record_offset = position.node = none;
+        position.identified = false;
         position.key_number = work.key_number;
-        position_at_end(file, work.mode == VFS_POS_FIRST ? position_side::before_first : position_side::after_last);
+        position_at_end(file, work.mode == VFS_POS_FIRST ? position_end::first : position_end::last);
         return;
     default: break;
     }
@@ -177,6 +179,8 @@ void save_end(const operation_call &call, const vfs_request &work)
     file->current.record_offset = file->last.record_offset = none;
     if (!file->trees()) return;
     position.side = position_side::gap;
+    position.end = position_end::inside;
+    position.identified = true;
     position.key_number = work.key_number;
     position.node = position.item = position.record_offset = position.stamp = none;
     position.before[0] = position.after[0] = none;

@@ -83,6 +83,8 @@ int apply_mode(const operation_call &call, vfs_request *work, uint64_t *leading)
     vfs_file *file = call.file;
     const bool first_operation = work->previous_operation == VFS_OP_NONE;
     work->flags = static_cast<uint8_t>(work->flags & ~VFS_FLAG_AT_END);
+    // Modes that name no key keep to the file position's; a write by another key does not change it.
+    if (call.mode != VFS_POS_CURRENT && call.mode != VFS_POS_OFFSET) work->key_number = file->position.key_number;
     switch (call.mode) {
     case VFS_POS_NEXT:
         if (first_operation) at_first(work);
@@ -182,9 +184,10 @@ void save_end(const operation_call &call, vfs_request *work)
     work->mode = start ? VFS_POS_BEFORE_FIRST : VFS_POS_AFTER_LAST;
     if (!stepped) {
         file->position.record_offset = file->position.node = none;
+        file->position.identified = false;
         file->position.key_number = work->key_number;
     }
-    position_at_end(file, start ? position_side::before_first : position_side::after_last);
+    position_at_end(file, start ? position_end::first : position_end::last);
 }
 
 int fill_status(const operation_call &call, vfs_request *work)

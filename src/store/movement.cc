@@ -206,17 +206,20 @@ int tree_locate(vfs_file *file, vfs_request *request, int (*by_key)(vfs_file *, 
     return record_of_entry(file, request);
 }
 
-int tree_step(vfs_file *file, vfs_request *request, int (*step)(vfs_file *, vfs_request *), position_side far_end)
+int tree_step(vfs_file *file, vfs_request *request, bool forward)
 {
     file_position &position = file->position;
     if (tree_select(file, position.key_number) == -1) return -1;
     request->key_number = position.key_number;
-    // Beyond the end in this direction: records that were appended there since appear.
-    const bool beyond = position.side == far_end;
-    if (beyond && position.record_offset == none) return nothing_found(request);
-    if (beyond) position.side = position_side::entry;
-    const int found = step(file, request);
-    if (beyond) position.side = far_end;
+    const position_side kept = position.side;
+    if (position.end == (forward ? position_end::last : position_end::first)) {
+        // The last step that way found nothing: records that have come since are beside the place where it stood.
+        if (!position.identified) return nothing_found(request);
+    } else if (position.end != position_end::inside) {
+        position.side = forward ? position_side::before_first : position_side::after_last;
+    }
+    const int found = forward ? tree_read_next(file, request) : tree_read_prev(file, request);
+    position.side = kept;
     if (found == 1) return nothing_found(request);
     if (found == -1) return -1;
     return record_of_entry(file, request);
@@ -227,7 +230,7 @@ int tree_step(vfs_file *file, vfs_request *request, int (*step)(vfs_file *, vfs_
 int record_step_forward(vfs_file *file, vfs_request *request)
 {
     begin(request);
-    if (file->trees()) return tree_step(file, request, tree_read_next, position_side::after_last);
+    if (file->trees()) return tree_step(file, request, true);
     request->flags |= VFS_FLAG_CURRENT;
     const file_position &position = file->position;
     const uint64_t from = position.side == position_side::before_first
@@ -240,7 +243,7 @@ int record_step_forward(vfs_file *file, vfs_request *request)
 int record_step_backward(vfs_file *file, vfs_request *request)
 {
     begin(request);
-    if (file->trees()) return tree_step(file, request, tree_read_prev, position_side::before_first);
+    if (file->trees()) return tree_step(file, request, false);
     const file_position &position = file->position;
     switch (position.side) {
     case position_side::before_first: return nothing_found(request);
@@ -268,6 +271,8 @@ void position_save(vfs_file *file, const vfs_request *request)
 {
     file_position &position = file->position;
     position.side = position_side::entry;
+    position.end = position_end::inside;
+    position.identified = true;
     position.key_number = request->key_number;
     position.node = request->node;
     position.item = request->item;
@@ -280,26 +285,16 @@ void position_save(vfs_file *file, const vfs_request *request)
                     round_up(static_cast<uint64_t>(key_description(file, request->key_number)->length), 8));
 }
 
-void position_at_end(vfs_file *file, position_side side)
+void position_at_end(vfs_file *file, position_end end)
 {
     file_position &position = file->position;
-    position.side = side;
-    if (file->trees()) return; // the identity stays: what is appended behind it can still be found
-    position.record_offset = side == position_side::after_last ? file->end_of_file : file->data_start;
+    position.end = end;
+    // In trees the identity stays, and the cursor with it: what is inserted beside it can still be found.
+    if (file->trees() && position.identified) return;
+    position.side = end == position_end::last ? position_side::after_last : position_side::before_first;
+    if (file->trees()) return;
+    position.record_offset = end == position_end::last ? file->end_of_file : file->data_start;
     position.stored_length = 0;
-}
-
-int highest_rrn_before(vfs_file *file, uint64_t end, uint64_t *rrn)
-{
-    *rrn = none;
-    while (end > file->data_start) {
-        slot_head head;
-        if (slot_before(file, end, &end, &head) == -1) return -1;
-        if (head.type == item_relocated) continue;
-        *rrn = head.rrn;
-        return 0;
-    }
-    return 0;
 }
 
 void checkpoint_add(vfs_file *file, uint64_t rrn, uint64_t offset)

@@ -21,11 +21,8 @@ inline constexpr uint8_t state_unread = 2; // record state before a slot's head 
 
 // The file position: on the record of a filled request; at an end (after_last or before_first).
 void position_save(vfs_file *file, const vfs_request *request);
-void position_at_end(vfs_file *file, position_side side);
+void position_at_end(vfs_file *file, position_end end);
 
-// Flat files: the record number of the last slot that is not a relocated record, walking back from the end of file;
-// none when there is none.
-[[nodiscard]] int highest_rrn_before(vfs_file *file, uint64_t end, uint64_t *rrn);
 // Flat files of variable slots remember where every so many record numbers lie.
 void checkpoint_add(vfs_file *file, uint64_t rrn, uint64_t offset);
 inline constexpr uint64_t checkpoint_bytes = 8 * 1025; // size of file->checkpoints

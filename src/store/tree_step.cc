@@ -105,9 +105,7 @@ int find_again(const index_tree &tree, bool forward, tree_place *place)
 int step_origin(const index_tree &tree, bool forward, tree_place *place)
 {
     const file_position &position = tree.file->position;
-    // A gap without a record is where a key would stand that was searched and not found.
-    const bool identified = position.record_offset != none || position.side == position_side::gap;
-    const bool known = identified && position.key_number == tree.key;
+    const bool known = position.identified && position.key_number == tree.key;
     switch (position.side) {
     case position_side::before_first:
         *place = {tree.get(key_entry_first_leaf), none};
@@ -156,8 +154,7 @@ int read_step(vfs_file *file, vfs_request *request, bool forward)
     if (tree.get(key_entry_entries) == 0) return at_end(request);
     const file_position &position = file->position;
     const bool browse = (request->flags & VFS_FLAG_BROWSE) != 0;
-    const bool placed = position.side == position_side::entry || position.side == position_side::gap;
-    const uint64_t filter = browse || placed ? position.stamp : none;
+    const uint64_t filter = browse ? position.stamp : none; // only a browse passes over what came in since it began
     tree_place place{none, none};
     int result = step_origin(tree, forward, &place);
     if (result == 0) {
@@ -189,7 +186,8 @@ inline const vfs_buffer *neighbour_at_hand(const vfs_file *file, const vfs_reque
     const uint64_t ent = node_entries(leaf);
     if (item >= ent || position.item >= ent || entry_address(leaf, position.item) != position.record_offset)
         return nullptr;
-    return acceptable(leaf, item, position.stamp) ? leaf : nullptr;
+    const bool browse = (request->flags & VFS_FLAG_BROWSE) != 0;
+    return acceptable(leaf, item, browse ? position.stamp : none) ? leaf : nullptr;
 }
 
 inline int take_neighbour(const vfs_file *file, vfs_request *request, const vfs_buffer *leaf, uint64_t item)

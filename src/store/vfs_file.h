@@ -27,12 +27,16 @@ enum class position_side : uint8_t {
     after_last,   // no record: previous is the last
 };
 
+enum class position_end : uint8_t { inside, first, last };
+
 // The file position: the identity of a record (key, offset, rrn), a cursor that leads to its entry at once, and the
 // side on which it stands. `node` is none when the cursor was lost: the identity then finds the place again. The
 // tree primitives keep the cursor right whenever they change or move entries of its leaf. Failed operations leave
 // the position alone.
 struct file_position {
     position_side side;
+    position_end end; // an end that the last step met: the next step that way looks whether records have come since
+    bool identified;  // key and record below say where: false at the ends of a file just opened
     uint64_t key_number;
     uint64_t node, item; // cursor; item none = before item 0
     uint64_t stamp;      // sequence stamp of the browse; none = no filter
