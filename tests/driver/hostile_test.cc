@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -121,7 +122,7 @@ protected:
         else if (WEXITSTATUS(status) != 0)
             wrong = "failed with " + std::string{strerror(WEXITSTATUS(status))};
         std::string text = printed();
-        if (!wrong.empty()) wrong += "\n" + text.substr(0, 3000);
+        if (!wrong.empty()) wrong += "\n" + text.substr(text.size() - std::min<size_t>(text.size(), 600));
         return wrong;
     }
 
