@@ -18,7 +18,8 @@ using namespace host;
 struct report {
     int first_error = 0;
     std::map<std::string, std::string> acknowledged; // records by primary key
-    std::map<std::string, std::string> flushed;      // of these, what the flush covered and nothing changed after it
+    std::map<std::string, std::string> flushed; // of these, what the flush covered and nothing tried to change after it
+    std::map<std::string, std::string> in_doubt; // what was acknowledged, with the first failed operation as if done
 };
 
 class Fault : public DriverTest, public testing::WithParamInterface<const char *> {
@@ -59,7 +60,7 @@ protected:
 
     report work(size_t changes = 30)
     {
-        report told{.first_error = 0, .acknowledged = original_, .flushed = {}};
+        report told{.first_error = 0, .acknowledged = original_, .flushed = {}, .in_doubt = {}};
         const auto note = [&](bool done, int error) {
             if (!done && told.first_error == 0) told.first_error = error;
             return done;
@@ -74,10 +75,13 @@ protected:
         };
         const auto run = [&](const outcome &got, int n, const std::string &now) {
             told.flushed.erase(key_of(n));
-            if (note(got.value >= 0, got.error)) return apply(told.acknowledged, n, now);
-            if (!told.in_doubt.empty()) return;
-            told.in_doubt = told.acknowledged;
-            apply(told.in_doubt, n, now);
+            if (note(got.value >= 0, got.error)) {
+                apply(told.acknowledged, n, now);
+                if (!told.in_doubt.empty()) apply(told.in_doubt, n, now);
+            } else if (told.in_doubt.empty()) {
+                told.in_doubt = told.acknowledged;
+                apply(told.in_doubt, n, now);
+            }
         };
         const int half = static_cast<int>(changes) / 2;
         for (int n = 0; n < half; ++n) run(f.write(record(100 + n), by_record()), 100 + n, record(100 + n));

@@ -31,7 +31,6 @@ void model::open(const file_spec &spec)
     tsn_.resize(count);
     const bool reversed = (spec.options & VFS_OPT_REVERSED) != 0;
     position_ = {};
-    if (is_indexed()) position_.key = static_cast<size_t>(spec.primary);
     position_.where = reversed ? side::high_edge : side::low_edge;
     position_.index = reversed ? order_[0].size() : 0;
     last_ = {};
@@ -331,13 +330,9 @@ std::optional<expectation> model::start(const place &where)
         if (!order_[k].empty()) at = where.mode == VFS_POS_FIRST ? 0 : order_[k].size() - 1;
         break;
     case VFS_POS_END:
-        // The key of reference is that of the last operation.
-        if (is_indexed() && !last_.key) return {};
-        p = {.key = is_indexed() ? *last_.key : 0,
-             .where = side::high_edge,
-             .index = 0,
-             .saved = {},
-             .moved_at_edge = true};
+        // Which key of reference holds: that of the position, or of the last operation?
+        if (is_indexed() && last_.key != p.key) return {};
+        p = {.key = p.key, .where = side::high_edge, .index = 0, .saved = {}, .moved_at_edge = true};
         p.index = order_[p.key].size();
         p.stamp = tsn_[p.key];
         last_ = {};
