@@ -80,6 +80,9 @@ void model::insert(size_t k, const std::string &key, size_t id)
     const size_t at = equal_range(k, key).second;
     order_[k].insert(order_[k].begin() + static_cast<std::ptrdiff_t>(at), {key, id, tsn_[k]});
     if (p.key != k) return;
+    // In a flat file a record that comes back inside, after a step met an end, is behind that end or not.
+    const bool at_edge = p.where == side::low_edge || p.where == side::high_edge;
+    if (is_flat() && at_edge && key < number_as_key(highest_)) p.moved_at_edge = true;
     if (at < p.index || (at == p.index && p.where == side::on)) {
         ++p.index;
     } else if (at == p.index) {
@@ -320,7 +323,8 @@ std::optional<expectation> model::start(const place &where)
     const auto k = is_indexed() || !by_value ? static_cast<size_t>(where.number) : 0;
     if (where.mode != VFS_POS_END && k >= keys()) return fail_reading(EINVAL);
     std::optional<size_t> at;
-    bool browse = where.relation != VFS_EQUAL;
+    // A key without bytes means the first or last record, which begins a browse.
+    bool browse = where.relation != VFS_EQUAL || (is_indexed() && where.key && where.key->empty());
     bool empty_ends = false; // an empty file gives 0 at the end instead of a failure
     bool leave_out = false;
     switch (where.mode) {
@@ -454,10 +458,12 @@ model::target model::find_target(const place &where, const std::string &bytes)
 std::optional<expectation> model::rewrite(const place &where, const std::string &bytes)
 {
     const bool wrong_length = spec_.format == VFS_FORMAT_FIXED && bytes.size() != static_cast<size_t>(spec_.max_length);
+    const last_operation before = last_;
     const target found = find_target(where, bytes);
     if (!found.id) {
-        if (wrong_length) last_ = {};
-        return wrong_length ? std::nullopt : found.failure;
+        if (!wrong_length) return found.failure;
+        last_ = before; // two reasons to fail: which is told is not fixed
+        return {};
     }
     if (wrong_length) return fail(ERANGE);
     const size_t id = *found.id;
