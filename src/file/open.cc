@@ -406,6 +406,7 @@ lock_target open_bracket(vfs_file *file, bool making)
                        .write = !is_read_only(file),
                        .start = file->physical_organization == 1 ? 0 : metadata_byte,
                        .length = file->physical_organization == 1 ? key_entry_bytes : 1};
+    target.opening = !making;
     if (making) target.kind = lock_file;
     return target;
 }
@@ -566,9 +567,8 @@ void initial_position(vfs_file *file)
     last.record_offset = none;
 
     file_position &position = file->position;
-    position.key_number = 0;
-    position.node = position.item = position.stamp = position.record_offset = position.rrn = none;
-    position_at_end(file, at_end ? position_end::last : position_end::first);
+    position.before[0] = position.after[0] = none;
+    position_to_end(file, at_end ? position_end::last : position_end::first, 0);
 
     file->acquired_end = file->end_of_file;
     file->sequence_key_known = file->indexed() && file->records != 0;

@@ -18,7 +18,7 @@ vfs_request read_request(const operation_call &call)
     work.mode = call.mode;
     work.record = call.record != nullptr ? call.record->bytes : nullptr;
     work.record_length = call.record != nullptr && call.record->bytes != nullptr ? call.record->length : 0;
-    work.flags = static_cast<uint8_t>(work.flags & ~VFS_FLAG_CURRENT);
+    work.flags = static_cast<uint8_t>(work.flags & ~(VFS_FLAG_CURRENT | VFS_FLAG_STATUS));
     if (call.status != nullptr) work.flags |= VFS_FLAG_STATUS;
     return work;
 }
@@ -57,9 +57,7 @@ int started_record(vfs_file *file, vfs_request *work, bool *there)
 {
     *there = false;
     const file_position &position = file->position;
-    if (work->previous_operation != VFS_OP_START || work->previous_mode == VFS_POS_UNDEFINED ||
-        (work->flags & VFS_FLAG_AT_END) != 0 || position.side != position_side::entry ||
-        position.record_offset >= file->end_of_file)
+    if (!position.started || position.side != position_side::entry || position.record_offset >= file->end_of_file)
         return 0;
     vfs_request found = *work;
     found.record_offset = position.record_offset;
@@ -97,8 +95,8 @@ int position_for_read(const operation_call &call, vfs_request *work)
         if (started_record(file, work, &there) == -1) return -1;
         if (there) return 0;
     }
-    work->flags = static_cast<uint8_t>(work->flags & ~VFS_FLAG_DUPLICATE);
     if (work->mode == VFS_POS_CURRENT) return read_current(file, work);
+    work->flags = static_cast<uint8_t>(work->flags & ~VFS_FLAG_DUPLICATE);
     if (work->mode >= VFS_POS_FIRST) skip_clear(work);
     return position_request(file, work);
 }
@@ -109,7 +107,7 @@ bool at_end(const vfs_request &work)
 }
 
 // Steps over records that others hold locked; the file position goes with it.
-lock_outcome lock_or_skip(const operation_call &call, vfs_request *work, operation_lock *lock)
+lock_outcome skip_locked(const operation_call &call, vfs_request *work, operation_lock *lock)
 {
     vfs_file *file = call.file;
     for (;;) {
@@ -123,6 +121,18 @@ lock_outcome lock_or_skip(const operation_call &call, vfs_request *work, operati
         if (position_request(file, work) == -1) return lock_outcome::failed;
         if (at_end(*work)) return lock_outcome::held;
     }
+}
+
+lock_outcome lock_or_skip(const operation_call &call, vfs_request *work, operation_lock *lock)
+{
+    vfs_file *file = call.file;
+    const file_position kept = file->position;
+    std::memcpy(file->old_key, kept.key, file->key_buffer_bytes);
+    const lock_outcome outcome = skip_locked(call, work, lock);
+    if (outcome != lock_outcome::failed) return outcome;
+    file->position = kept; // nothing was delivered: the next read tries again from the same place
+    std::memcpy(kept.key, file->old_key, file->key_buffer_bytes);
+    return outcome;
 }
 
 int duplicates_of_reference(vfs_file *file, vfs_request *work)
@@ -167,10 +177,7 @@ void save_end(const operation_call &call, const vfs_request &work)
     case VFS_POS_FIRST:
     case VFS_POS_LAST:
     case VFS_POS_END:
-        position.record_offset = position.node = none;
-        position.identified = false;
-        position.key_number = work.key_number;
-        position_at_end(file, work.mode == VFS_POS_FIRST ? position_end::first : position_end::last);
+        position_to_end(file, work.mode == VFS_POS_FIRST ? position_end::first : position_end::last, work.key_number);
         return;
     default: break;
     }
@@ -180,6 +187,7 @@ void save_end(const operation_call &call, const vfs_request &work)
     if (!file->trees()) return;
     position.side = position_side::gap;
     position.end = position_end::inside;
+    position.started = false;
     position.identified = true;
     position.key_number = work.key_number;
     position.node = position.item = position.record_offset = position.stamp = none;
@@ -248,7 +256,7 @@ int64_t read_record(const operation_call &call)
         if (length == 0) errno = 0;
         return length;
     } while (outcome == lock_outcome::again);
-    if (call.lock->hold == 0) record_unlock(call, &lock);
+    record_unlock(call, &lock);
     return operation_failed(file, work, true);
 }
 

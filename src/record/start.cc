@@ -12,7 +12,6 @@ vfs_request start_request(const operation_call &call)
 {
     vfs_request work = working_request(call);
     work.flags = static_cast<uint8_t>(work.flags & ~(VFS_FLAG_CURRENT | VFS_FLAG_DUPLICATE));
-    if (call.status != nullptr) work.flags |= VFS_FLAG_STATUS;
     return work;
 }
 
@@ -63,7 +62,8 @@ int key_mode(const operation_call &call, vfs_request *work, uint64_t *leading)
     }
     *leading = given;
     auto *key = static_cast<std::byte *>(work->key);
-    if (given == 0) { // every key begins with nothing
+    if (given == 0 && call.arguments.key == nullptr) *leading = full; // the whole key of the record
+    if (given == 0 && call.arguments.key != nullptr) {                // every key begins with nothing
         *leading = full;
         if (work->relation >= VFS_EQUAL)
             at_first(work);
@@ -73,7 +73,7 @@ int key_mode(const operation_call &call, vfs_request *work, uint64_t *leading)
     }
     if (work->relation == VFS_GREATER_EQUAL && all_bytes(key, full, 0)) return at_first(work), 0;
     const bool high = work->relation == VFS_GREATER || work->relation == VFS_LESS_EQUAL;
-    if (given < full) std::memset(key + given, high ? 0xFF : 0, full - given);
+    if (*leading < full) std::memset(key + given, high ? 0xFF : 0, full - given);
     if (work->relation == VFS_LESS_EQUAL && all_bytes(key, full, 0xFF)) return at_last(work), 0;
     return 0;
 }
@@ -117,8 +117,8 @@ int apply_mode(const operation_call &call, vfs_request *work, uint64_t *leading)
 int record_at_offset(vfs_file *file, vfs_request *work)
 {
     slot_head head;
-    if (work->record_offset >= file->end_of_file || slot_check(file, work->record_offset, &head) == -1)
-        return errno == EIO ? -1 : fail(ESPIPE);
+    if (work->record_offset >= file->end_of_file) return fail(ESPIPE);
+    if (slot_check(file, work->record_offset, &head) == -1) return errno == ENOEXEC ? fail(ESPIPE) : -1;
     const uint8_t away = file->trees() ? item_relocated : item_moved;
     if (head.type != item_live && head.type != away) return fail(ESPIPE);
     if (record_head(file, work) == -1) return -1;
@@ -182,12 +182,11 @@ void save_end(const operation_call &call, vfs_request *work)
     const bool start = work->mode == VFS_POS_BEFORE_FIRST || work->mode == VFS_POS_FIRST;
     const bool stepped = call.mode <= VFS_POS_PREV && work->mode >= VFS_POS_BEFORE_FIRST;
     work->mode = start ? VFS_POS_BEFORE_FIRST : VFS_POS_AFTER_LAST;
-    if (!stepped) {
-        file->position.record_offset = file->position.node = none;
-        file->position.identified = false;
-        file->position.key_number = work->key_number;
-    }
-    position_at_end(file, start ? position_end::first : position_end::last);
+    const position_end end = start ? position_end::first : position_end::last;
+    if (stepped)
+        position_at_end(file, end);
+    else
+        position_to_end(file, end, work->key_number);
 }
 
 int fill_status(const operation_call &call, vfs_request *work)
@@ -238,6 +237,7 @@ int64_t start_record(const operation_call &call)
         save_end(call, &work);
     else
         position_save(file, &work);
+    file->position.started = !at_end;
     save_last(file, work);
     save_current(file, work);
     if (bracket_end(file) == -1) return start_failed(call, &work);

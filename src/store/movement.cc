@@ -84,40 +84,41 @@ checkpoint_table *checkpoints(const vfs_file *file)
     return reinterpret_cast<checkpoint_table *>(file->checkpoints);
 }
 
-// A slot at or before the one of `rrn`, as near as is known.
-uint64_t walk_start(vfs_file *file, uint64_t rrn)
+// A home slot at or before the one of `rrn`, as near as is known, and its number.
+uint64_t walk_start(vfs_file *file, uint64_t rrn, uint64_t *number)
 {
-    uint64_t best = file->data_start;
+    *number = 0;
     const checkpoint_table *table = checkpoints(file);
-    if (table == nullptr) return best;
+    if (table == nullptr) return file->data_start;
     uint64_t i = rrn / table->stride;
     if (i >= table->capacity) i = table->capacity - 1;
-    for (uint64_t tries = 0; tries < 64; ++tries, --i) {
+    for (uint64_t tries = 0; tries < 64 && i > 0; ++tries, --i) {
         const uint64_t at = table->offsets[i];
         slot_head head;
-        if (at > file->data_start && at < file->end_of_file && slot_head_read(file, at, &head) == 0 &&
-            head.type != item_relocated && head.rrn == i * table->stride)
+        if (at > file->data_start && at < file->end_of_file && slot_check(file, at, &head) == 0 &&
+            head.type != item_relocated && head.rrn == i * table->stride) {
+            *number = head.rrn;
             return at;
-        if (i == 0) break;
+        }
     }
-    return best;
+    return file->data_start;
 }
 
-// The slot of exactly `rrn` in a file of variable slots: 1 found, 0 there is none, -1.
+// The home slot of exactly `rrn` in a file of variable slots: 1 found, 0 there is none, -1. Home slots stand in the
+// order of their numbers; a slot that has been a relocated record, live or deleted, repeats a lower number.
 int rrn_walk(vfs_file *file, uint64_t rrn, uint64_t *offset, slot_head *head)
 {
-    uint64_t at = walk_start(file, rrn);
-    while (at < file->end_of_file) {
+    uint64_t next = 0;
+    for (uint64_t at = walk_start(file, rrn, &next); at < file->end_of_file; at += head->stored_length) {
         if (slot_head_read(file, at, head) == -1) return -1;
-        if (head->type != item_relocated) {
-            checkpoint_add(file, head->rrn, at);
-            if (head->rrn > rrn) return 0;
-            if (head->rrn == rrn) {
-                *offset = at;
-                return 1;
-            }
+        if (head->type == item_relocated || head->rrn < next) continue;
+        next = head->rrn + 1;
+        checkpoint_add(file, head->rrn, at);
+        if (head->rrn > rrn) return 0;
+        if (head->rrn == rrn) {
+            *offset = at;
+            return 1;
         }
-        at += head->stored_length;
     }
     return 0;
 }
@@ -130,7 +131,7 @@ int flat_slot_of(vfs_file *file, uint64_t rrn, uint64_t *offset, slot_head *head
     if (file->last.record_offset != none && file->last.rrn != none && rrn == file->last.rrn + 1 &&
         file->last.stored_length != 0) {
         const uint64_t next = file->last.record_offset + file->last.stored_length;
-        if (next < file->end_of_file && slot_head_read(file, next, head) == 0 && head->rrn == rrn &&
+        if (next < file->end_of_file && slot_check(file, next, head) == 0 && head->rrn == rrn &&
             head->type != item_relocated) {
             *offset = next;
             return 1;
@@ -214,7 +215,8 @@ int tree_step(vfs_file *file, vfs_request *request, bool forward)
     const position_side kept = position.side;
     if (position.end == (forward ? position_end::last : position_end::first)) {
         // The last step that way found nothing: records that have come since are beside the place where it stood.
-        if (!position.identified) return nothing_found(request);
+        const position_side far = forward ? position_side::after_last : position_side::before_first;
+        if (!position.identified && position.side == far) return nothing_found(request);
     } else if (position.end != position_end::inside) {
         position.side = forward ? position_side::before_first : position_side::after_last;
     }
@@ -231,13 +233,11 @@ int record_step_forward(vfs_file *file, vfs_request *request)
 {
     begin(request);
     if (file->trees()) return tree_step(file, request, true);
-    request->flags |= VFS_FLAG_CURRENT;
+    request->flags |= VFS_FLAG_CURRENT | VFS_FLAG_SEQUENTIAL;
     const file_position &position = file->position;
-    const uint64_t from = position.side == position_side::before_first
-                              ? file->data_start
-                              : position.record_offset + position.stored_length;
-    request->flags |= VFS_FLAG_SEQUENTIAL;
-    return flat_forward_from(file, request, from);
+    const bool from_start = position.end == position_end::first || position.side == position_side::before_first;
+    return flat_forward_from(file, request,
+                             from_start ? file->data_start : position.record_offset + position.stored_length);
 }
 
 int record_step_backward(vfs_file *file, vfs_request *request)
@@ -245,11 +245,10 @@ int record_step_backward(vfs_file *file, vfs_request *request)
     begin(request);
     if (file->trees()) return tree_step(file, request, false);
     const file_position &position = file->position;
-    switch (position.side) {
-    case position_side::before_first: return nothing_found(request);
-    case position_side::after_last: return flat_backward_from(file, request, file->end_of_file);
-    default: return flat_backward_from(file, request, position.record_offset);
-    }
+    if (position.side == position_side::before_first && position.end != position_end::last)
+        return nothing_found(request);
+    const bool from_end = position.end == position_end::last || position.side == position_side::after_last;
+    return flat_backward_from(file, request, from_end ? file->end_of_file : position.record_offset);
 }
 
 int record_locate_rrn(vfs_file *file, vfs_request *request)
@@ -273,6 +272,7 @@ void position_save(vfs_file *file, const vfs_request *request)
     position.side = position_side::entry;
     position.end = position_end::inside;
     position.identified = true;
+    position.started = false;
     position.key_number = request->key_number;
     position.node = request->node;
     position.item = request->item;
@@ -280,6 +280,7 @@ void position_save(vfs_file *file, const vfs_request *request)
     position.record_offset = request->record_offset;
     position.stored_length = request->stored_length;
     position.rrn = request->rrn;
+    position.before[0] = position.after[0] = none;
     if (file->indexed() && position.key != request->key)
         std::memcpy(position.key, request->key,
                     round_up(static_cast<uint64_t>(key_description(file, request->key_number)->length), 8));
@@ -287,14 +288,32 @@ void position_save(vfs_file *file, const vfs_request *request)
 
 void position_at_end(vfs_file *file, position_end end)
 {
+    file->position.end = end;
+    file->position.started = false;
+}
+
+void position_to_end(vfs_file *file, position_end end, uint64_t key_number)
+{
     file_position &position = file->position;
-    position.end = end;
-    // In trees the identity stays, and the cursor with it: what is inserted beside it can still be found.
-    if (file->trees() && position.identified) return;
+    position_at_end(file, end);
+    position.identified = false;
+    position.key_number = key_number;
+    position.node = position.item = position.stamp = position.rrn = none;
     position.side = end == position_end::last ? position_side::after_last : position_side::before_first;
-    if (file->trees()) return;
     position.record_offset = end == position_end::last ? file->end_of_file : file->data_start;
     position.stored_length = 0;
+}
+
+void end_cut(vfs_file *file, uint64_t end)
+{
+    file->end_of_file = end;
+    if (file->position.record_offset != none && file->position.record_offset >= end) {
+        file->position.record_offset = end;
+        file->position.stored_length = 0;
+    }
+    checkpoint_table *table = checkpoints(file);
+    for (uint64_t i = 0; table != nullptr && i < table->capacity; ++i)
+        if (table->offsets[i] >= end) table->offsets[i] = 0;
 }
 
 void checkpoint_add(vfs_file *file, uint64_t rrn, uint64_t offset)

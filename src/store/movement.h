@@ -19,9 +19,14 @@ inline constexpr uint8_t state_unread = 2; // record state before a slot's head 
 // By mode: first, last, or request->key with the relation (7). Indexed files.
 [[nodiscard]] int record_locate_key(vfs_file *file, vfs_request *request);
 
-// The file position: on the record of a filled request; at an end (after_last or before_first).
+// The file position: on the record of a filled request; where a step met an end (what stood there stays known, so that
+// records which come beside it are found); at an end without any record.
 void position_save(vfs_file *file, const vfs_request *request);
 void position_at_end(vfs_file *file, position_end end);
+void position_to_end(vfs_file *file, position_end end, uint64_t key_number);
+
+// Flat files: the end of file moves back to `end`; nothing that is remembered may lie behind it.
+void end_cut(vfs_file *file, uint64_t end);
 
 // Flat files of variable slots remember where every so many record numbers lie.
 void checkpoint_add(vfs_file *file, uint64_t rrn, uint64_t offset);

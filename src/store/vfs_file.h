@@ -37,6 +37,7 @@ struct file_position {
     position_side side;
     position_end end; // an end that the last step met: the next step that way looks whether records have come since
     bool identified;  // key and record below say where: false at the ends of a file just opened
+    bool started;     // start found this record: the next step returns it
     uint64_t key_number;
     uint64_t node, item; // cursor; item none = before item 0
     uint64_t stamp;      // sequence stamp of the browse; none = no filter
