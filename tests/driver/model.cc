@@ -90,7 +90,7 @@ void model::insert(size_t k, const std::string &key, size_t id)
             p.moved_at_edge = true;
         } else if (key < *p.saved) {
             ++p.index;
-        } else if (key == *p.saved && (is_unique(k) || p.where != side::high_edge)) {
+        } else if (key == *p.saved && (is_unique(k) || p.searched || p.where != side::high_edge)) {
             // A record came back under the key that left the gap: behind or before it, both can be argued.
             p.uncertain = true;
         }
@@ -251,7 +251,7 @@ std::optional<expectation> model::read(const place &where)
         const auto [low, high] = equal_range(k, key);
         p.browse = false;
         if (low < high) return deliver(k, low, false, false);
-        p = {.key = k, .where = side::gap, .index = low, .saved = key, .stamp = tsn_[k]};
+        p = {.key = k, .where = side::gap, .index = low, .saved = key, .searched = true, .stamp = tsn_[k]};
         return ended();
     }
     const std::optional<std::string> number = number_key(where);
@@ -407,8 +407,8 @@ std::optional<expectation> model::write(const place &where, const std::string &b
             *old = id;
             if (bytes_needed > added.home) added.target = bytes_needed;
         } else {
+            const uint64_t filler = std::max(largest_slot_, slot_bytes(static_cast<size_t>(spec_.max_length)));
             for (int64_t gap = highest_ + 1; gap < added.rrn; ++gap) {
-                const uint64_t filler = slot_bytes(static_cast<size_t>(spec_.max_length));
                 layout_.push_back(records_.size());
                 records_.push_back({.bytes = {}, .rrn = gap, .live = false, .home = filler, .target = 0});
             }
@@ -418,6 +418,7 @@ std::optional<expectation> model::write(const place &where, const std::string &b
         if (added.target != 0) layout_.push_back(id);
     }
     records_.push_back(added);
+    largest_slot_ = std::max(largest_slot_, bytes_needed);
     highest_ = std::max(highest_, added.rrn);
     for (size_t k = 0; k < keys(); ++k) insert(k, key_of(k, added), id);
     last_ = {.id = id, .key = key_known};
@@ -493,6 +494,7 @@ std::optional<expectation> model::rewrite(const place &where, const std::string 
         const uint64_t room = changed.target != 0 ? changed.target : changed.home;
         if (needed > room) {
             changed.target = needed;
+            largest_slot_ = std::max(largest_slot_, needed);
             layout_.push_back(id);
         }
     }

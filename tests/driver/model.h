@@ -62,6 +62,7 @@ private:
         side where = side::low_edge;
         size_t index = 0;                 // of the entry, or of the gap before that entry
         std::optional<std::string> saved; // key of the entry, or of the one that stood in the gap
+        bool searched = false;            // the saved key was searched and not found
         bool started = false;             // start found the entry, no read came yet
         bool browse = false;
         uint64_t stamp = 0; // entries above it are passed over by a browse
@@ -114,6 +115,7 @@ private:
     std::vector<std::vector<entry>> order_;
     std::vector<uint64_t> tsn_;
     std::vector<size_t> layout_; // flat: record ids in the order of their slots in the file
+    uint64_t largest_slot_ = 0;  // flat files: what a filler takes
     int64_t highest_ = -1;
     file_position position_;
     last_operation last_;
