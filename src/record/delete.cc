@@ -46,7 +46,10 @@ int remove_entries(vfs_file *file, const vfs_request &work, uint64_t *removed)
         vfs_request entry;
         if (load_entry(file, work, k, &entry) == -1) return -1;
         // A missing entry does not keep a half-indexed record alive.
-        if (key_delete(file, &entry) == -1 && errno != ESPIPE) return -1;
+        if (key_delete(file, &entry) == -1 && errno != ESPIPE) {
+            *removed = k + 1; // it may have gone before the failure
+            return -1;
+        }
     }
     return 0;
 }
@@ -74,9 +77,17 @@ int delete_in_trees(vfs_file *file, vfs_request *work)
     if (slot_list_prepare(file) == -1) return -1;
     const bool sequence_lost = is_sequence_key(file, *work);
     uint64_t removed = 0;
-    if (remove_entries(file, *work, &removed) == -1 || slot_free(file, work->record_offset) == -1) {
+    if (remove_entries(file, *work, &removed) == -1) {
         put_entries_back(file, *work, removed);
         return -1;
+    }
+    if (slot_free(file, work->record_offset) == -1) {
+        const int cause = errno;
+        slot_head head;
+        if (slot_head_read(file, work->record_offset, &head) == -1 || head.type != item_deleted) {
+            put_entries_back(file, *work, removed);
+            return fail(cause);
+        } // deleted, if not listed: its space is lost, the record is gone
     }
     if (sequence_lost) file->sequence_key_known = false;
     work->node = work->item = none;
@@ -101,9 +112,8 @@ int mark_deleted(vfs_file *file, uint64_t offset, uint64_t rrn)
 // Every number below the last one has a slot, so the one before it is the highest now (none before 0).
 void cut_last(vfs_file *file, const vfs_request &work)
 {
-    file->end_of_file = work.record_offset;
+    end_cut(file, work.record_offset);
     file->highest_rrn = work.rrn - 1;
-    if (file->position.record_offset == work.record_offset) file->position.stored_length = 0;
 }
 
 int delete_in_flat_file(vfs_file *file, vfs_request *work)
@@ -115,11 +125,10 @@ int delete_in_flat_file(vfs_file *file, vfs_request *work)
         return 0;
     }
     if (mark_deleted(file, work->record_offset, work->rrn) == -1) return -1;
-    if (moved) {
-        if (mark_deleted(file, work->data_offset - slot_head_bytes, work->rrn) == -1) return -1;
-        --file->moved;
-    }
     ++file->deleted;
+    // Nothing leads to the moved copy any more: whether its slot can be marked changes nothing for the record.
+    if (moved) (void)mark_deleted(file, work->data_offset - slot_head_bytes, work->rrn);
+    if (moved && file->moved != 0) --file->moved;
     return 0;
 }
 

@@ -43,7 +43,7 @@ bool already_held(const operation_call &call, const lock_target &target, const o
     vfs_file *file = call.file;
     if (lock.taken && lock.target.start == target.start && lock.target.length == target.length) return true;
     if (target.kind == lock_block) return file->block_lock == target.start;
-    return call.operation != VFS_OP_READ && !several_allowed(file) &&
+    return (several_allowed(file) || call.operation != VFS_OP_READ) &&
            lock_holds_record(file, target.start, target.write);
 }
 
@@ -87,7 +87,8 @@ lock_outcome record_lock(const operation_call &call, const vfs_request &work, op
         file->block_lock = target.start;
     }
     if (!again) return lock_outcome::held;
-    return bracket_begin(file, call.operation > VFS_OP_READ) == -1 ? lock_outcome::failed : lock_outcome::again;
+    const bool change = call.operation >= VFS_OP_WRITE && call.operation <= VFS_OP_DELETE;
+    return bracket_begin(file, change) == -1 ? lock_outcome::failed : lock_outcome::again;
 }
 
 void record_unlock(const operation_call &, operation_lock *lock)
@@ -105,18 +106,23 @@ void record_unlock_all_of(const operation_call &call, const vfs_request &work, o
     if (lock_holds_record(file, work.record_offset, true)) lock_clr(target_of(call, work));
 }
 
-int record_lock_move(const operation_call &call, const vfs_request &work, operation_lock *lock)
+int record_lock_move(const operation_call &call, const vfs_request &from, const vfs_request &to, operation_lock *lock)
 {
     vfs_file *file = call.file;
     if (file->lock_defaults.lock_mode != VFS_LOCK_RECORD) return 0;
-    const lock_target to = target_of(call, work);
+    lock_target fresh = target_of(call, to);
+    fresh.try_only = true; // the bracket is in hand
     const struct flock old = file->single_record_lock;
-    if (lock_set(to) == -1) return -1;
+    if (lock_set(fresh) == -1) return -1;
     const struct flock moved = file->single_record_lock;
-    if (!several_allowed(file)) file->single_record_lock = old; // what a release without several locks goes by
-    if (several_allowed(file) ? lock->taken : old.l_type != F_UNLCK) lock_clr(lock->taken ? lock->target : to);
-    if (!several_allowed(file)) file->single_record_lock = moved;
-    lock->target = to;
-    lock->taken = true;
+    lock_target stale = lock->taken ? lock->target : target_of(call, from);
+    if (several_allowed(file)) {
+        if (lock_holds_record(file, stale.start, stale.write)) lock_clr(stale);
+    } else if (old.l_type != F_UNLCK) {
+        file->single_record_lock = old; // what a release without several locks goes by
+        lock_clr(stale);
+        file->single_record_lock = moved;
+    }
+    if (lock->taken) lock->target = fresh; // whoever took the old one gives the new one back
     return 0;
 }

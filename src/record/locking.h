@@ -26,6 +26,7 @@ void record_unlock(const operation_call &call, operation_lock *lock);
 // delete gives the lock of its record back in any case, also one that an earlier operation took.
 void record_unlock_all_of(const operation_call &call, const vfs_request &work, operation_lock *lock);
 // The record moved: its lock moves to the new slot (the new one is taken before the old one goes).
-[[nodiscard]] int record_lock_move(const operation_call &call, const vfs_request &work, operation_lock *lock);
+[[nodiscard]] int record_lock_move(const operation_call &call, const vfs_request &from, const vfs_request &to,
+                                   operation_lock *lock);
 
 #endif

@@ -60,6 +60,8 @@ vfs_request working_request(const operation_call &call)
     work.previous_mode = work.mode;
     work.mode = call.mode;
     work.relation = VFS_EQUAL;
+    work.flags =
+        static_cast<uint8_t>(call.status != nullptr ? work.flags | VFS_FLAG_STATUS : work.flags & ~VFS_FLAG_STATUS);
     work.record = call.record != nullptr ? call.record->bytes : nullptr;
     work.record_length = call.record != nullptr ? call.record->length : 0;
     return work;

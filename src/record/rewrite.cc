@@ -113,7 +113,10 @@ int insert_fresh(vfs_file *file, vfs_request *work, index_change *change)
         vfs_request entry = entry_request(*work, k, file->scratch_key);
         entry.record_offset = change->place;
         if (key_extract(file, &entry, work->record, work->record_length) == -1) return -1;
-        if (key_insert(file, &entry) == -1) return -1;
+        if (key_insert(file, &entry) == -1) {
+            if (errno != EADDRINUSE) change->inserted = k + 1; // it may have got in before the failure
+            return -1;
+        }
         if (k != work->key_number) continue;
         work->node = entry.node;
         work->item = entry.item;
@@ -129,7 +132,7 @@ int repoint_kept(vfs_file *file, const vfs_request &stored, index_change *change
         if (file->indexed() && file->changed_keys[k] != 0) continue;
         vfs_request entry = entry_request(stored, k, file->old_key);
         if (file->indexed() && key_load(file, &entry) == -1) return -1;
-        if (key_repoint(file, &entry, change->place) == -1) return -1;
+        if (key_repoint(file, &entry, change->place) == -1 && errno != ESPIPE) return -1;
     }
     return 0;
 }
@@ -176,8 +179,12 @@ int write_copy(vfs_file *file, const vfs_request &work, vfs_request *copy)
     *copy = work;
     if (slot_list_prepare(file) == -1 || slot_choose(file, copy) == -1) return -1;
     copy->record_state = item_relocated;
-    if (record_write_new(file, copy) == -1) return -1;
-    return cache_write_out(&file->data, copy->record_offset, copy->record_offset + copy->stored_length - 1);
+    if (record_write_new(file, copy) != -1 &&
+        cache_write_out(&file->data, copy->record_offset, copy->record_offset + copy->stored_length - 1) == 0)
+        return 0;
+    const int cause = errno;
+    if (copy->record_offset < file->end_of_file) (void)slot_free(file, copy->record_offset);
+    return fail(cause);
 }
 
 void moved_positions(vfs_file *file, uint64_t home, const vfs_request &copy)
@@ -205,7 +212,6 @@ bool is_sequence_key(vfs_file *file, const vfs_request &work)
 int64_t rewrite_in_trees(const operation_call &call, vfs_request *work, operation_lock *lock)
 {
     vfs_file *file = call.file;
-    if (file->indexed() && check_keys(file, work) == -1) return -1;
     if (change_begin(file) == -1) return -1;
     const bool sequence_lost = is_sequence_key(file, *work);
     const vfs_request stored = *work;
@@ -218,7 +224,7 @@ int64_t rewrite_in_trees(const operation_call &call, vfs_request *work, operatio
     bool done = !file->indexed() || insert_fresh(file, work, &change) == 0;
     done = done && repoint_kept(file, stored, &change) == 0;
     done = done && (!file->indexed() || remove_stored(file, stored, &change) == 0);
-    if (done && moves) done = record_lock_move(call, copy, lock) == 0;
+    if (done && moves) done = record_lock_move(call, stored, copy, lock) == 0;
     if (done && !moves) done = (length = record_rewrite_in_place(file, work)) != -1;
     if (!done) {
         take_back(file, *work, stored, change);
@@ -228,7 +234,10 @@ int64_t rewrite_in_trees(const operation_call &call, vfs_request *work, operatio
     count_change(file, copy.record_offset);
     if (!moves) return length;
     ++file->dsn;
-    if (slot_free(file, stored.record_offset) == -1) return -1;
+    // The record lives in its new slot: where the old one cannot be listed its space is lost, and nothing else.
+    (void)slot_free(file, stored.record_offset);
+    slot_head grown; // making room for index blocks may have grown the new slot
+    if (slot_head_read(file, copy.record_offset, &grown) == 0) copy.stored_length = grown.stored_length;
     const uint64_t node = work->node, item = work->item, stamp = work->stamp;
     const uint8_t flags = work->flags;
     moved_positions(file, stored.record_offset, copy);
@@ -294,11 +303,12 @@ int64_t rewrite_record(const operation_call &call)
     lock_outcome outcome;
     do {
         work = rewrite_request(call);
-        outcome = position_for_rewrite(call, &work) == -1 ? lock_outcome::failed : record_lock(call, work, &lock);
+        const bool ready = position_for_rewrite(call, &work) == 0 && (!file->indexed() || check_keys(file, &work) == 0);
+        outcome = ready ? record_lock(call, work, &lock) : lock_outcome::failed;
     } while (outcome == lock_outcome::again);
     const int64_t length = outcome == lock_outcome::failed ? -1 : replace(call, &work, &lock);
     if (length == -1) {
-        if (call.lock->hold == 0) record_unlock(call, &lock);
+        record_unlock(call, &lock);
         return rewrite_failed(call, work);
     }
     save_last(file, work);

@@ -17,8 +17,7 @@ constexpr uint8_t kept_flags = VFS_FLAG_AT_END | VFS_FLAG_SEQUENTIAL | 0x08 | 0x
 vfs_request write_request(const operation_call &call)
 {
     vfs_request work = working_request(call);
-    work.flags = static_cast<uint8_t>(work.flags & kept_flags);
-    if (call.status != nullptr) work.flags |= VFS_FLAG_STATUS;
+    work.flags = static_cast<uint8_t>(work.flags & (kept_flags | VFS_FLAG_STATUS));
     work.flags |= call.file->current.flags & VFS_FLAG_BROWSE;
     return work;
 }
@@ -74,11 +73,12 @@ int relative_number_check(vfs_file *file, vfs_request *work)
 {
     if (file->highest_rrn == none || work->rrn > file->highest_rrn) return 0;
     if (file->access_mode == VFS_ACCESS_SEQUENTIAL && work->rrn < file->highest_rrn) return fail(EEXIST);
-    leave_sequence(file);
     vfs_request probe = *work;
     probe.mode = VFS_POS_RRN;
     if (record_locate_rrn(file, &probe) == -1) return -1;
-    return (probe.flags & VFS_FLAG_AT_END) != 0 ? 0 : fail(EADDRINUSE);
+    if ((probe.flags & VFS_FLAG_AT_END) == 0) return fail(EADDRINUSE);
+    leave_sequence(file);
+    return 0;
 }
 
 int place_in_trees(vfs_file *file, vfs_request *work)
@@ -87,6 +87,7 @@ int place_in_trees(vfs_file *file, vfs_request *work)
     if (work->rrn == none && numbered) return fail(EINVAL);
     if (file->indexed() && sequence_check(file, work) == -1) return -1;
     if (numbered && relative_number_check(file, work) == -1) return -1;
+    if (!numbered && file->highest_rrn == none - 1) return fail(EFBIG); // every record number is used up
     if (!numbered) work->rrn = file->highest_rrn + 1;
     work->mode = VFS_POS_END;
     if (change_begin(file) == -1) return -1;
@@ -95,17 +96,24 @@ int place_in_trees(vfs_file *file, vfs_request *work)
 
 // ---- Flat files ----
 
-// Free slots for the numbers between the last one and the one asked for.
-int fill_gap(vfs_file *file, const vfs_request *work)
+// Whether the slots up to `rrn` have room below the largest offset and the file size limit.
+int gap_check(const vfs_file *file, uint64_t rrn)
 {
-    const uint64_t first = file->highest_rrn + 1, count = work->rrn - first;
+    const uint64_t count = rrn - (file->highest_rrn + 1);
     const uint64_t slot = file->maximum_slot, room = static_cast<uint64_t>(INT64_MAX) - file->end_of_file;
     rlimit limit{};
     const bool limited = getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY;
     if (count >= room / slot - 1) return fail(EFBIG);
     if (limited && file->end_of_file + (count + 1) * slot > limit.rlim_cur) return fail(EFBIG);
+    return 0;
+}
+
+// Free slots for the numbers between the last one and the one asked for.
+int fill_gap(vfs_file *file, const vfs_request *work)
+{
+    const uint64_t first = file->highest_rrn + 1;
     vfs_request filler = *work;
-    filler.stored_length = slot;
+    filler.stored_length = file->maximum_slot;
     filler.data_length = file->maximum_record;
     filler.record_state = item_deleted;
     for (filler.rrn = first; filler.rrn < work->rrn; ++filler.rrn) {
@@ -133,14 +141,14 @@ int place_by_number(vfs_file *file, vfs_request *work)
     if (rrn == none) return fail(EFBIG);
     if (file->highest_rrn != none && rrn <= file->highest_rrn) {
         if (file->access_mode == VFS_ACCESS_SEQUENTIAL && rrn < file->highest_rrn) return fail(EEXIST);
-        leave_sequence(file);
         if (record_locate_rrn(file, work) == -1) return -1;
         if ((work->flags & VFS_FLAG_AT_END) == 0) return fail(EADDRINUSE);
+        leave_sequence(file);
         work->flags = static_cast<uint8_t>(work->flags & ~VFS_FLAG_AT_END);
         if (work->record_state == item_deleted) return change_begin(file);
         return damaged(); // every number up to the highest has a slot
     }
-    if (change_begin(file) == -1) return -1;
+    if (gap_check(file, rrn) == -1 || change_begin(file) == -1) return -1;
     if (rrn != file->highest_rrn + 1 && fill_gap(file, work) == -1) return -1;
     return append(file, work, rrn);
 }
@@ -148,10 +156,14 @@ int place_by_number(vfs_file *file, vfs_request *work)
 // Mode 5: the slot of the last request, live or free; at an end the record is appended.
 int place_at_current(vfs_file *file, vfs_request *work)
 {
-    if (work->record_offset == none) return fail(EINVAL);
-    if (work->record_offset >= file->end_of_file) return append(file, work, file->highest_rrn + 1);
+    const uint8_t state = work->previous_mode;
+    if (work->record_offset == none || state == VFS_POS_BEFORE_FIRST) return fail(EINVAL);
+    if (state == VFS_POS_AFTER_LAST || (work->flags & VFS_FLAG_AT_END) != 0 || work->record_offset >= file->end_of_file)
+        return append(file, work, file->highest_rrn + 1);
+    const uint64_t rrn = work->rrn;
     if (record_head(file, work) == -1) return -1;
-    if (work->record_state == item_relocated) return fail(ESPIPE);
+    const uint8_t type = work->record_state;
+    if (work->rrn != rrn || (type != item_deleted && type != item_live && type != item_moved)) return fail(ESPIPE);
     return change_begin(file);
 }
 
@@ -224,7 +236,7 @@ void undo_write(vfs_file *file, const vfs_request &work, const write_undo &undo)
         remove_keys(file, work, undo.keys_inserted);
         if (undo.slot_taken && work.record_offset < file->end_of_file) (void)slot_free(file, work.record_offset);
     } else {
-        file->end_of_file = undo.end_of_file;
+        end_cut(file, undo.end_of_file);
         file->deleted = undo.deleted;
     }
     file->records = undo.records;
@@ -251,7 +263,7 @@ int64_t store(const operation_call &call, vfs_request *work, write_undo *undo)
     undo->slot_taken = true;
     work->flags = static_cast<uint8_t>(work->flags & ~VFS_FLAG_AT_END); // the request stands on a record now
     count_change(file, work->record_offset);
-    if (was_deleted) --file->deleted;
+    if (was_deleted && file->deleted != 0) --file->deleted;
     if (!was_live) ++file->records;
     if (file->highest_rrn == none || work->rrn > file->highest_rrn) file->highest_rrn = work->rrn;
     if (!file->trees()) checkpoint_add(file, work->rrn, work->record_offset);

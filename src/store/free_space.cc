@@ -297,13 +297,16 @@ int slot_list_prepare(vfs_file *file)
               file->fixed_length() ? uint64_t{0} : free_slots_head_bytes + 8 * capacity);
     header_put(file, header_free_slot_list, address);
     header_put(file, header_free_slot_blocks, header_get(file, header_free_slot_blocks) + 1);
+    ++file->dsn;
     leave_sequence(file);
     return 0;
 }
 
 int slot_free(vfs_file *file, uint64_t offset)
 {
-    const int room = slot_list_prepare(file);
+    int room = slot_list_prepare(file);
+    slot_list list; // what the listing needs is at hand before the record goes
+    if (room == 0) room = list_open(file, header_get(file, header_free_slot_list), true, &list);
     const int cause = errno;
     slot_head head; // read after the list has room: making room may have grown the slot
     if (slot_head_read(file, offset, &head) == -1) return -1;

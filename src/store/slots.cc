@@ -44,7 +44,6 @@ int put_slot(vfs_file *file, uint64_t offset, const head_image &head, std::span<
 void end_advance(vfs_file *file, uint64_t offset, uint64_t stored)
 {
     if (offset + stored > file->end_of_file) file->end_of_file = offset + stored;
-    if (stored > file->maximum_slot) file->maximum_slot = stored;
 }
 
 bool plausible(const vfs_file *file, uint64_t offset, const slot_head &head)
@@ -216,6 +215,8 @@ int64_t record_write_new(vfs_file *file, vfs_request *request)
     const std::span data(static_cast<const std::byte *>(request->record), request->record_length);
     if (put_slot(file, request->record_offset, head, data) == -1) return -1;
     end_advance(file, request->record_offset, request->stored_length);
+    const uint64_t needed = slot_bytes(request->record_length);
+    if (needed > file->maximum_slot) file->maximum_slot = needed;
     request->data_length = request->record_length;
     request->data_offset = request->record_offset + slot_head_bytes;
     return static_cast<int64_t>(request->record_length);
@@ -275,15 +276,15 @@ int64_t record_rewrite(vfs_file *file, vfs_request *request)
     home.data_length = copy.record_offset;
     home.record_state = was_moved ? uint8_t{item_moved} : state_write_moved;
     if (record_write_frame(file, &home) == -1) return -1;
-    if (was_moved) {
+    undo.dismiss();
+    if (was_moved) { // nothing leads to the old copy any more: if it cannot be marked, its space is lost
         vfs_request old = *request;
         old.record_offset = holder;
         old.stored_length = held.stored_length;
         old.data_length = 0;
         old.record_state = item_deleted;
-        if (record_write_frame(file, &old) == -1) return -1;
+        (void)record_write_frame(file, &old);
     }
-    undo.dismiss();
     request->record_state = item_moved;
     request->data_length = request->record_length;
     request->data_offset = copy.data_offset;
