@@ -76,6 +76,22 @@ int position_request(vfs_file *file, vfs_request *request)
     }
 }
 
+int current_with_cursor(vfs_file *file, vfs_request *request)
+{
+    if (current_record(file, request) == -1 || key_load(file, request) == -1) return -1;
+    if (!file->trees()) return 0;
+    const file_position &position = file->position;
+    request->node = request->item = none;
+    if (position.side == position_side::entry && position.record_offset == request->record_offset &&
+        position.key_number == request->key_number && position.node != none) {
+        request->node = position.node;
+        request->item = position.item;
+        return 0;
+    }
+    if (tree_select(file, request->key_number) == -1) return -1;
+    return tree_seek_record(file, request) == -1 ? -1 : 0;
+}
+
 int key_from_arguments(const operation_call &call, vfs_request *work, const void *from_record, uint64_t record_length)
 {
     vfs_file *file = call.file;

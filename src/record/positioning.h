@@ -8,6 +8,10 @@
 // the mode 9 or 10. Next and previous go from the file position. An unknown mode prints "pos=%d\n" and is EINVAL.
 [[nodiscard]] int position_request(vfs_file *file, vfs_request *request);
 
+// Mode 5 for an operation that leaves the file position on the record: its key of reference is loaded and the cursor
+// found, which only the file position keeps right.
+[[nodiscard]] int current_with_cursor(vfs_file *file, vfs_request *request);
+
 // What the modes of rewrite, delete, position and lock share: key or number from the arguments into the request.
 // Mode 7 on a file without keys becomes mode 6. `from_record`: take the key from there when the host gave none.
 [[nodiscard]] int key_from_arguments(const operation_call &call, vfs_request *work, const void *from_record,

@@ -74,18 +74,6 @@ int started_record(vfs_file *file, vfs_request *work, bool *there)
     return 0;
 }
 
-// Mode 5 has a cursor only when the request names the record of the file position.
-int read_current(vfs_file *file, vfs_request *work)
-{
-    if (current_record(file, work) == -1) return -1;
-    const file_position &position = file->position;
-    const bool known = position.side == position_side::entry && position.record_offset == work->record_offset &&
-                       position.key_number == work->key_number;
-    work->node = known ? position.node : none;
-    work->item = known ? position.item : none;
-    return key_load(file, work);
-}
-
 int position_for_read(const operation_call &call, vfs_request *work)
 {
     vfs_file *file = call.file;
@@ -95,7 +83,7 @@ int position_for_read(const operation_call &call, vfs_request *work)
         if (started_record(file, work, &there) == -1) return -1;
         if (there) return 0;
     }
-    if (work->mode == VFS_POS_CURRENT) return read_current(file, work);
+    if (work->mode == VFS_POS_CURRENT) return current_with_cursor(file, work);
     work->flags = static_cast<uint8_t>(work->flags & ~VFS_FLAG_DUPLICATE);
     if (work->mode >= VFS_POS_FIRST) skip_clear(work);
     return position_request(file, work);

@@ -128,21 +128,6 @@ int record_at_offset(vfs_file *file, vfs_request *work)
     return found == 1 ? fail(ESPIPE) : found;
 }
 
-// Mode 5: the cursor is only good when the request names the record of the file position.
-int current_with_cursor(vfs_file *file, vfs_request *work)
-{
-    if (current_record(file, work) == -1) return -1;
-    const file_position &position = file->position;
-    if (position.side == position_side::entry && position.record_offset == work->record_offset &&
-        position.key_number == work->key_number) {
-        work->node = position.node;
-        work->item = position.item;
-    } else {
-        work->node = work->item = none;
-    }
-    return key_load(file, work);
-}
-
 int leading_part_search(vfs_file *file, vfs_request *work, uint64_t leading)
 {
     const uint64_t full = key_length_of(file, work->key_number);
