@@ -335,7 +335,7 @@ std::optional<expectation> model::start(const place &where)
         break;
     case VFS_POS_END:
         // Which key of reference holds: that of the position, or of the last operation?
-        if (is_indexed() && last_.key != p.key) return {};
+        if (is_indexed() && (p.uncertain || last_.key != p.key)) return {};
         p = {.key = p.key, .where = side::high_edge, .index = 0, .saved = {}, .moved_at_edge = true};
         p.index = order_[p.key].size();
         p.stamp = tsn_[p.key];
