@@ -2,6 +2,7 @@
 #include "record/locking.h"
 #include "record/operations.h"
 #include "record/positioning.h"
+#include "record/read_beside.h"
 #include "util/errors.h"
 
 namespace {
@@ -254,6 +255,8 @@ int64_t operation_read(vfs_file *file, vfs_record *record, void *, vfs_status *s
                        int32_t mode, ...)
 {
     if (handle_check(file) == -1) return -1;
+    const int64_t length = read_beside(file, record, status, mode);
+    if (length >= 0) return length;
     operation_call call = make_call(file, record, status, lock, VFS_OP_READ, mode);
     va_list arguments;
     va_start(arguments, mode);

@@ -170,24 +170,14 @@ int read_step(vfs_file *file, vfs_request *request, bool forward)
     return result == 1 ? at_end(request) : -1;
 }
 
-// The neighbour inside the leaf that the position stands in: the usual step of a sequential read. Null when the step
-// takes more than that.
-inline const vfs_buffer *neighbour_at_hand(const vfs_file *file, const vfs_request *request, uint64_t item)
+// The same for a request that steps in the position's tree and has nothing to re-read.
+inline const vfs_buffer *neighbour_at_hand(const vfs_file *file, const vfs_request *request, bool forward,
+                                           uint64_t *item)
 {
-    const file_position &position = file->position;
-    if (position.side != position_side::entry || position.node == none || position.key_number != request->key_number ||
+    if (file->position.key_number != request->key_number ||
         ((file->current.flags2 | request->flags2) & VFS_FLAG2_REREAD) != 0)
         return nullptr;
-    vfs_cache *cache = &file->contexts[position.key_number].cache;
-    vfs_buffer *leaf = cache->curr;
-    if (leaf == nullptr || leaf->offset != position.node || !leaf->checked || leaf->done == 0) return nullptr;
-    leaf->state &= static_cast<uint8_t>(~buffer_new);
-    if (!is_leaf(leaf)) return nullptr;
-    const uint64_t ent = node_entries(leaf);
-    if (item >= ent || position.item >= ent || entry_address(leaf, position.item) != position.record_offset)
-        return nullptr;
-    const bool browse = (request->flags & VFS_FLAG_BROWSE) != 0;
-    return acceptable(leaf, item, browse ? position.stamp : none) ? leaf : nullptr;
+    return tree_entry_beside(file, forward, (request->flags & VFS_FLAG_BROWSE) != 0, item);
 }
 
 inline int take_neighbour(const vfs_file *file, vfs_request *request, const vfs_buffer *leaf, uint64_t item)
@@ -289,17 +279,31 @@ int tree_last(vfs_file *file, vfs_request *request)
     return edge(file, request, false);
 }
 
+const vfs_buffer *tree_entry_beside(const vfs_file *file, bool forward, bool browse, uint64_t *item)
+{
+    const file_position &position = file->position;
+    if (position.side != position_side::entry || position.node == none) return nullptr;
+    const vfs_buffer *leaf = file->contexts[position.key_number].cache.curr;
+    if (leaf == nullptr || leaf->offset != position.node || !leaf->checked || leaf->done == 0 || !is_leaf(leaf))
+        return nullptr;
+    *item = forward ? position.item + 1 : position.item - 1;
+    const uint64_t ent = node_entries(leaf);
+    if (*item >= ent || position.item >= ent || entry_address(leaf, position.item) != position.record_offset)
+        return nullptr;
+    return acceptable(leaf, *item, browse ? position.stamp : none) ? leaf : nullptr;
+}
+
 int tree_read_next(vfs_file *file, vfs_request *request)
 {
-    const uint64_t item = file->position.item + 1;
-    const vfs_buffer *leaf = neighbour_at_hand(file, request, item);
+    uint64_t item;
+    const vfs_buffer *leaf = neighbour_at_hand(file, request, true, &item);
     return leaf != nullptr ? take_neighbour(file, request, leaf, item) : read_step(file, request, true);
 }
 
 int tree_read_prev(vfs_file *file, vfs_request *request)
 {
-    const uint64_t item = file->position.item - 1;
-    const vfs_buffer *leaf = neighbour_at_hand(file, request, item);
+    uint64_t item;
+    const vfs_buffer *leaf = neighbour_at_hand(file, request, false, &item);
     return leaf != nullptr ? take_neighbour(file, request, leaf, item) : read_step(file, request, false);
 }
 
