@@ -156,7 +156,18 @@ using host::hit;
         return result;                                                                                                 \
     } while (false)
 
+// Before its own start is over a sanitizer's allocator can be reached by this name alone.
+#define NEXT_ALLOCATOR(name)                                                                                           \
+    static const auto next_call =                                                                                      \
+        __interceptor_##name != nullptr ? &__interceptor_##name : host::next_definition<decltype(name)>(#name)
+
 extern "C" {
+
+void *__interceptor_malloc(size_t bytes) noexcept __attribute__((weak));
+void *__interceptor_calloc(size_t count, size_t bytes) noexcept __attribute__((weak));
+void *__interceptor_realloc(void *area, size_t bytes) noexcept __attribute__((weak));
+void *__interceptor_aligned_alloc(size_t alignment, size_t bytes) noexcept __attribute__((weak));
+int __interceptor_posix_memalign(void **area, size_t alignment, size_t bytes) noexcept __attribute__((weak));
 
 ssize_t pread(int descriptor, void *area, size_t bytes, off_t offset)
 {
@@ -277,35 +288,35 @@ int fcntl(int descriptor, int command, ...)
 
 void *malloc(size_t bytes) noexcept
 {
-    NEXT(malloc);
+    NEXT_ALLOCATOR(malloc);
     if (hit("malloc", "memory", CALLER)) REFUSE(nullptr);
     return next_call(bytes);
 }
 
 void *calloc(size_t count, size_t bytes) noexcept
 {
-    NEXT(calloc);
+    NEXT_ALLOCATOR(calloc);
     if (hit("calloc", "memory", CALLER)) REFUSE(nullptr);
     return next_call(count, bytes);
 }
 
 void *realloc(void *area, size_t bytes) noexcept
 {
-    NEXT(realloc);
+    NEXT_ALLOCATOR(realloc);
     if (hit("realloc", "memory", CALLER)) REFUSE(nullptr);
     return next_call(area, bytes);
 }
 
 void *aligned_alloc(size_t alignment, size_t bytes) noexcept
 {
-    NEXT(aligned_alloc);
+    NEXT_ALLOCATOR(aligned_alloc);
     if (hit("aligned_alloc", "memory", CALLER)) REFUSE(nullptr);
     return next_call(alignment, bytes);
 }
 
 int posix_memalign(void **area, size_t alignment, size_t bytes) noexcept
 {
-    NEXT(posix_memalign);
+    NEXT_ALLOCATOR(posix_memalign);
     if (hit("posix_memalign", "memory", CALLER)) return host::plan.error;
     return next_call(area, alignment, bytes);
 }
