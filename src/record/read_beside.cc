@@ -35,20 +35,22 @@ void key_words(std::byte *to, const std::byte *from, uint64_t width)
     for (uint64_t i = 0; i < width; i += 8) store_u64(to + i, load_u64(from + i));
 }
 
+// The eight bytes of a request block from record_state to flags2, as one word: a block that is copied soon after should
+// not be put together from bytes.
+struct request_bytes {
+    uint8_t record_state, operation, previous_operation, mode, previous_mode, relation, flags, flags2;
+};
+static_assert(sizeof(request_bytes) == 8 && offsetof(vfs_request, record_state) == 16 &&
+              offsetof(vfs_request, flags2) == 23);
+
 // The saved request blocks as a read leaves them: only the words that a step changes.
-void save_block(vfs_request *block, const file_position &position, uint64_t length, uint8_t type, uint8_t mode,
-                uint8_t flags)
+void save_block(vfs_request *block, const file_position &position, uint64_t length, request_bytes bytes)
 {
+    bytes.previous_operation = block->operation;
+    bytes.previous_mode = block->mode;
     block->stored_length = position.stored_length;
     block->data_length = length;
-    block->record_state = type;
-    block->previous_operation = block->operation;
-    block->operation = VFS_OP_READ;
-    block->previous_mode = block->mode;
-    block->mode = mode;
-    block->relation = mode == VFS_POS_NEXT ? VFS_GREATER : VFS_LESS;
-    block->flags = flags;
-    block->flags2 = 0;
+    std::memcpy(&block->record_state, &bytes, sizeof bytes);
     block->record_offset = position.record_offset;
     block->data_offset = position.record_offset + slot_head_bytes;
     block->rrn = position.rrn;
@@ -98,11 +100,19 @@ int64_t read_beside(vfs_file *file, const vfs_record *record, vfs_status *status
 
     ++file->operation_count;
     file->operation = VFS_OP_READ;
-    const auto type = static_cast<uint8_t>(slot[slot_type.offset]);
-    const auto flags = static_cast<uint8_t>(VFS_FLAG_SEQUENTIAL | (browse ? VFS_FLAG_BROWSE : 0) |
-                                            (status != nullptr ? VFS_FLAG_STATUS : 0));
-    save_block(&file->last, position, length, type, way, flags);
-    save_block(&file->current, position, length, type, way, flags);
+    const request_bytes bytes{
+        .record_state = static_cast<uint8_t>(slot[slot_type.offset]),
+        .operation = VFS_OP_READ,
+        .previous_operation = 0,
+        .mode = way,
+        .previous_mode = 0,
+        .relation = way == VFS_POS_NEXT ? uint8_t{VFS_GREATER} : uint8_t{VFS_LESS},
+        .flags = static_cast<uint8_t>(VFS_FLAG_SEQUENTIAL | (browse ? VFS_FLAG_BROWSE : 0) |
+                                      (status != nullptr ? VFS_FLAG_STATUS : 0)),
+        .flags2 = 0,
+    };
+    save_block(&file->last, position, length, bytes);
+    save_block(&file->current, position, length, bytes);
     if (status != nullptr) {
         status->record_offset = offset;
         status->rrn = rrn;

@@ -174,15 +174,20 @@ uint64_t node_upper_bound(const vfs_buffer *node, const search_key &key)
 vfs_buffer *node_fetch_slow(const index_tree &tree, uint64_t address)
 {
     if (address_check(tree.file, address, index_block_bytes) == -1) return nullptr;
-    vfs_buffer *node = cache_fetch_at(tree.cache(), address);
-    if (node == nullptr) return nullptr;
-    if (node->offset == address && node->checked) return node;
-    if (node->offset != address || !node_sound(tree, node, address)) {
-        (void)damaged();
+    vfs_buffer *node = address % metadata_unit == 0 ? cache_fetch_at(tree.cache(), address) : nullptr;
+    if (node == nullptr) {
+        if (address % metadata_unit != 0) (void)damaged();
         return nullptr;
     }
-    node->checked = true;
-    return node;
+    if (node->offset == address && node->checked) return node;
+    if (node->offset == address && node_sound(tree, node, address)) {
+        node->checked = true;
+        return node;
+    }
+    // A block that is no node of this tree may overlap one that is: it must not stay cached.
+    if (node->offset == address && node->pins == 0 && !is_dirty(node)) cache_drop_block(tree.cache(), address);
+    (void)damaged();
+    return nullptr;
 }
 
 vfs_buffer *leaf_fetch(const index_tree &tree, uint64_t address)
