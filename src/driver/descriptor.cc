@@ -4,6 +4,7 @@
 #include "file/open.h"
 #include "file/small_operations.h"
 #include "record/operations.h"
+#include "store/header.h"
 #include "util/errors.h"
 
 #include <sys/stat.h>
@@ -24,10 +25,13 @@ vfs_file *open_slot(vfs_open_block *block)
     return file_open(block, services);
 }
 
-// Hosts may look at blocks, but another process may be changing those of a shared file.
+// Hosts may change blocks, but not of a file whose locks come and go: another process may be changing them.
 int get_for_write_slot(vfs_cache *cache, vfs_request *request)
 {
-    if (is_shared(cache->file)) return fail(EINVAL);
+    auto *file = static_cast<vfs_file *>(cache->file);
+    if (metadata_bracket(file)) return fail(EINVAL);
+    if (is_read_only(file)) return fail(EBADF);
+    if (change_begin(file) == -1) return -1;
     return cache_get_for_write(cache, request);
 }
 

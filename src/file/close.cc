@@ -24,18 +24,10 @@ void keep(vfs_file *file, int result)
 void caches_close(vfs_file *file)
 {
     if (file->contexts != nullptr) contexts_close(file);
-    if (file->data.file != nullptr && file->data.count != 0) keep(file, cache_close(&file->data));
-    if (file->meta.file != nullptr && file->meta.count != 0) keep(file, cache_close(&file->meta));
+    // Caches without buffers too: their times count.
+    if (file->data.file != nullptr) keep(file, cache_close(&file->data));
+    if (file->meta.file != nullptr) keep(file, cache_close(&file->meta));
     if (file->meta.hdrb != nullptr) cache_header_free(&file->meta);
-}
-
-// Drops what is cached without writing it.
-void caches_drop(vfs_file *file)
-{
-    if (file->contexts != nullptr) contexts_discard(file);
-    if (file->data.count != 0) cache_discard(&file->data);
-    if (file->meta.count != 0) cache_discard(&file->meta);
-    if (file->meta.hdrb != nullptr) dirty_remove(file->meta.hdrb);
 }
 
 void locks_release(vfs_file *file)
@@ -56,12 +48,22 @@ void locks_release(vfs_file *file)
         keep(file, lock_clr({.file = file, .counted = &file->data, .kind = lock_exclusive, .write = write}));
 }
 
+void unmap(vfs_file *file)
+{
+    if (file->map_base != nullptr && munmap(file->map_base, file->map_length) == -1) store_error(file, errno);
+    file->map_base = nullptr;
+}
+
 void release_descriptors(vfs_file *file)
 {
     if (file->fd < 0) return;
-    if (file->map_base != nullptr && munmap(file->map_base, file->map_length) == -1) store_error(file, errno);
+    unmap(file);
     usage_snapshot now{};
-    if (registry_release(file, &now) == -1) store_error(file, errno);
+    const int others = registry_release(file, &now);
+    if (others == -1) store_error(file, errno);
+    if (others > 0 && file->debug)
+        std::fprintf(stderr, "Deferring close(%s:%s), count=%ld\n", file->logical_name, file->path,
+                     static_cast<long>(others));
     file->closed = {now.ticks, now.usage};
 }
 
@@ -118,6 +120,17 @@ void free_memory(vfs_file *file)
     std::free(file);
 }
 
+// In a forked child the file belongs to the parent: memory is given back, nothing else is touched.
+void release_inherited(vfs_file *file)
+{
+    file->debug = false;
+    changes_drop(file);
+    caches_close(file);
+    unmap(file);
+    if (file->shared != nullptr) (void)registry_release(file, nullptr);
+    free_memory(file);
+}
+
 int finish(vfs_file *file, vfs_open_block *out)
 {
     locks_release(file);
@@ -136,21 +149,22 @@ int file_close(vfs_file *file, vfs_open_block *out)
 {
     if (file == nullptr) return 0;
     if (file->opener_generation != process_generation()) {
-        fill_out(file, out); // a forked child: the file belongs to the parent
-        free_memory(file);
+        fill_out(file, out);
+        release_inherited(file);
         return 0;
     }
     file->last.previous_operation = file->last.operation;
     file->last.operation = VFS_OP_CLOSE;
     keep(file, session_close(file));
-    if (file->error == ESTALE) caches_drop(file); // the file is another's now: nothing of ours may reach it
+    if (file->error == ESTALE) changes_drop(file); // the file is another's now: nothing of ours may reach it
     caches_close(file);
     return finish(file, out);
 }
 
 void file_abandon(vfs_file *file)
 {
-    caches_drop(file);
+    if (file->shared != nullptr) session_abandon(file);
+    changes_drop(file);
     caches_close(file);
     (void)finish(file, nullptr);
 }

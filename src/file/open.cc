@@ -11,6 +11,7 @@
 #include "store/movement.h"
 #include "util/errors.h"
 #include "util/process.h"
+#include "util/scope_guard.h"
 
 #include <cinttypes>
 #include <csignal>
@@ -28,6 +29,7 @@ constexpr uint64_t random_block_bytes = 32768; // Data buffers of random and dyn
 constexpr uint64_t shared_block_bytes = 4096;  // Data buffers of shared update handles
 constexpr uint32_t shared_block_count = 64;
 constexpr uint32_t random_block_count = 16;
+constexpr uint64_t largest_block_bytes = 1 << 20; // of Data, whatever the header asks for
 constexpr int pipe_bytes = 1 << 20;
 
 bool wants_to_write(uint32_t flags)
@@ -82,8 +84,9 @@ int take_numbers(vfs_file *file)
     file->logical_organization = block.logical_organization;
     file->record_format = block.record_format;
     file->highest_rrn = none;
-    file->open_flags = block.open_flags;
-    const uint32_t flags = block.open_flags;
+    // Direct I/O is the settings' to decide: under it every transfer has to be prepared for.
+    const uint32_t flags = block.open_flags & ~static_cast<uint32_t>(O_DIRECT);
+    file->open_flags = flags;
     if (!wants_to_write(flags)) file->mode_flags |= mode_read_only;
     if ((flags & (O_WRONLY | O_APPEND)) == 0) file->mode_flags |= mode_readable;
     if ((flags & O_WRONLY) != 0) file->mode_flags |= mode_write_only;
@@ -113,20 +116,11 @@ void print_keys(const vfs_key_desc *keys)
     std::fprintf(stderr, "Maximal key extent = %" PRId64 "\n", keys->max_extent);
 }
 
-// The one-key description of files whose host gave none.
-struct default_keys {
-    vfs_key_desc head;
-    vfs_key_desc_entry key;
-    vfs_key_part part;
-};
-static_assert(sizeof(default_keys) == 96);
-
 int take_keys(vfs_file *file)
 {
     const vfs_key_desc *given = file->host.keys;
-    static constexpr default_keys standard{{96, 1, 0, 0, 0}, {8, 1, 72, 0, {}}, {0, 8, 0}};
-    const void *source = &standard;
-    size_t bytes = sizeof standard;
+    const vfs_key_desc *source = default_key_description();
+    auto bytes = static_cast<size_t>(source->total_size);
     if (given != nullptr) {
         if (given->total_size < static_cast<int64_t>(sizeof *given) ||
             given->total_size > static_cast<int64_t>(metadata_maximum))
@@ -203,7 +197,7 @@ int treat_as_stream(vfs_file *file, uint8_t kind)
 int treat_as_device(vfs_file *file)
 {
     if (file->block.organization != 1 || file->block.logical_organization == 3 ||
-        file->access_mode != VFS_ACCESS_SEQUENTIAL || is_read_only(file))
+        file->access_mode != VFS_ACCESS_SEQUENTIAL || (file->open_flags & O_ACCMODE) != O_WRONLY)
         return fail(EBADF);
     file->kind_flags |= kind_character;
     file->lock_defaults.share_mode = VFS_SHARE_ALL;
@@ -268,6 +262,7 @@ void choose_engines(vfs_file *file)
     if (is_shared(file) && !is_read_only(file)) file->settings.direct_io = false;
     if (file->settings.direct_io) {
         file->mode_flags |= mode_direct;
+        file->open_flags |= O_DIRECT;
         file->setup_flags = static_cast<uint8_t>(file->setup_flags & ~setup_caching);
     }
     if (!file->settings.caching && file->debug) std::fprintf(stderr, "No caching...\n");
@@ -277,17 +272,18 @@ void choose_engines(vfs_file *file)
 // ---- The descriptor ----
 
 struct open_attempts {
-    uint64_t failed = 0;
+    uint64_t failed = 0; // that may be waited out; not those after which open is tried in another way
     bool announced = false;
     timespec began{};
+
+    open_attempts() { clock_gettime(CLOCK_MONOTONIC, &began); }
 };
 
 // Whether a conflict may be waited out once more; sleeps if so.
 bool pause_before_retry(const vfs_file *file, open_attempts *attempts)
 {
     const vfs_lock_request &policy = file->lock_defaults;
-    if (attempts->failed == 1) {
-        clock_gettime(CLOCK_MONOTONIC, &attempts->began);
+    if (++attempts->failed == 1) {
         sched_yield();
         return true;
     }
@@ -305,17 +301,15 @@ bool pause_before_retry(const vfs_file *file, open_attempts *attempts)
 // After a failed open(2): true to try again with the flags as they are now.
 bool try_again(vfs_file *file, const open_services &services, int error, int *flags, open_attempts *attempts)
 {
-    ++attempts->failed;
     const bool waits = file->lock_defaults.wait_mode == VFS_WAIT_KERNEL;
     switch (error) {
     case EINVAL:
         if ((*flags & O_DIRECT) == 0) return false;
         *flags &= ~O_DIRECT; // this file system has no direct I/O
+        file->open_flags &= ~static_cast<uint32_t>(O_DIRECT);
         file->mode_flags = static_cast<uint8_t>(file->mode_flags & ~mode_direct);
         return true;
-    case EACCES:
-        return attempts->failed == 1 ? pause_before_retry(file, attempts)
-                                     : !waits && pause_before_retry(file, attempts);
+    case EACCES: return (attempts->failed == 0 || !waits) && pause_before_retry(file, attempts);
     case EINTR:
     case EAGAIN:
     case ETIMEDOUT: return pause_before_retry(file, attempts);
@@ -338,13 +332,26 @@ bool try_again(vfs_file *file, const open_services &services, int error, int *fl
     }
 }
 
+// Failures that are neither waited out nor met in another way.
+bool is_unexpected(int error)
+{
+    switch (error) {
+    case EINTR:
+    case EAGAIN:
+    case ETIMEDOUT:
+    case EACCES:
+    case EINVAL:
+    case ETXTBSY: return false;
+    default: return true;
+    }
+}
+
 int system_flags(const vfs_file *file)
 {
     constexpr uint32_t never = O_APPEND | O_TRUNC; // the driver places records, and makes files anew under its locks
     auto flags = static_cast<int>(file->open_flags & ~never);
     const bool device = (file->kind_flags & kind_character) != 0;
     if (!is_read_only(file) && !device && !file->unbuffered_stream) flags = (flags & ~O_ACCMODE) | O_RDWR;
-    if ((file->mode_flags & mode_direct) != 0) flags |= O_DIRECT;
     return flags | O_NONBLOCK | O_NOATIME | O_CLOEXEC;
 }
 
@@ -357,12 +364,24 @@ int open_descriptor(vfs_file *file, const open_services &services)
         if (file->fd != -1) break;
         const int error = errno;
         if (try_again(file, services, error, &flags, &attempts)) continue;
-        if (file->debug) std::fprintf(stderr, "open errno %d\n", error);
+        if (file->debug && is_unexpected(error)) std::fprintf(stderr, "open errno %d\n", error);
         return refuse(file, error);
     }
     file->open_flags |= O_NONBLOCK;
     if (!is_read_only(file)) file->open_flags = (file->open_flags & ~static_cast<uint32_t>(O_ACCMODE)) | O_RDWR;
     if (attempts.announced) lock_note(note_resuming, file);
+    return 0;
+}
+
+// The path may have come to name another kind of file than the one that was looked at.
+int check_kind(vfs_file *file)
+{
+    struct stat facts {};
+    if (fstat(file->fd, &facts) == -1) return -1;
+    if (is_regular(file) && !S_ISREG(facts.st_mode)) return refuse(file, S_ISDIR(facts.st_mode) ? EISDIR : EBADF);
+    if ((file->kind_flags & kind_character) == 0) return 0;
+    // A terminal has no positions: what is written at one would fail later.
+    if (!S_ISCHR(facts.st_mode) || lseek(file->fd, 0, SEEK_CUR) == -1) return refuse(file, EBADF);
     return 0;
 }
 
@@ -397,15 +416,20 @@ int take_file_locks(vfs_file *file)
     return 0;
 }
 
+bool locks_nothing(const vfs_file *file)
+{
+    return file->lock_defaults.lock_mode == VFS_LOCK_NONE;
+}
+
 // A shared open runs under the metadata lock; making a header takes the whole file instead.
-lock_target open_bracket(vfs_file *file, bool making)
+lock_target open_bracket(vfs_file *file, bool making, bool flat)
 {
     lock_target target{.file = file,
                        .counted = &file->meta,
                        .kind = lock_metadata,
                        .write = !is_read_only(file),
-                       .start = file->physical_organization == 1 ? 0 : metadata_byte,
-                       .length = file->physical_organization == 1 ? key_entry_bytes : 1};
+                       .start = flat ? 0 : metadata_byte,
+                       .length = flat ? key_entry_bytes : 1};
     target.opening = !making;
     if (making) target.kind = lock_file;
     return target;
@@ -418,6 +442,34 @@ int size_under_locks(vfs_file *file)
     if (size == -1) return -1;
     file->size_at_open = file->allocated_size = static_cast<uint64_t>(size);
     return 0;
+}
+
+// The range that brackets the file goes by what its header says, whatever this host takes it for.
+bool is_flat(vfs_file *file)
+{
+    alignas(16) std::byte head[header_variable_part];
+    const int64_t size = file_size_now(file);
+    if (size < static_cast<int64_t>(sizeof head) || file_read_at(file, head, sizeof head, 0) != sizeof head ||
+        header_check_fixed(head, static_cast<uint64_t>(size)) == -1)
+        return file->physical_organization == 1;
+    return image_get(std::span<const std::byte>(head), header_physical_organization) == 1;
+}
+
+// Locks what a shared open has to hold. Size and header were looked at before the lock was granted: they are looked
+// at again, and when they call for another lock by now, it is taken instead.
+int bracket_take(vfs_file *file, lock_target *bracket)
+{
+    for (;;) {
+        const bool making = creates(file), flat = is_flat(file);
+        *bracket = open_bracket(file, making, flat);
+        if (lock_set(*bracket) == -1) return refuse(file, errno);
+        scope_guard release{[&] { lock_clr(*bracket); }};
+        if (size_under_locks(file) == -1) return -1;
+        if (making || (!creates(file) && is_flat(file) == flat)) {
+            release.dismiss();
+            return 0;
+        }
+    }
 }
 
 void map_file(vfs_file *file)
@@ -446,6 +498,18 @@ bool served_by_one_buffer(const vfs_file *file)
            is_read_only(file) && file->block.organization == 1;
 }
 
+// What the memory budget leaves to Data when every tree has its nodes in memory.
+uint64_t data_budget(const vfs_file *file)
+{
+    uint64_t left = file->settings.cache_size;
+    for (uint64_t k = 0; k < file->tree_count; ++k) {
+        const uint64_t nodes = key_entry_get(file, k, key_entry_leaves) + key_entry_get(file, k, key_entry_branches);
+        const uint64_t bytes = nodes * index_block_bytes; // no more than the file has
+        left -= bytes < left ? bytes : left;
+    }
+    return left;
+}
+
 void size_data_cache(vfs_file *file)
 {
     vfs_cache &data = file->data;
@@ -457,7 +521,7 @@ void size_data_cache(vfs_file *file)
     const bool sequential = file->access_mode == VFS_ACCESS_SEQUENTIAL;
     if (file->data_block_size > data.block_size &&
         !(file->physically_sequential && sequential && file->key_count <= 1 && is_read_only(file)))
-        data.block_size = file->data_block_size;
+        data.block_size = file->data_block_size < largest_block_bytes ? file->data_block_size : largest_block_bytes;
     if (!sequential) {
         data.block_size = random_block_bytes;
         data.readahead = 0;
@@ -474,8 +538,7 @@ void size_data_cache(vfs_file *file)
     } else if (served_by_one_buffer(file)) {
         data.min = data.max = 1;
         data.readahead = data.writebehind = 0;
-    } else if (settings.cache_size / data.block_size > data.max) {
-        const uint64_t budget = settings.cache_size / data.block_size;
+    } else if (const uint64_t budget = data_budget(file) / data.block_size; budget > data.max) {
         data.max = budget > UINT32_MAX / 2 ? UINT32_MAX / 2 : static_cast<uint32_t>(budget);
     }
     data.block_mask = ~(data.block_size - 1);
@@ -494,13 +557,15 @@ void advise(vfs_file *file)
         posix_madvise(file->map_base, file->map_length, sequential ? POSIX_MADV_SEQUENTIAL : POSIX_MADV_RANDOM);
         return;
     }
-    posix_fadvise(file->fd, 0, 0, sequential ? POSIX_FADV_SEQUENTIAL : POSIX_FADV_RANDOM);
-    if (!sequential) return;
-    if (flat) {
-        posix_fadvise(file->fd, 0, 0, POSIX_FADV_NOREUSE);
-        if ((file->setup_flags & setup_caching) != 0) file->data.flags |= cache_drop_behind;
+    if (!sequential) {
+        posix_fadvise(file->fd, 0, 0, POSIX_FADV_RANDOM);
+        return;
     }
-    if ((file->mode_flags & mode_reversed) == 0) file->data.flags |= cache_sequential;
+    if (flat && (file->setup_flags & setup_caching) != 0) file->data.flags |= cache_drop_behind;
+    if ((file->mode_flags & mode_reversed) != 0) return; // the system reads ahead the other way
+    posix_fadvise(file->fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    if (flat) posix_fadvise(file->fd, 0, 0, POSIX_FADV_NOREUSE);
+    file->data.flags |= cache_sequential;
 }
 
 int open_data_cache(vfs_file *file)
@@ -598,19 +663,13 @@ void settle_highest(vfs_file *file)
 
 int set_up_store(vfs_file *file)
 {
-    cache_reset(&file->data, file, cache_data);
-    cache_reset(&file->meta, file, cache_meta);
     file->meta.rfd = file->meta.wfd = file->fd;
     file->meta.flags |= cache_zero_fill;
     if (file->unbuffered_stream) return header_open(file); // refuses it
-    const bool making = creates(file);
-    const lock_target bracket = open_bracket(file, making);
-    if (is_shared(file) && lock_set(bracket) == -1) return refuse(file, errno);
-    int result = size_under_locks(file);
-    if (result == 0) {
-        map_file(file);
-        result = header_open(file);
-    }
+    lock_target bracket;
+    if (is_shared(file) && bracket_take(file, &bracket) == -1) return -1;
+    map_file(file);
+    int result = header_open(file);
     if (result == 0) {
         facts_from_header(file);
         settle_highest(file);
@@ -619,7 +678,7 @@ int set_up_store(vfs_file *file)
     if (result == 0 && (file->host.options & VFS_OPT_NO_IO) == 0) result = open_data_cache(file);
     if (result == 0) initial_position(file);
     const int cause = errno;
-    if (is_shared(file) && lock_clr(bracket) == -1) return -1;
+    if (is_shared(file) && lock_clr(bracket) == -1 && result == 0) return -1;
     return result == 0 ? 0 : fail(cause);
 }
 
@@ -630,15 +689,21 @@ int open_steps(vfs_file *file, const open_services &services)
     if (classify(file) == -1) return -1;
     choose_engines(file);
     if (check_creation(file) == -1) return -1;
+    cache_reset(&file->data, file, cache_data);
+    cache_reset(&file->meta, file, cache_meta);
     if (open_descriptor(file, services) == -1) return -1;
     usage_snapshot now;
-    if (registry_add(file, &now) == -1) {
+    if (check_kind(file) == -1 || registry_add(file, &now) == -1) {
+        const int cause = errno;
         registry_discard(file->fd);
         file->fd = -1;
-        return -1;
+        return fail(cause);
     }
     file->opened = {now.ticks, now.usage};
     if (prepare_stream(file) == -1 || take_file_locks(file) == -1 || size_under_locks(file) == -1) return -1;
+    // Without locks of its own this open would make the file anew under those who have some.
+    if (locks_nothing(file) && is_regular(file) && creates(file) && another_holds_locks(file))
+        return refuse(file, EAGAIN);
     return set_up_store(file);
 }
 

@@ -26,7 +26,7 @@ struct open_descriptor {
 } // namespace
 
 struct vfs_registry_entry : shared_file_state {
-    uint32_t open_count, read_only_count, read_write_count;
+    uint32_t read_only_count, read_write_count;
     vfs_registry_entry *next, *previous;
     const char *name; // path of the handle that created the entry; for dumps while that handle is open
     dev_t device;
@@ -195,7 +195,7 @@ void close_all(vfs_registry_entry *entry, file_state *file)
 
 void warn(const vfs_registry_entry *entry)
 {
-    const long all = entry->open_count, readers = entry->read_only_count, writers = entry->read_write_count;
+    const long all = entry->handles, readers = entry->read_only_count, writers = entry->read_write_count;
     if (readers != 0 && writers != 0)
         std::fprintf(stderr,
                      "Warning:  File %s opened multiple times, in mixed modes(%ld: r/o %ld, r/w %ld), "
@@ -306,13 +306,13 @@ int registry_add(file_state *file, usage_snapshot *opened)
         entry_link(entry);
     }
     if (!descriptors_reserve(entry)) {
-        if (entry->open_count == 0) entry_free(entry);
+        if (entry->handles == 0) entry_free(entry);
         return fail(ENOMEM);
     }
     entry->descriptors[entry->descriptor_count++] = {file->fd, access_of(file->fd), false};
-    ++entry->open_count;
+    __atomic_add_fetch(&entry->handles, 1, __ATOMIC_RELAXED);
     ++count_of_sort(entry, file);
-    if (entry->open_count >= 2) warn(entry);
+    if (entry->handles >= 2) warn(entry);
     file->shared = entry;
     file->opener_pid = getpid();
     file->opener_generation = process_generation();
@@ -328,11 +328,11 @@ int registry_release(file_state *file, usage_snapshot *closed)
     if (!inherited) lock_abandon(file);
     const registry_held held;
     if (held.error() != 0) return fail(held.error());
-    if (entry->open_count == 0) return fail(EINVAL);
-    --entry->open_count;
+    if (entry->handles == 0) return fail(EINVAL);
+    __atomic_sub_fetch(&entry->handles, 1, __ATOMIC_RELAXED);
     --count_of_sort(entry, file);
     file->shared = nullptr;
-    const int others = static_cast<int>(entry->open_count);
+    const int others = static_cast<int>(entry->handles);
     int result = 0;
     if (inherited) { // the descriptors are left alone: the child may have opened the file anew and hold locks on it
         file->fd = -1;
@@ -373,7 +373,7 @@ bool registry_peek(const char *path, void *into, size_t bytes, ssize_t *result)
 uint32_t registry_handles(const file_state *file)
 {
     const registry_held held;
-    return file->shared != nullptr ? entry_of(file)->open_count : 0;
+    return file->shared != nullptr ? entry_of(file)->handles : 0;
 }
 
 bool registry_inherited(const file_state *file)

@@ -2,6 +2,8 @@
 
 #include "util/errors.h"
 
+#include <algorithm>
+#include <cstring>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,9 +17,7 @@ bool sync_not_offered(int error)
     return error == EINVAL || error == ENOSYS || error == ENOTSUP || error == EROFS;
 }
 
-} // namespace
-
-int64_t file_read_at(file_state *file, void *to, uint64_t bytes, uint64_t offset)
+int64_t read_plain(const file_state *file, void *to, uint64_t bytes, uint64_t offset)
 {
     uint64_t done = 0;
     while (done < bytes) {
@@ -31,7 +31,7 @@ int64_t file_read_at(file_state *file, void *to, uint64_t bytes, uint64_t offset
     return static_cast<int64_t>(done);
 }
 
-int file_write_at(file_state *file, const void *from, uint64_t bytes, uint64_t offset)
+int write_plain(const file_state *file, const void *from, uint64_t bytes, uint64_t offset)
 {
     uint64_t done = 0;
     while (done < bytes) {
@@ -46,6 +46,81 @@ int file_write_at(file_state *file, const void *from, uint64_t bytes, uint64_t o
     return 0;
 }
 
+// Direct I/O moves whole units between aligned places of the file and aligned memory. The bytes asked for lie
+// anywhere, so they go by way of one such unit.
+constexpr uint64_t direct_unit = 4096;
+
+struct bounce_block {
+    alignas(direct_unit) std::byte bytes[direct_unit];
+    uint64_t valid;
+
+    // One call: behind a short count lies the end of the file, where a second read would be misaligned.
+    int read(const file_state *file, uint64_t offset)
+    {
+        const ssize_t got = retry_call(&ignored_retries,
+                                       [&] { return pread(file->fd, bytes, direct_unit, static_cast<off_t>(offset)); });
+        if (got == -1) return -1;
+        valid = static_cast<uint64_t>(got);
+        std::memset(bytes + valid, 0, direct_unit - valid);
+        return 0;
+    }
+};
+
+int64_t read_bounced(const file_state *file, void *to, uint64_t bytes, uint64_t offset)
+{
+    bounce_block block;
+    uint64_t done = 0;
+    while (done < bytes) {
+        const uint64_t within = (offset + done) % direct_unit;
+        if (block.read(file, offset + done - within) == -1) return -1;
+        if (block.valid <= within) break;
+        const uint64_t count = std::min(block.valid - within, bytes - done);
+        std::memcpy(static_cast<std::byte *>(to) + done, block.bytes + within, count);
+        done += count;
+        if (block.valid < direct_unit) break;
+    }
+    return static_cast<int64_t>(done);
+}
+
+// A file that ends inside the last unit is filled up with zeros.
+int write_bounced(const file_state *file, const void *from, uint64_t bytes, uint64_t offset)
+{
+    bounce_block block;
+    for (uint64_t done = 0; done < bytes;) {
+        const uint64_t within = (offset + done) % direct_unit, start = offset + done - within;
+        const uint64_t count = std::min(direct_unit - within, bytes - done);
+        if (block.read(file, start) == -1) return -1;
+        std::memcpy(block.bytes + within, static_cast<const std::byte *>(from) + done, count);
+        if (write_plain(file, block.bytes, direct_unit, start) == -1) return -1;
+        done += count;
+    }
+    return 0;
+}
+
+bool is_direct(const file_state *file)
+{
+    return (file->mode_flags & mode_direct) != 0;
+}
+
+void note_written(file_state *file)
+{
+    file->unsynced = true;
+    if (file->map_base != nullptr) file->positioned_writes = true;
+}
+
+} // namespace
+
+int64_t file_read_at(file_state *file, void *to, uint64_t bytes, uint64_t offset)
+{
+    return is_direct(file) ? read_bounced(file, to, bytes, offset) : read_plain(file, to, bytes, offset);
+}
+
+int file_write_at(file_state *file, const void *from, uint64_t bytes, uint64_t offset)
+{
+    note_written(file);
+    return is_direct(file) ? write_bounced(file, from, bytes, offset) : write_plain(file, from, bytes, offset);
+}
+
 int64_t file_size_now(const file_state *file)
 {
     struct stat facts;
@@ -55,16 +130,18 @@ int64_t file_size_now(const file_state *file)
 
 int file_truncate(file_state *file, uint64_t size)
 {
+    note_written(file);
     return retry_call(&ignored_retries, [&] { return ftruncate(file->fd, static_cast<off_t>(size)); });
 }
 
 int file_sync(file_state *file)
 {
+    // A failed sync is not repeated: the kernel may have dropped the pages that it could not write.
     if (file->map_base != nullptr && msync(file->map_base, file->map_length, MS_SYNC) == -1 && errno != ENOMEM)
         return -1;
-    if (file->map_base != nullptr && !file->positioned_writes) return 0;
-    // A failed sync is not repeated: the kernel may have dropped the pages that it could not write.
-    if (fdatasync(file->fd) == -1 && !sync_not_offered(errno)) return -1;
-    file->positioned_writes = false;
+    if (file->map_base == nullptr || file->positioned_writes) {
+        if (fdatasync(file->fd) == -1 && !sync_not_offered(errno)) return -1;
+    }
+    file->positioned_writes = file->unsynced = false;
     return 0;
 }

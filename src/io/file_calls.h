@@ -1,5 +1,6 @@
 // System calls on the descriptor of an open file outside block transfers: header words, size, durability.
-// Each system call of its kind is made here and nowhere else. Retries as errors.h says.
+// Each system call of its kind is made here and nowhere else. Retries as errors.h says. Offsets, lengths and areas need
+// no alignment, under direct I/O either.
 #ifndef VFS_IO_FILE_CALLS_H
 #define VFS_IO_FILE_CALLS_H
 
@@ -12,7 +13,7 @@
 // Size of the file now; -1 with errno.
 [[nodiscard]] int64_t file_size_now(const file_state *file);
 [[nodiscard]] int file_truncate(file_state *file, uint64_t size);
-// fdatasync, and msync of the mapping. A file system that has no sync (EINVAL, ENOSYS, ENOTSUP, EROFS) is no error.
+// fdatasync, and msync of the mapping; `unsynced` is then false. A file system that has no sync (EINVAL, ENOSYS, ENOTSUP, EROFS) is no error.
 [[nodiscard]] int file_sync(file_state *file);
 
 #endif

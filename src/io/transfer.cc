@@ -241,7 +241,7 @@ int buffer_start_write(vfs_buffer *buffer)
     if (cache->wcurr == buffer) cache->wcurr = nullptr;
     queue_remove(buffer); // keeps the range, for a write that fails
     prepare(buffer, transfer_write, range);
-    buffer->file->modified = true;
+    buffer->file->modified = buffer->file->unsynced = true;
     queue_append(&cache->write_queue, buffer);
     count_pending(cache, cache->pending_writes, 1);
     return start(buffer);

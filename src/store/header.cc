@@ -54,13 +54,19 @@ void continue_counters(vfs_file *file, uint64_t disk_size)
         return;
     }
     if (header_check_fixed(old, disk_size) == -1) return;
-    file->tsn = image_get(old, header_tsn) + 1;
-    if (file->tsn < 0) file->tsn = 1;
+    const auto next = static_cast<int64_t>(static_cast<uint64_t>(image_get(old, header_tsn)) + 1);
+    file->tsn = next < 1 ? 1 : next;
     file->dsn = image_get(old, header_dsn) + 1;
     file->asn = image_get(old, header_asn) + 1;
 }
 
-void put_fixed_fields(vfs_file *file, const metadata_layout &layout)
+// What a file that is made anew keeps of the old one.
+struct block_sizes {
+    uint64_t data_block, per_extension;
+};
+constexpr block_sizes standard_blocks{data_block_bytes, blocks_per_extension};
+
+void put_fixed_fields(vfs_file *file, const metadata_layout &layout, const block_sizes &blocks)
 {
     static constexpr char tag[4] = {'v', 'f', 's', 0};
     uint32_t tag_word;
@@ -77,9 +83,11 @@ void put_fixed_fields(vfs_file *file, const metadata_layout &layout)
     header_put(file, header_key_table_end, layout.key_table_end);
     header_put(file, header_allocation_point, layout.key_table_end);
     header_put(file, header_allocation_limit, size - trailer_bytes);
-    header_put(file, header_data_block_size, data_block_bytes);
+    header_put(file, header_data_start, size);
+    header_put(file, header_end_of_file, size);
+    header_put(file, header_data_block_size, blocks.data_block);
     header_put(file, header_index_block_size, index_block_bytes);
-    header_put(file, header_blocks_per_extension, blocks_per_extension);
+    header_put(file, header_blocks_per_extension, blocks.per_extension);
     header_put(file, header_block, static_cast<uint64_t>(file->block.block_size));
     header_put(file, header_maximum_slot, file->maximum_slot);
     header_put(file, header_minimum_slot, file->fixed_length() ? file->maximum_slot : slot_bytes(file->minimum_record));
@@ -149,20 +157,32 @@ int create_tree(vfs_file *file, uint64_t k)
     return 0;
 }
 
-// First the header, marked as unfinished; then the blocks; then the length; and last the header that says so.
+int header_write(vfs_file *file)
+{
+    return buffer_start_write(file->meta.hdrb) == -1 ? -1 : buffer_wait(file->meta.hdrb);
+}
+
+// Before anything else of the new file: a header that says it is unfinished. Over an old file it has to be on the disk
+// first, or the old header would vouch for blocks that are no longer its own. The boot word stays until close, so
+// that the first change need not sync again.
+int write_unfinished(vfs_file *file)
+{
+    header_put(file, header_state_word, state_unflushed);
+    header_put(file, header_boot_word, boot_word());
+    if (header_write(file) == -1) return -1;
+    return file->size_at_open != 0 ? file_sync(file) : 0;
+}
+
+// The blocks; then the length; and last the header that says that the file is whole.
 int write_new_file(vfs_file *file)
 {
-    vfs_buffer *header = file->meta.hdrb;
-    header_put(file, header_state_word, state_unflushed);
-    if (buffer_start_write(header) == -1 || buffer_wait(header) == -1) return -1;
     for (uint64_t k = 0; k < file->tree_count; ++k)
         if (file->contexts[k].open && cache_write_out(&file->contexts[k].cache, 0, none) == -1) return -1;
     if (cache_write_out(&file->meta, 0, none) == -1) return -1;
     if (is_regular(file) && file_truncate(file, file->end_of_file) == -1) return -1;
     file->allocated_size = file->end_of_file;
     header_put(file, header_state_word, state_clean);
-    if (buffer_start_write(header) == -1) return -1;
-    return buffer_wait(header);
+    return header_write(file);
 }
 
 void remember_seen(vfs_file *file)
@@ -185,7 +205,6 @@ int meta_cache_init(vfs_file *file)
 void reset_geometry(vfs_file *file)
 {
     file->maximum_slot = slot_bytes(file->maximum_record);
-    file->data_block_size = data_block_bytes;
     file->records = file->deleted = file->moved = 0;
     file->highest_rrn = none;
     file->physically_sequential = true;
@@ -204,15 +223,65 @@ int contexts_allocate(vfs_file *file)
 bool may_reinitialize(const vfs_file *file)
 {
     return file->trees() && !is_read_only(file) && file->records == 0 && file->deleted != 0 &&
-           file->lock_defaults.lock_mode == VFS_LOCK_FILE && file->file_lock_state == file_lock_write;
+           file->lock_defaults.lock_mode == VFS_LOCK_FILE && file->file_lock_state == file_lock_write &&
+           session_alone(file);
+}
+
+// The description that the file has, or has not, becomes the handle's: -1 when it cannot be kept as it is.
+int keep_description(vfs_file *file)
+{
+    const uint64_t at = header_get(file, header_key_description), table = header_get(file, header_key_table);
+    if (at == 0) {
+        file->setup_flags |= setup_default_keys;
+        return 0;
+    }
+    const auto *stored = reinterpret_cast<const vfs_key_desc *>(header_image(file).data() + at);
+    if (table < at + sizeof *stored || stored->total_size < static_cast<int64_t>(sizeof *stored) ||
+        static_cast<uint64_t>(stored->total_size) > table - at)
+        return fail(EINVAL);
+    return key_description_take(file, stored);
+}
+
+int create(vfs_file *file, const block_sizes &blocks)
+{
+    if (header_fits(file) == -1) return -1;
+    continue_counters(file, file->size_at_open);
+    reset_geometry(file);
+    file->data_block_size = blocks.data_block;
+    if (contexts_allocate(file) == -1) return -1;
+    const metadata_layout layout = layout_of(file);
+    cache_header_free(&file->meta);
+    if (cache_header_create(&file->meta, layout.size) == -1) return -1;
+    file->data.filesize = file->meta.filesize = 0;
+    file->modified = true;
+    file->end_of_file = file->data_start = layout.size;
+    put_fixed_fields(file, layout, blocks);
+    if (is_regular(file) && write_unfinished(file) == -1) return -1;
+    for (uint64_t k = 0; k < file->tree_count; ++k)
+        if (create_tree(file, k) == -1) return -1;
+
+    const uint64_t point = header_get(file, header_allocation_point);
+    const uint64_t unused = header_get(file, header_allocation_limit) - point;
+    header_put(file, header_unused_metadata, unused);
+    if (file->debug) std::fprintf(stderr, "%ld Unused bytes at offset 0x%lx\n", static_cast<long>(unused), point);
+    file->data_start = file->end_of_file;
+    header_put(file, header_data_start, file->data_start);
+    if (header_sync(file) == -1) return -1;
+    header_put(file, header_flags, file->access_mode == VFS_ACCESS_SEQUENTIAL ? header_flag_sequential : uint8_t{0});
+    if (write_new_file(file) == -1) return -1;
+    file->data.filesize = file->meta.filesize = file->end_of_file;
+    remember_seen(file);
+    return 0;
 }
 
 int reinitialize(vfs_file *file)
 {
+    const block_sizes blocks{header_get(file, header_data_block_size), header_get(file, header_blocks_per_extension)};
+    if (keep_description(file) == -1) return 0; // as it is the file can be served as well
     std::fprintf(stderr, "Re-initializing file(%s) for faster access!\n", file->path);
     contexts_close(file);
     cache_discard(&file->meta);
-    if (header_create(file) == -1) return -1;
+    if (create(file, blocks) == -1) return -1;
     contexts_close(file);
     return header_read(file);
 }
@@ -229,32 +298,7 @@ int header_fits(const vfs_file *file)
 
 int header_create(vfs_file *file)
 {
-    if (header_fits(file) == -1) return -1;
-    continue_counters(file, file->size_at_open);
-    reset_geometry(file);
-    if (contexts_allocate(file) == -1) return -1;
-    const metadata_layout layout = layout_of(file);
-    cache_header_free(&file->meta);
-    if (cache_header_create(&file->meta, layout.size) == -1) return -1;
-    file->data.filesize = file->meta.filesize = 0;
-    file->modified = true;
-    file->end_of_file = file->data_start = layout.size;
-    put_fixed_fields(file, layout);
-    for (uint64_t k = 0; k < file->tree_count; ++k)
-        if (create_tree(file, k) == -1) return -1;
-
-    const uint64_t point = header_get(file, header_allocation_point);
-    const uint64_t unused = header_get(file, header_allocation_limit) - point;
-    header_put(file, header_unused_metadata, unused);
-    if (file->debug) std::fprintf(stderr, "%ld Unused bytes at offset 0x%lx\n", static_cast<long>(unused), point);
-    file->data_start = file->end_of_file;
-    header_put(file, header_data_start, file->data_start);
-    if (header_sync(file) == -1) return -1;
-    header_put(file, header_flags, file->access_mode == VFS_ACCESS_SEQUENTIAL ? header_flag_sequential : uint8_t{0});
-    if (write_new_file(file) == -1) return -1;
-    file->data.filesize = file->meta.filesize = file->end_of_file;
-    remember_seen(file);
-    return 0;
+    return create(file, standard_blocks);
 }
 
 int header_read(vfs_file *file)
@@ -342,6 +386,6 @@ int header_open(vfs_file *file)
         if (header_read(file) == -1) return -1;
         if (may_reinitialize(file) && reinitialize(file) == -1) return -1;
     }
-    if (!is_read_only(file) && file->trees() && file->tsn < 0 && tsn_renumber(file) == -1) return -1;
+    if (!is_read_only(file) && file->trees() && file->tsn < 0) return session_renumber(file);
     return 0;
 }

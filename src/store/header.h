@@ -17,6 +17,10 @@ void header_load(vfs_file *file);              // the handle's counters and geom
 [[nodiscard]] int header_check_keys(const vfs_file *file);
 // A key description of `bytes` bytes: entries and part lists inside, lengths consistent. EINVAL.
 [[nodiscard]] int key_description_check(const vfs_key_desc *keys, uint64_t bytes);
+// What stands for the description when neither host nor file has one: one key, of 8 bytes.
+[[nodiscard]] const vfs_key_desc *default_key_description();
+// The handle's description becomes a copy of one in the header image; its length has been checked.
+[[nodiscard]] int key_description_take(vfs_file *file, const vfs_key_desc *stored);
 // Takes the file's stored description, or compares the host's with it. EINVAL when they differ.
 [[nodiscard]] int key_description_settle(vfs_file *file);
 
@@ -37,11 +41,20 @@ inline bool metadata_bracket(const vfs_file *file)
 [[nodiscard]] int metadata_refresh(vfs_file *file);
 // Writes everything that is dirty into the file, the header last; no sync.
 [[nodiscard]] int changes_write_out(vfs_file *file);
+// Drops everything that is cached without writing it. The header image is as it was changed, but no longer dirty:
+// refresh it before it is used.
+void changes_drop(vfs_file *file);
 
 // ---- The session's mark in the file (state word and boot word) ----
 
 // Is the file as some session left it without closing? 0 clean; -1 with ENOEXEC after the line that says so.
 [[nodiscard]] int session_check(vfs_file *file);
+// No other handle of the file in this process, and its words say that nothing is under way.
+[[nodiscard]] bool session_alone(const vfs_file *file);
+// Another process, or another handle of this one, holds a lock on the file.
+[[nodiscard]] bool another_holds_locks(vfs_file *file);
+// What stands for this boot of the system in the header; never 0.
+[[nodiscard]] uint64_t boot_word();
 // Before the first change of an operation: marks the session in the file when that is due.
 [[nodiscard]] int change_begin_slow(vfs_file *file);
 [[nodiscard]] inline int change_begin(vfs_file *file)
@@ -50,6 +63,17 @@ inline bool metadata_bracket(const vfs_file *file)
         return 0;
     return change_begin_slow(file);
 }
+// After an operation that changed the file has ended, its bracket released: with VFS_SYNC its changes are on the disk
+// then. The session may stay marked. Nothing without that setting.
+[[nodiscard]] int change_end_slow(vfs_file *file);
+[[nodiscard]] inline int change_end(vfs_file *file)
+{
+    return file->settings.sync_each_change ? change_end_slow(file) : 0;
+}
+// Renumbers all trees under the session's mark and writes them out. For open, under the locks of open.
+[[nodiscard]] int session_renumber(vfs_file *file);
+// The handle goes without having been closed: it no longer counts among those that marked the file.
+void session_abandon(vfs_file *file);
 // Everything changed so far into the file and onto the disk; the state word is cleared.
 [[nodiscard]] int session_flush(vfs_file *file);
 // Everything changed so far into the file without a sync, the file cut to its end, the state word cleared: what has

@@ -24,11 +24,6 @@ bool tree_entry_sound(const vfs_file *file, uint64_t k)
         get(key_entry_leaf_stamp_array) != g.leaf_stamp_array || get(key_entry_leaf_key_array) != g.leaf_key_array ||
         get(key_entry_branch_key_array) != g.branch_key_array)
         return false;
-    const uint64_t limit = header_get(file, header_allocation_limit);
-    for (const field<uint64_t> area : {key_entry_low_area, key_entry_high_area}) {
-        const uint64_t at = get(area);
-        if (at < key_entry_bytes || at > limit || entry + at + g.width > limit) return false;
-    }
     const auto is_block = [&](uint64_t address) {
         return address >= header_get(file, header_metadata_size) && address % metadata_unit == 0 &&
                address < file->end_of_file && file->end_of_file - address >= index_block_bytes;
@@ -40,6 +35,30 @@ bool tree_entry_sound(const vfs_file *file, uint64_t k)
     if (depth == 0 || depth > 64 || leaves == 0 || leaves > blocks || branches > blocks) return false;
     return get(key_entry_entries) <= leaves * g.leaf_capacity &&
            get(key_entry_branch_entries) <= branches * g.branch_capacity;
+}
+
+// The key value areas lie behind the key table in the order of their keys, low before high, none upon another.
+bool areas_sound(const vfs_file *file)
+{
+    const uint64_t limit = header_get(file, header_allocation_limit);
+    uint64_t from = header_get(file, header_key_table_end);
+    for (uint64_t k = 0; k < file->tree_count; ++k) {
+        const uint64_t entry = key_entry_at(file, k), width = key_entry_get(file, k, key_entry_leaf_width);
+        for (const field<uint64_t> area : {key_entry_low_area, key_entry_high_area}) {
+            const uint64_t relative = key_entry_get(file, k, area);
+            if (relative > limit || entry + relative < from || entry + relative + width > limit) return false;
+            from = entry + relative + width;
+        }
+    }
+    return true;
+}
+
+// Keys that the file has trees for.
+uint64_t stored_key_count(const vfs_file *file)
+{
+    const uint64_t at = header_get(file, header_key_description);
+    if (!file->indexed() || at == 0) return 1;
+    return static_cast<uint64_t>(reinterpret_cast<const vfs_key_desc *>(header_image(file).data() + at)->count);
 }
 
 bool same_key(const vfs_key_desc *a, const vfs_key_desc *b, uint64_t k)
@@ -107,7 +126,7 @@ int header_check_fixed(std::span<const std::byte> image, uint64_t size)
     if (physical != 1 && physical != 3) return fail(EINVAL);
     if (physical == 1 && image_get(image, header_logical_organization) == 3) return fail(EINVAL);
     if (physical == 3 && (table < header_variable_part || table % 8 != 0 || table_end > region - trailer_bytes ||
-                          table_end < table + key_entry_bytes))
+                          table > table_end || table_end - table < key_entry_bytes))
         return fail(EINVAL);
     const uint64_t slot = image_get(image, header_maximum_slot);
     if (slot < slot_overhead || slot % 8 != 0 || slot > static_cast<uint64_t>(INT64_MAX) / 2) return fail(EINVAL);
@@ -150,6 +169,30 @@ int key_description_check(const vfs_key_desc *keys, uint64_t bytes)
     return 0;
 }
 
+const vfs_key_desc *default_key_description()
+{
+    struct one_key {
+        vfs_key_desc head;
+        vfs_key_desc_entry key;
+        vfs_key_part part;
+    };
+    static_assert(sizeof(one_key) == 96);
+    static constexpr one_key standard{{96, 1, 0, 0, 0}, {8, 1, 72, 0, {}}, {0, 8, 0}};
+    return &standard.head;
+}
+
+int key_description_take(vfs_file *file, const vfs_key_desc *stored)
+{
+    const auto bytes = static_cast<size_t>(stored->total_size);
+    void *copy = std::aligned_alloc(16, round_up(bytes, 16));
+    if (copy == nullptr) return fail(ENOMEM);
+    std::memcpy(copy, stored, bytes);
+    std::free(file->keys);
+    file->keys = static_cast<vfs_key_desc *>(copy);
+    file->setup_flags = static_cast<uint8_t>(file->setup_flags & ~setup_default_keys);
+    return 0;
+}
+
 int key_description_settle(vfs_file *file)
 {
     if (!file->indexed()) {
@@ -157,22 +200,16 @@ int key_description_settle(vfs_file *file)
         file->primary_key = 0;
         return 0;
     }
-    const uint64_t at = header_get(file, header_key_description);
-    const auto *stored = reinterpret_cast<const vfs_key_desc *>(header_image(file).data() + at);
-    if (at != 0) {
-        const uint64_t room = header_get(file, header_key_table) - at;
-        if (header_get(file, header_key_table) < at || key_description_check(stored, room) == -1) return fail(EINVAL);
-        if ((file->setup_flags & setup_default_keys) != 0) {
-            const auto bytes = static_cast<size_t>(stored->total_size);
-            void *copy = std::aligned_alloc(16, round_up(bytes, 16));
-            if (copy == nullptr) return fail(ENOMEM);
-            std::memcpy(copy, stored, bytes);
-            std::free(file->keys);
-            file->keys = static_cast<vfs_key_desc *>(copy);
-            file->setup_flags = static_cast<uint8_t>(file->setup_flags & ~setup_default_keys);
-        } else if (descriptions_compare(file, stored) == -1) {
-            return -1;
-        }
+    const uint64_t at = header_get(file, header_key_description), table = header_get(file, header_key_table);
+    const auto *stored =
+        at != 0 ? reinterpret_cast<const vfs_key_desc *>(header_image(file).data() + at) : default_key_description();
+    if (at != 0 && (table < at || key_description_check(stored, table - at) == -1)) return fail(EINVAL);
+    if ((file->setup_flags & setup_default_keys) == 0) {
+        // Open has checked it only if the host took the file for an indexed one.
+        if (key_description_check(file->keys, static_cast<uint64_t>(file->keys->total_size)) == -1) return -1;
+        if (descriptions_compare(file, stored) == -1) return -1;
+    } else if (at != 0 && key_description_take(file, stored) == -1) {
+        return -1;
     }
     file->key_count = static_cast<uint64_t>(file->keys->count);
     file->primary_key = static_cast<uint64_t>(file->keys->primary_key);
@@ -183,10 +220,11 @@ int header_check_keys(const vfs_file *file)
 {
     if (file->tree_count == 0) return 0;
     const uint64_t table = header_get(file, header_key_table), end = header_get(file, header_key_table_end);
-    if ((end - table) / key_entry_bytes < file->tree_count) return fail(EINVAL);
+    const uint64_t entries = (end - table) / key_entry_bytes;
+    if (entries != stored_key_count(file) || entries < file->tree_count) return fail(EINVAL);
     for (uint64_t k = 0; k < file->tree_count; ++k)
         if (!tree_entry_sound(file, k)) return fail(EINVAL);
-    return 0;
+    return areas_sound(file) ? 0 : fail(EINVAL);
 }
 
 int damaged()

@@ -64,6 +64,9 @@ int index_block_alloc(vfs_file *file, vfs_cache *target, uint64_t *address)
 {
     if (header_get(file, header_free_index_list) == 0 && extend(file) == -1) return -1;
     const uint64_t head = header_get(file, header_free_index_list);
+    // The count bounds how often a list that leads back into itself is gone through.
+    const uint64_t left = header_get(file, header_free_index_blocks);
+    if (left == 0 || left > file->end_of_file / index_block_bytes) return damaged();
     if (address_check(file, head, index_block_bytes) == -1 || head % metadata_unit != 0) return damaged();
     const vfs_buffer *found = cache_fetch_at(&file->meta, head);
     if (found == nullptr) return -1;
@@ -78,8 +81,7 @@ int index_block_alloc(vfs_file *file, vfs_cache *target, uint64_t *address)
     std::memset(image.data(), 0, node_head_bytes);
     frame_block(image, head);
     header_put(file, header_free_index_list, next);
-    const uint64_t left = header_get(file, header_free_index_blocks);
-    header_put(file, header_free_index_blocks, left == 0 ? 0 : left - 1);
+    header_put(file, header_free_index_blocks, left - 1);
     *address = head;
     return 0;
 }

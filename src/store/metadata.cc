@@ -2,6 +2,7 @@
 #include "io/file_calls.h"
 #include "lock/lock.h"
 #include "store/header.h"
+#include "store/movement.h"
 #include "store/tree.h"
 #include "util/errors.h"
 
@@ -40,17 +41,38 @@ uint64_t identity_of(const vfs_file *file)
 
 void sequence_key_reload(vfs_file *file)
 {
-    file->sequence_key_known = file->indexed() && file->records != 0;
+    file->sequence_key_known = file->indexed() && file->records != 0 && file->sequence_key != nullptr;
     if (!file->sequence_key_known) return;
     std::memcpy(file->sequence_key, high_key(file, file->primary_key),
                 key_entry_get(file, file->primary_key, key_entry_leaf_width));
 }
 
+// Where record numbers were met may be anywhere now; the distance between the remembered ones stays.
+void checkpoints_forget(vfs_file *file)
+{
+    if (file->checkpoints != nullptr) std::memset(file->checkpoints + 8, 0, checkpoint_bytes - 8);
+}
+
+int store_damaged(vfs_file *file)
+{
+    store_error(file, ENOEXEC);
+    return damaged();
+}
+
 } // namespace
+
+void changes_drop(vfs_file *file)
+{
+    contexts_discard(file);
+    if (file->data.count != 0) cache_discard(&file->data);
+    if (file->meta.count != 0) cache_discard(&file->meta);
+    if (file->meta.hdrb != nullptr) dirty_remove(file->meta.hdrb);
+}
 
 int metadata_refresh(vfs_file *file)
 {
-    if (is_dirty(file->meta.hdrb)) return 0;
+    // Whoever gave the lock away had published or dropped its changes.
+    if (is_dirty(file->meta.hdrb)) return store_damaged(file);
     const uint64_t before = identity_of(file);
     const int64_t tsn = file->tsn;
     const uint64_t dsn = file->dsn, asn = file->asn, end = file->end_of_file;
@@ -59,15 +81,17 @@ int metadata_refresh(vfs_file *file)
         store_error(file, ESTALE);
         return fail(ESTALE);
     }
+    // An unlocked handle looks while another may be writing: to it a marked session is no damage.
+    const bool locked = file->lock_defaults.lock_mode >= VFS_LOCK_FILE;
+    if (header_check_fixed(header_image(file), header_image(file).size()) == -1 ||
+        (locked && session_check(file) == -1))
+        return store_damaged(file);
     header_load(file);
     file->seen_tsn = file->tsn;
     file->seen_dsn = file->dsn;
     file->seen_asn = file->asn;
     file->seen_end = file->end_of_file;
-    if (file->end_of_file < file->data_start || header_check_keys(file) == -1) {
-        store_error(file, ENOEXEC);
-        return damaged();
-    }
+    if (header_check_keys(file) == -1) return store_damaged(file);
     const bool trees_changed = tsn != file->tsn;
     const bool data_changed = dsn != file->dsn || asn != file->asn || end != file->end_of_file;
     if (trees_changed) contexts_discard(file);
@@ -75,7 +99,10 @@ int metadata_refresh(vfs_file *file)
         cache_discard(&file->meta);
         sequence_key_reload(file);
     }
-    if (data_changed) cache_discard(&file->data);
+    if (data_changed) {
+        cache_discard(&file->data);
+        checkpoints_forget(file);
+    }
     return 0;
 }
 
@@ -103,7 +130,8 @@ int metadata_release(vfs_file *file)
     if (file->acquired_for_change && !is_read_only(file))
         result = is_shared(file) ? changes_write_out(file) : session_publish(file);
     const int cause = errno;
-    if (lock_clr(bracket_lock(file, file->acquired_for_change)) == -1) return -1;
+    if (result == -1) changes_drop(file); // none of it may reach the file once the lock is given away
+    if (lock_clr(bracket_lock(file, file->acquired_for_change)) == -1 && result == 0) return -1;
     return result == 0 ? 0 : fail(cause);
 }
 

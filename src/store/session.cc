@@ -49,12 +49,6 @@ uint64_t read_boot_word()
     return word == 0 ? 1 : word;
 }
 
-uint64_t boot_word()
-{
-    static const uint64_t word = read_boot_word();
-    return word;
-}
-
 // An item that is more than a hole or padding begins at `at`: something was appended that the header does not know.
 bool frame_at(vfs_file *file, uint64_t at, uint64_t size)
 {
@@ -68,16 +62,9 @@ bool frame_at(vfs_file *file, uint64_t at, uint64_t size)
     return load_u64(trailer) == length;
 }
 
-bool another_holds_locks(vfs_file *file)
-{
-    struct flock probe = {};
-    probe.l_type = F_WRLCK;
-    probe.l_whence = SEEK_SET;
-    return lock_test(file, &probe, lock_file) == 0 && probe.l_type != F_UNLCK;
-}
-
 bool is_unclean(vfs_file *file)
 {
+    if (!is_regular(file)) return false;
     const uint64_t state = header_get(file, header_state_word), boot = header_get(file, header_boot_word);
     if (boot != 0 && boot != boot_word()) return true;
     if (state != state_clean) return true;
@@ -87,27 +74,34 @@ bool is_unclean(vfs_file *file)
     return boot == 0 && frame_at(file, end, static_cast<uint64_t>(size));
 }
 
-int write_words(vfs_file *file)
-{
-    const std::byte *image = header_image(file).data();
-    if ((file->mode_flags & mode_direct) != 0) return file_write_at(file, image, metadata_unit, 0);
-    return file_write_at(file, image + header_state_word.offset, 16, header_state_word.offset);
-}
-
-// Puts the words into image and file; the rest of the image keeps its own state (dirty or not).
+// Puts the words into image and file; the rest of the image keeps its own state (dirty or not). They do not count as
+// bytes to be synced: whoever needs them on the disk syncs at once.
 int set_words(vfs_file *file, uint64_t state, uint64_t boot)
 {
-    if (header_get(file, header_state_word) == state && header_get(file, header_boot_word) == boot) return 0;
+    const uint64_t old_state = header_get(file, header_state_word), old_boot = header_get(file, header_boot_word);
+    if (!is_regular(file) || (old_state == state && old_boot == boot)) return 0;
     vfs_buffer *header = file->meta.hdrb;
-    const bool was_dirty = is_dirty(header);
+    const bool was_dirty = is_dirty(header), was_unsynced = file->unsynced;
     header_put(file, header_state_word, state);
     header_put(file, header_boot_word, boot);
-    if (write_words(file) == -1) return -1;
-    if (!was_dirty) {
-        dirty_remove(header);
-        header->changed_from = header->changed_to = 0;
+    constexpr uint64_t at = header_state_word.offset;
+    const int result = file_write_at(file, header_image(file).data() + at, 2 * sizeof state, at);
+    const int cause = errno;
+    if (result == -1) { // the image says what the file says
+        header_put(file, header_state_word, old_state);
+        header_put(file, header_boot_word, old_boot);
     }
-    return 0;
+    if (!was_dirty) dirty_remove(header);
+    file->unsynced = was_unsynced;
+    return result == 0 ? 0 : fail(cause);
+}
+
+// A sync that fails is not repeated, so that its failure is remembered.
+int sync_or_store(vfs_file *file)
+{
+    if (file_sync(file) == 0) return 0;
+    store_error(file, errno);
+    return -1;
 }
 
 void mark_session(vfs_file *file, bool marked)
@@ -124,7 +118,7 @@ void mark_session(vfs_file *file, bool marked)
 // A second unlocked writer would be overwritten by our header: whoever finds one stops writing.
 int second_writer_check(vfs_file *file)
 {
-    if (!unlocked(file)) return 0;
+    if (!unlocked(file) || !is_regular(file)) return 0;
     alignas(16) std::byte now[header_variable_part];
     if (file_read_at(file, now, sizeof now, 0) != static_cast<int64_t>(sizeof now)) return fail(EIO);
     const std::span<const std::byte> image(now);
@@ -149,7 +143,9 @@ int cut_to_end(vfs_file *file)
     const int64_t size = file_size_now(file);
     if (size == -1) return -1;
     if (static_cast<uint64_t>(size) <= file->end_of_file) return 0;
-    return file_truncate(file, file->end_of_file);
+    if (file_truncate(file, file->end_of_file) == -1) return -1;
+    if (!is_shared(file)) file->allocated_size = file->end_of_file;
+    return 0;
 }
 
 bool anything_dirty(const vfs_file *file)
@@ -161,6 +157,28 @@ bool anything_dirty(const vfs_file *file)
 }
 
 } // namespace
+
+uint64_t boot_word()
+{
+    static const uint64_t word = read_boot_word();
+    return word;
+}
+
+bool another_holds_locks(vfs_file *file)
+{
+    struct flock probe = {};
+    probe.l_type = F_WRLCK;
+    probe.l_whence = SEEK_SET;
+    return lock_test(file, &probe, lock_file) == 0 && probe.l_type != F_UNLCK;
+}
+
+bool session_alone(const vfs_file *file)
+{
+    const uint64_t boot = header_get(file, header_boot_word);
+    return __atomic_load_n(&file->shared->handles, __ATOMIC_RELAXED) == 1 &&
+           __atomic_load_n(&file->shared->unflushed_handles, __ATOMIC_RELAXED) == 0 &&
+           header_get(file, header_state_word) == state_clean && (boot == 0 || boot == boot_word());
+}
 
 int session_check(vfs_file *file)
 {
@@ -176,13 +194,15 @@ int change_begin_slow(vfs_file *file)
 {
     if (is_shared(file)) {
         if (header_get(file, header_boot_word) == boot_word()) return 0;
+        file->modified = true; // close takes the word back, whatever becomes of the operation
         if (set_words(file, header_get(file, header_state_word), boot_word()) == -1) return -1;
-        return file_sync(file);
+        return sync_or_store(file);
     }
     if (second_writer_check(file) == -1) return -1;
     const bool first = header_get(file, header_boot_word) != boot_word();
+    file->modified = true;
     if (set_words(file, state_unflushed, boot_word()) == -1) return -1;
-    if (first && file_sync(file) == -1) return -1;
+    if (first && sync_or_store(file) == -1) return -1;
     if (exclusive(file) && !file->session_booted) {
         if (cut_to_end(file) == -1) return -1;
         const int64_t size = file_size_now(file);
@@ -214,14 +234,40 @@ int changes_write_out(vfs_file *file)
 int session_flush(vfs_file *file)
 {
     if (is_read_only(file) || file->meta.hdrb == nullptr) return 0;
-    if (is_shared(file)) return file->modified ? file_sync(file) : 0;
-    if (!file->session_marked && !anything_dirty(file)) return 0;
+    if (is_shared(file) || (!file->session_marked && !anything_dirty(file)))
+        return file->unsynced ? sync_or_store(file) : 0;
     if (second_writer_check(file) == -1) return -1;
-    if (changes_write_out(file) == -1 || file_sync(file) == -1) return -1;
+    if (changes_write_out(file) == -1 || sync_or_store(file) == -1) return -1;
     if (file->error != 0) return fail(static_cast<int>(file->error));
     if (set_words(file, state_clean, header_get(file, header_boot_word)) == -1) return -1;
     mark_session(file, false);
     return 0;
+}
+
+int change_end_slow(vfs_file *file)
+{
+    if (is_read_only(file) || file->meta.hdrb == nullptr) return 0;
+    if (!is_shared(file) && anything_dirty(file)) {
+        if (second_writer_check(file) == -1 || changes_write_out(file) == -1) return -1;
+    }
+    return file->unsynced ? sync_or_store(file) : 0;
+}
+
+int session_renumber(vfs_file *file)
+{
+    if (change_begin(file) == -1) return -1;
+    // Sharers say for once that the file is in pieces: whoever dies in the middle leaves trees half renumbered.
+    if (is_shared(file) && set_words(file, state_unflushed, boot_word()) == -1) return -1;
+    if (tsn_renumber(file) == -1 || changes_write_out(file) == -1) return -1;
+    if (file->error != 0) return fail(static_cast<int>(file->error));
+    if (set_words(file, state_clean, boot_word()) == -1) return -1;
+    mark_session(file, false);
+    return 0;
+}
+
+void session_abandon(vfs_file *file)
+{
+    mark_session(file, false);
 }
 
 int session_publish(vfs_file *file)
@@ -248,7 +294,8 @@ int session_close(vfs_file *file)
         if (lock_set(target) == -1) return 0;
         if (metadata_refresh(file) == -1) return -1;
     }
-    if (file->error == ESTALE || second_writer_check(file) == -1) return fail(ESTALE);
+    if (file->error == ESTALE) return fail(ESTALE);
+    if (second_writer_check(file) == -1) return -1;
     if (is_shared(file)) {
         if (metadata_acquire(file, true) == -1) return -1;
         int result = cut_to_end(file);

@@ -19,6 +19,7 @@ struct vfs_lock_table; // lock/lock_table.h
 // What all handles of one file in this process share; the registry entry (file/registry.h) begins with it.
 struct shared_file_state {
     vfs_lock_table *lock_table; // owned: created by the lock room on first use, freed with the registry entry
+    uint32_t handles;           // open handles of the file in this process (registry mutex)
     uint32_t unflushed_handles; // handles that set the header's state word and have not cleared it (registry mutex)
 };
 
@@ -71,6 +72,7 @@ struct file_state {
     bool unbuffered_stream;
     bool physically_sequential;      // records lie in ascending key order
     bool modified;                   // a byte of the file was changed through this handle
+    bool unsynced;                   // bytes written through this handle may not be on the disk yet
     bool preallocates;               // new blocks may be allocated ahead of need
     uint32_t access_mode;            // VFS_ACCESS_...
     uint32_t physical_organization;  // 1 flat, 3 trees (as the header says, once it is read)
