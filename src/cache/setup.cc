@@ -32,6 +32,7 @@ void settle_engine(vfs_cache *cache)
     cache->engine &= static_cast<uint8_t>(~engine_direct);
     if ((cache->file->mode_flags & mode_direct) != 0) cache->engine |= engine_direct;
     if ((cache->file->mode_flags & mode_mapped) != 0) cache->engine |= engine_mmap;
+    cache->mmap_base = cache->file->map_base;
     if (!starts_asynchronously(cache)) cache->mode |= cache_synchronous;
 }
 

@@ -134,14 +134,20 @@ int file_truncate(file_state *file, uint64_t size)
     return retry_call(&ignored_retries, [&] { return ftruncate(file->fd, static_cast<off_t>(size)); });
 }
 
+int file_sync_written(file_state *file)
+{
+    if (fdatasync(file->fd) == -1 && !sync_not_offered(errno)) return -1;
+    file->positioned_writes = false;
+    return 0;
+}
+
 int file_sync(file_state *file)
 {
     // A failed sync is not repeated: the kernel may have dropped the pages that it could not write.
-    if (file->map_base != nullptr && msync(file->map_base, file->map_length, MS_SYNC) == -1 && errno != ENOMEM)
+    if (file->map_base != nullptr && msync(file->map_base, file->map_length, MS_SYNC) == -1 && errno != ENOMEM &&
+        !sync_not_offered(errno))
         return -1;
-    if (file->map_base == nullptr || file->positioned_writes) {
-        if (fdatasync(file->fd) == -1 && !sync_not_offered(errno)) return -1;
-    }
-    file->positioned_writes = file->unsynced = false;
+    if ((file->map_base == nullptr || file->positioned_writes) && file_sync_written(file) == -1) return -1;
+    file->unsynced = false;
     return 0;
 }

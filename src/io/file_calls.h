@@ -15,5 +15,7 @@
 [[nodiscard]] int file_truncate(file_state *file, uint64_t size);
 // fdatasync, and msync of the mapping; `unsynced` is then false. A file system that has no sync (EINVAL, ENOSYS, ENOTSUP, EROFS) is no error.
 [[nodiscard]] int file_sync(file_state *file);
+// The same for what was written by file_write_at, without a look at the mapping.
+[[nodiscard]] int file_sync_written(file_state *file);
 
 #endif

@@ -6,6 +6,9 @@
 
 namespace {
 
+// No number of changes comes near it; counting on from there would end below zero.
+constexpr int64_t sequence_maximum = INT64_MAX / 2;
+
 bool is_power_of_two(uint64_t value)
 {
     return value != 0 && (value & (value - 1)) == 0;
@@ -32,6 +35,7 @@ bool tree_entry_sound(const vfs_file *file, uint64_t k)
         return false;
     const uint64_t blocks = file->end_of_file / index_block_bytes;
     const uint64_t depth = get(key_entry_depth), leaves = get(key_entry_leaves), branches = get(key_entry_branches);
+    if (key_entry_get(file, k, key_entry_tsn) > sequence_maximum) return false;
     if (depth == 0 || depth > 64 || leaves == 0 || leaves > blocks || branches > blocks) return false;
     return get(key_entry_entries) <= leaves * g.leaf_capacity &&
            get(key_entry_branch_entries) <= branches * g.branch_capacity;
@@ -105,6 +109,8 @@ int header_check_fixed(std::span<const std::byte> image, uint64_t size)
     if (std::memcmp(&found, tag, 3) != 0) return fail(EINVAL);
     if (image_get(image, header_byte_order) != byte_order_mark) return fail(EINVAL);
     if (image_get(image, header_format_stamp) != format_stamp) return fail(EINVAL);
+
+    if (image_get(image, header_tsn) > sequence_maximum) return fail(EINVAL);
 
     const uint64_t region = image_get(image, header_metadata_size);
     if (region < metadata_unit || region > metadata_maximum || region % metadata_unit != 0 || region > size)

@@ -97,11 +97,15 @@ int set_words(vfs_file *file, uint64_t state, uint64_t boot)
 }
 
 // A sync that fails is not repeated, so that its failure is remembered.
+int keep_failure(vfs_file *file, int result)
+{
+    if (result == -1) store_error(file, errno);
+    return result;
+}
+
 int sync_or_store(vfs_file *file)
 {
-    if (file_sync(file) == 0) return 0;
-    store_error(file, errno);
-    return -1;
+    return keep_failure(file, file_sync(file));
 }
 
 void mark_session(vfs_file *file, bool marked)
@@ -196,13 +200,13 @@ int change_begin_slow(vfs_file *file)
         if (header_get(file, header_boot_word) == boot_word()) return 0;
         file->modified = true; // close takes the word back, whatever becomes of the operation
         if (set_words(file, header_get(file, header_state_word), boot_word()) == -1) return -1;
-        return sync_or_store(file);
+        return keep_failure(file, file_sync_written(file));
     }
     if (second_writer_check(file) == -1) return -1;
     const bool first = header_get(file, header_boot_word) != boot_word();
     file->modified = true;
     if (set_words(file, state_unflushed, boot_word()) == -1) return -1;
-    if (first && sync_or_store(file) == -1) return -1;
+    if (first && keep_failure(file, file_sync_written(file)) == -1) return -1;
     if (exclusive(file) && !file->session_booted) {
         if (cut_to_end(file) == -1) return -1;
         const int64_t size = file_size_now(file);
