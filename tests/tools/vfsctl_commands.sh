@@ -104,6 +104,21 @@ check "load fixed" 0 "3" sh -c "'$vfsctl' load x --fixed 4 bytes --key 0:2 >/dev
 check "fixed records come back in key order" 0 "aa11bb22cc33" "$vfsctl" scan x --raw
 check "a record of another length is refused" 2 "" "$vfsctl" put x dd445
 
+# ---- interruption
+# The command is stopped while it waits for its input, or else with all of it read and none of it stored.
+printf 'aa11\n' >lines
+check "a file to be interrupted in" 0 "" sh -c "'$vfsctl' load i --lines lines --key 0:2 >/dev/null"
+mkfifo pipe
+"$vfsctl" load i --lines pipe >load.out 2>stderr &
+loading=$!
+exec 3>pipe
+printf 'bb22\n' >&3
+kill -TERM "$loading"
+exec 3>&-
+wait "$loading"
+check "an interrupted load says so" 130 "" sh -c "exit $?"
+check "and has closed the file in order" 0 "aa11" "$vfsctl" scan i
+
 # ---- what is no file of ours
 printf 'this is a text, not a data file, whatever its name says; it is long enough to have a header%s\n' "$newline" >text
 check "a foreign file is refused" 2 "" "$vfsctl" scan text

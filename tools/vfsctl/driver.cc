@@ -119,6 +119,7 @@ std::string record_file::error_text(int error) const
 
 void record_file::fail(const char *what, int error) const
 {
+    if (error == EINTR) throw interruption(fmt::format("{}: {}: interrupted", path_, what));
     throw tool_error(failure_message(path_, what, error, error_text(error)));
 }
 

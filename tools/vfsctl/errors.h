@@ -20,6 +20,12 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// The user stopped the command; what was open has been closed in order.
+class interruption : public tool_error {
+public:
+    using tool_error::tool_error;
+};
+
 // What an operator can do about an error number of the driver; empty when there is nothing to add.
 std::string hint_for(int error);
 

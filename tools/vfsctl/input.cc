@@ -24,6 +24,7 @@ std::string whole_file(const std::string &path)
     std::string text;
     char piece[1 << 16];
     for (size_t count; (count = std::fread(piece, 1, sizeof piece, file.get())) > 0;) text.append(piece, count);
+    if (std::ferror(file.get()) != 0 && errno == EINTR) throw interruption(fmt::format("{}: interrupted", path));
     if (std::ferror(file.get()) != 0)
         throw tool_error(failure_message(path, "cannot be read", errno, std::strerror(errno)));
     return text;

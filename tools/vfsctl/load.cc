@@ -116,24 +116,32 @@ std::string text_of(const input_set &input, const input_record &record)
     return input.columns ? csv_text(fields_of_record(*input.columns, record.bytes)) : record.bytes;
 }
 
-// Writes all records; those that the driver refuses go to input.refused. Returns the number stored.
-uint64_t write_records(record_file &file, input_set &input)
+struct load_result {
+    uint64_t stored = 0;
+    bool stopped = false; // by the user, before the last record
+};
+
+// Writes all records; those that the driver refuses go to input.refused.
+load_result write_records(record_file &file, input_set &input)
 {
     progress bar{"loading", input.records.size()};
-    uint64_t stored = 0;
+    load_result result;
     try {
         for (const input_record &record : input.records) {
-            if (interrupted()) break;
+            result.stopped = interrupted();
+            if (result.stopped) break;
             if (file.write(record.bytes) == outcome::done)
-                ++stored;
+                ++result.stored;
             else
                 input.refused.push_back({record.source, record.line, reason_for(file), text_of(input, record)});
             bar.step();
         }
+    } catch (const interruption &stop) {
+        throw interruption(fmt::format("{}\n  {} records were stored before that", stop.what(), result.stored));
     } catch (const tool_error &error) {
-        throw tool_error(fmt::format("{}\n  {} records were stored before that", error.what(), stored));
+        throw tool_error(fmt::format("{}\n  {} records were stored before that", error.what(), result.stored));
     }
-    return stored;
+    return result;
 }
 
 void report_refused(const load_options &options, const input_set &input)
@@ -171,17 +179,17 @@ int load(const load_options &options)
 
     const auto started = std::chrono::steady_clock::now();
     record_file file = open_target(options, target, sequential);
-    const uint64_t stored = write_records(file, input);
+    const load_result result = write_records(file, input);
     file.close();
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - started;
 
     if (input.columns) fmt::print("layout: {}\n", input.columns->text());
     fmt::print("{}: {} records loaded in {:.2f} s ({:.0f} a second, {} access), {} rows refused\n", options.file,
-               stored, took.count(), static_cast<double>(stored) / std::max(took.count(), 1e-6),
+               result.stored, took.count(), static_cast<double>(result.stored) / std::max(took.count(), 1e-6),
                sequential ? "sequential" : "dynamic", input.refused.size());
     if (!input.refused.empty() || !options.rejects.empty()) report_refused(options, input);
-    if (interrupted())
-        throw tool_error(fmt::format("{}: interrupted; the file holds the records so far", options.file));
+    if (result.stopped)
+        throw interruption(fmt::format("{}: interrupted; the file holds the records so far", options.file));
     return input.refused.empty() ? exit_good : exit_refused_rows;
 }
 

@@ -62,6 +62,10 @@ int main(int argc, char **argv)
         const int status = run(argc, argv);
         if (std::fflush(stdout) != 0) throw tool_error("standard output cannot be written");
         return status;
+    } catch (const interruption &stopped) {
+        std::fflush(stdout);
+        fmt::print(stderr, "vfsctl: {}\n", stopped.what());
+        return exit_interrupted;
     } catch (const std::exception &error) {
         std::fflush(stdout);
         fmt::print(stderr, "vfsctl: {}\n", error.what());
