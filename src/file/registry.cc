@@ -95,7 +95,7 @@ vfs_registry_entry *entry_create(const file_state *file, const char *key_name, c
     auto *entry = static_cast<vfs_registry_entry *>(std::calloc(1, sizeof(vfs_registry_entry) + length + 1));
     if (entry == nullptr) return nullptr;
     entry->key_name = reinterpret_cast<char *>(entry + 1);
-    std::memcpy(entry->key_name, key_name, length);
+    std::memcpy(entry->key_name, key_name, length + 1);
     entry->name_length = length;
     entry->name = file->path;
     entry->device = status.st_dev;
