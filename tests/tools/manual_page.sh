@@ -1,0 +1,33 @@
+#!/bin/sh
+# The synopsis of vfsctl.1 has the commands and options that vfsctl lists. Usage: manual_page.sh PAGE VFSCTL
+set -u
+page=$1
+vfsctl=$2
+failed=0
+
+# The long options of a command: as the program lists them, and as the synopsis shows them.
+listed() {
+    "$vfsctl" "$1" --help | sed -n '/^Options:/,/^$/s/^  --\([a-z]*\).*/\1/p' | sort -u | xargs
+}
+shown() {
+    sed -n '/^\.Sh SYNOPSIS/,/^\.Sh DESCRIPTION/p' "$page" |
+        awk -v command=".Cm $1" '/^\.Nm/ { in_it = 0 } $0 == command { in_it = 1 } in_it' |
+        grep -o ' -[a-z]*' | sed 's/^ -//' | sort -u | xargs
+}
+
+commands=$("$vfsctl" --help | sed -n '/^Subcommands/,/^$/s/^  \([a-z]*\) .*/\1/p' | sort)
+[ "$(echo "$commands" | wc -l)" -ge 7 ] || {
+    echo "manual_page: vfsctl lists only these commands: $commands"
+    exit 1
+}
+if [ "$commands" != "$(sed -n '/^\.Sh SYNOPSIS/,/^\.Sh DESCRIPTION/s/^\.Cm \([a-z]*\)$/\1/p' "$page" | sort)" ]; then
+    printf 'manual_page: the synopsis does not have the commands\n%s\n' "$commands"
+    failed=1
+fi
+for command in $commands; do
+    if [ "$(listed "$command")" != "$(shown "$command")" ]; then
+        printf 'manual_page: %s lists: %s; the synopsis shows: %s\n' "$command" "$(listed "$command")" "$(shown "$command")"
+        failed=1
+    fi
+done
+exit "$failed"
