@@ -1,3 +1,4 @@
+// See small_operations.h.
 #include "file/small_operations.h"
 
 #include "lock/lock.h"

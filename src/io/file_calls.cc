@@ -1,3 +1,4 @@
+// See file_calls.h.
 #include "io/file_calls.h"
 
 #include "util/errors.h"

@@ -1,3 +1,4 @@
+// Key values cut from records, and the index work of one key. See keys.h.
 #include "record/keys.h"
 
 #include "util/errors.h"

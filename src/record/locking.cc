@@ -1,3 +1,4 @@
+// Which lock an operation takes on its record, and when it is given back. See locking.h.
 #include "record/locking.h"
 
 #include "util/errors.h"

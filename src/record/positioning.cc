@@ -1,3 +1,4 @@
+// See positioning.h. Finding nothing is success with the at-end flag, but where a record is wanted.
 #include "record/positioning.h"
 
 #include "util/errors.h"

@@ -1,3 +1,4 @@
+// See read_beside.h. Whatever is not as usual is left to read.cc.
 #include "record/read_beside.h"
 
 #include "store/node.h"

@@ -1,3 +1,4 @@
+// How every operation begins and what it leaves behind. See request.h.
 #include "record/request.h"
 
 #include "util/errors.h"

@@ -1,3 +1,4 @@
+// See process.h.
 #include "util/process.h"
 
 #include "util/errors.h"
