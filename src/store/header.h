@@ -37,10 +37,15 @@ inline bool metadata_bracket(const vfs_file *file)
 }
 [[nodiscard]] int metadata_acquire(vfs_file *file, bool change);
 [[nodiscard]] int metadata_release(vfs_file *file);
+// The end of the bracket of an operation that failed. In a shared file nothing that it changed is written: the file is
+// as it was before. Elsewhere what the operation undid by hand stands, as after metadata_release.
+[[nodiscard]] int metadata_abandon(vfs_file *file);
 // Reads the header again and drops from the caches what its counters say is stale.
 [[nodiscard]] int metadata_refresh(vfs_file *file);
 // Writes everything that is dirty into the file, the header last; no sync.
 [[nodiscard]] int changes_write_out(vfs_file *file);
+// Something is changed in memory that is not in the file.
+[[nodiscard]] bool changes_pending(const vfs_file *file);
 // Drops everything that is cached without writing it. The header image is as it was changed, but no longer dirty:
 // refresh it before it is used.
 void changes_drop(vfs_file *file);

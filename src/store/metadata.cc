@@ -53,6 +53,29 @@ void checkpoints_forget(vfs_file *file)
     if (file->checkpoints != nullptr) std::memset(file->checkpoints + 8, 0, checkpoint_bytes - 8);
 }
 
+void remember_seen(vfs_file *file)
+{
+    file->seen_tsn = file->tsn;
+    file->seen_dsn = file->dsn;
+    file->seen_asn = file->asn;
+    file->seen_end = file->end_of_file;
+}
+
+// The handle is as the file is: nothing that was changed since the bracket began has been written.
+int changes_take_back(vfs_file *file)
+{
+    changes_drop(file);
+    checkpoints_forget(file);
+    if (cache_header_refresh(&file->meta) == -1) {
+        store_error(file, errno);
+        return -1;
+    }
+    header_load(file);
+    remember_seen(file);
+    sequence_key_reload(file);
+    return 0;
+}
+
 int store_damaged(vfs_file *file)
 {
     store_error(file, ENOEXEC);
@@ -87,10 +110,7 @@ int metadata_refresh(vfs_file *file)
         (locked && session_check(file) == -1))
         return store_damaged(file);
     header_load(file);
-    file->seen_tsn = file->tsn;
-    file->seen_dsn = file->dsn;
-    file->seen_asn = file->asn;
-    file->seen_end = file->end_of_file;
+    remember_seen(file);
     if (header_check_keys(file) == -1) return store_damaged(file);
     const bool trees_changed = tsn != file->tsn;
     const bool data_changed = dsn != file->dsn || asn != file->asn || end != file->end_of_file;
@@ -131,6 +151,15 @@ int metadata_release(vfs_file *file)
         result = is_shared(file) ? changes_write_out(file) : session_publish(file);
     const int cause = errno;
     if (result == -1) changes_drop(file); // none of it may reach the file once the lock is given away
+    if (lock_clr(bracket_lock(file, file->acquired_for_change)) == -1 && result == 0) return -1;
+    return result == 0 ? 0 : fail(cause);
+}
+
+int metadata_abandon(vfs_file *file)
+{
+    if (!is_shared(file) || !file->acquired || !changes_pending(file)) return metadata_release(file);
+    const int result = changes_take_back(file), cause = errno;
+    file->acquired = false;
     if (lock_clr(bracket_lock(file, file->acquired_for_change)) == -1 && result == 0) return -1;
     return result == 0 ? 0 : fail(cause);
 }

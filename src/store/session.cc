@@ -152,15 +152,15 @@ int cut_to_end(vfs_file *file)
     return 0;
 }
 
-bool anything_dirty(const vfs_file *file)
+} // namespace
+
+bool changes_pending(const vfs_file *file)
 {
     if (file->data.dirty_queue.count != 0 || file->meta.dirty_queue.count != 0) return true;
     for (uint64_t k = 0; k < file->tree_count && file->contexts != nullptr; ++k)
         if (file->contexts[k].open && file->contexts[k].cache.dirty_queue.count != 0) return true;
     return false;
 }
-
-} // namespace
 
 uint64_t boot_word()
 {
@@ -238,7 +238,7 @@ int changes_write_out(vfs_file *file)
 int session_flush(vfs_file *file)
 {
     if (is_read_only(file) || file->meta.hdrb == nullptr) return 0;
-    if (is_shared(file) || (!file->session_marked && !anything_dirty(file)))
+    if (is_shared(file) || (!file->session_marked && !changes_pending(file)))
         return file->unsynced ? sync_or_store(file) : 0;
     if (second_writer_check(file) == -1) return -1;
     if (changes_write_out(file) == -1 || sync_or_store(file) == -1) return -1;
@@ -251,7 +251,7 @@ int session_flush(vfs_file *file)
 int change_end_slow(vfs_file *file)
 {
     if (is_read_only(file) || file->meta.hdrb == nullptr) return 0;
-    if (!is_shared(file) && anything_dirty(file)) {
+    if (!is_shared(file) && changes_pending(file)) {
         if (second_writer_check(file) == -1 || changes_write_out(file) == -1) return -1;
     }
     return file->unsynced ? sync_or_store(file) : 0;
@@ -276,7 +276,7 @@ void session_abandon(vfs_file *file)
 
 int session_publish(vfs_file *file)
 {
-    if (is_read_only(file) || (!file->session_marked && !anything_dirty(file))) return 0;
+    if (is_read_only(file) || (!file->session_marked && !changes_pending(file))) return 0;
     if (changes_write_out(file) == -1 || cut_to_end(file) == -1) return -1;
     if (file->error != 0) return fail(static_cast<int>(file->error));
     if (set_words(file, state_clean, header_get(file, header_boot_word)) == -1) return -1;
