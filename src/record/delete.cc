@@ -195,7 +195,7 @@ int64_t delete_record(const operation_call &call)
     }
     save_last(file, work);
     record_unlock_all_of(call, work, &lock);
-    if (bracket_end(file) == -1) return delete_failed(call, work);
+    if (bracket_end(file) == -1 || change_end(file) == -1) return delete_failed(call, work);
     if (call.status != nullptr && fill_status(call, &work) == -1) return -1;
     return 0;
 }

@@ -95,7 +95,7 @@ int operation_failed(vfs_file *file, const vfs_request &work, bool current_too)
         left.key_length = file->current.key_length;
         save_current(file, left);
     }
-    if (bracket_end(file) == -1) errno = cause;
+    if (file->acquired) (void)metadata_abandon(file); // the cause is reported, not what follows from it
     return fail(cause);
 }
 

@@ -313,7 +313,7 @@ int64_t rewrite_record(const operation_call &call)
     }
     save_last(file, work);
     if (call.lock->hold == 0) record_unlock(call, &lock);
-    if (bracket_end(file) == -1) return rewrite_failed(call, work);
+    if (bracket_end(file) == -1 || change_end(file) == -1) return rewrite_failed(call, work);
     if (call.status != nullptr && fill_status(call, &work) == -1) return -1;
     return length;
 }

@@ -343,7 +343,7 @@ TEST(TreePosition, BrowseDoesNotMeetWhatItsHandleInserts)
     vfs_request r;
     EXPECT_EQ(file.peek(true, &r, VFS_FLAG_BROWSE), offset_of(3));
     EXPECT_EQ(r.stamp, 0u);
-    EXPECT_EQ(file.peek(true, &r), offset_of(3)); // the filter is the position's; the stamp is fresh without browse
+    EXPECT_EQ(file.peek(true, &r), offset_of(2)); // without a browse nothing is passed over, and the stamp is fresh
     EXPECT_EQ(r.stamp, 1u);
     file.stand_at(key_number(1, long_key), offset_of(1));
     EXPECT_EQ(file.peek(true), offset_of(2));
