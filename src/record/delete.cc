@@ -77,17 +77,10 @@ int delete_in_trees(vfs_file *file, vfs_request *work)
     if (slot_list_prepare(file) == -1) return -1;
     const bool sequence_lost = is_sequence_key(file, *work);
     uint64_t removed = 0;
-    if (remove_entries(file, *work, &removed) == -1) {
+    if (remove_entries(file, *work, &removed) == -1 ||
+        slot_free(file, work->record_offset, unlisted_slot::refused) == -1) {
         put_entries_back(file, *work, removed);
         return -1;
-    }
-    if (slot_free(file, work->record_offset) == -1) {
-        const int cause = errno;
-        slot_head head;
-        if (slot_head_read(file, work->record_offset, &head) == -1 || head.type != item_deleted) {
-            put_entries_back(file, *work, removed);
-            return fail(cause);
-        } // deleted, if not listed: its space is lost, the record is gone
     }
     if (sequence_lost) file->sequence_key_known = false;
     work->node = work->item = none;

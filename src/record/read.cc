@@ -130,6 +130,7 @@ int duplicates_of_reference(vfs_file *file, vfs_request *work)
     if (!asked || !key_allows_duplicates(file, work->key_number)) return 0;
     vfs_request copy = *work;
     if (copy.node == none && tree_seek_record(file, &copy) != 0) return 0;
+    copy.stamp = work->stamp; // a browse does not see what came in since it began
     if (key_duplicate(file, &copy) == -1) return -1;
     work->flags = static_cast<uint8_t>((work->flags & ~VFS_FLAG_DUPLICATE) | (copy.flags & VFS_FLAG_DUPLICATE));
     return 0;

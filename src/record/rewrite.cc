@@ -179,8 +179,7 @@ int write_copy(vfs_file *file, const vfs_request &work, vfs_request *copy)
     *copy = work;
     if (slot_list_prepare(file) == -1 || slot_choose(file, copy) == -1) return -1;
     copy->record_state = item_relocated;
-    if (record_write_new(file, copy) != -1 &&
-        cache_write_out(&file->data, copy->record_offset, copy->record_offset + copy->stored_length - 1) == 0)
+    if (record_write_new(file, copy) != -1 && copy_reaches_file(file, copy->record_offset, copy->stored_length) == 0)
         return 0;
     const int cause = errno;
     if (copy->record_offset < file->end_of_file) (void)slot_free(file, copy->record_offset);
@@ -234,8 +233,9 @@ int64_t rewrite_in_trees(const operation_call &call, vfs_request *work, operatio
     count_change(file, copy.record_offset);
     if (!moves) return length;
     ++file->dsn;
-    // The record lives in its new slot: where the old one cannot be listed its space is lost, and nothing else.
-    (void)slot_free(file, stored.record_offset);
+    // The record lives in its new slot: where the old one cannot be listed its space is lost, and nothing else. In a
+    // shared file the whole operation can still be dropped instead.
+    if (slot_free(file, stored.record_offset) == -1 && is_shared(file)) return -1;
     slot_head grown; // making room for index blocks may have grown the new slot
     if (slot_head_read(file, copy.record_offset, &grown) == 0) copy.stored_length = grown.stored_length;
     const uint64_t node = work->node, item = work->item, stamp = work->stamp;

@@ -302,7 +302,7 @@ int slot_list_prepare(vfs_file *file)
     return 0;
 }
 
-int slot_free(vfs_file *file, uint64_t offset)
+int slot_free(vfs_file *file, uint64_t offset, unlisted_slot unlisted)
 {
     int room = slot_list_prepare(file);
     slot_list list; // what the listing needs is at hand before the record goes
@@ -315,7 +315,7 @@ int slot_free(vfs_file *file, uint64_t offset)
     frame.stored_length = head.stored_length;
     frame.record_state = item_deleted;
     frame.rrn = head.rrn;
+    if (room == -1 && unlisted == unlisted_slot::refused) return fail(cause);
     if (record_write_frame(file, &frame) == -1) return -1;
-    // Without room in the list the slot is deleted all the same; its space is lost.
     return room == -1 ? fail(cause) : list_insert(file, offset, head.stored_length);
 }

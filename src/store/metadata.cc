@@ -73,6 +73,7 @@ int changes_take_back(vfs_file *file)
     header_load(file);
     remember_seen(file);
     sequence_key_reload(file);
+    file->position = file->acquired_position; // the trees are as they were when it was taken
     return 0;
 }
 
@@ -139,6 +140,7 @@ int metadata_acquire(vfs_file *file, bool change)
         return fail(cause);
     }
     file->acquired_end = file->end_of_file;
+    file->acquired_position = file->position;
     return 0;
 }
 

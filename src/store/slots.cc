@@ -252,6 +252,11 @@ int record_write_frame(vfs_file *file, vfs_request *request)
     return 0;
 }
 
+int copy_reaches_file(vfs_file *file, uint64_t offset, uint64_t stored)
+{
+    return is_shared(file) ? 0 : cache_write_out(&file->data, offset, offset + stored - 1);
+}
+
 int64_t record_rewrite(vfs_file *file, vfs_request *request)
 {
     const uint64_t needed = slot_bytes(request->record_length);
@@ -269,9 +274,7 @@ int64_t record_rewrite(vfs_file *file, vfs_request *request)
     copy.record_state = item_relocated;
     const uint64_t end = file->end_of_file;
     scope_guard undo{[&] { file->end_of_file = end; }};
-    if (record_write_new(file, &copy) == -1 ||
-        cache_write_out(&file->data, copy.record_offset, copy.record_offset + needed - 1) == -1)
-        return -1;
+    if (record_write_new(file, &copy) == -1 || copy_reaches_file(file, copy.record_offset, needed) == -1) return -1;
     vfs_request home = *request;
     home.data_length = copy.record_offset;
     home.record_state = was_moved ? uint8_t{item_moved} : state_write_moved;

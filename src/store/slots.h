@@ -41,15 +41,19 @@ struct slot_head {
 [[nodiscard]] int64_t record_rewrite_in_place(vfs_file *file, vfs_request *request);
 // Flat files: replaces the record, moving it to the end when it does not fit its slot. The record length, or -1.
 [[nodiscard]] int64_t record_rewrite(vfs_file *file, vfs_request *request);
+// A relocated record is in the file before its home slot is freed or marked. In a shared file nothing of an operation is
+// written before all of it is.
+[[nodiscard]] int copy_reaches_file(vfs_file *file, uint64_t offset, uint64_t stored);
 // Writes a slot without data: head (stored length, data length word, type, rrn), zeros, trailer. State 10 becomes a
 // moved slot (type 9) and counts as moved. A slot at the end of file moves the end.
 [[nodiscard]] int record_write_frame(vfs_file *file, vfs_request *request);
 
 // Makes sure that a slot can be listed: so that nothing can fail once a deletion has begun.
 [[nodiscard]] int slot_list_prepare(vfs_file *file);
-// Marks the slot at `offset` deleted and lists it for reuse (tree files). Where the list cannot take it the slot is
-// deleted nevertheless, and the result is -1.
-[[nodiscard]] int slot_free(vfs_file *file, uint64_t offset);
+// Marks the slot at `offset` deleted and lists it for reuse (tree files). Where the list cannot take it: refused
+// (nothing is changed), or, where the record has to go in any case, its space is lost; -1 either way.
+enum class unlisted_slot { refused, lost };
+[[nodiscard]] int slot_free(vfs_file *file, uint64_t offset, unlisted_slot unlisted = unlisted_slot::lost);
 
 // Brings the end of file to a data block boundary, before index blocks are appended.
 [[nodiscard]] int tail_close(vfs_file *file);

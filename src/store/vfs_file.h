@@ -92,10 +92,11 @@ struct vfs_file : file_state {
     // Shared use: what metadata_acquire read, to tell what an operation changed.
     bool acquired; // between metadata_acquire and metadata_release
     bool acquired_for_change;
-    uint64_t acquired_end; // E0: end of file when the operation began
-    bool session_marked;   // this handle's state word is set in the file
-    bool session_booted;   // this handle has set the boot word
-    int64_t seen_tsn;      // counters as this handle last read or wrote them
+    file_position acquired_position; // the file position then: good again when nothing of the operation is kept
+    uint64_t acquired_end;           // E0: end of file when the operation began
+    bool session_marked;             // this handle's state word is set in the file
+    bool session_booted;             // this handle has set the boot word
+    int64_t seen_tsn;                // counters as this handle last read or wrote them
     uint64_t seen_dsn, seen_asn, seen_end;
 
     uint64_t block_lock; // lock mode 4: start of the Data block that this handle holds locked; none
