@@ -2,6 +2,7 @@
 #include "file/small_operations.h"
 
 #include "lock/lock.h"
+#include "record/read_beside.h"
 #include "record/request.h"
 #include "util/errors.h"
 #include "util/process.h"
@@ -72,6 +73,7 @@ int file_flush(vfs_file *file)
 
 int file_at_end(vfs_file *file)
 {
+    blocks_catch_up(file);
     return (file->current.flags & VFS_FLAG_AT_END) != 0;
 }
 
@@ -79,6 +81,7 @@ int file_unlock_all(vfs_file *file)
 {
     // A handle without record operations has its locks nevertheless.
     if (file == nullptr || file->opener_generation != process_generation()) return fail(EBADF);
+    blocks_catch_up(file);
     vfs_request work = file->last;
     work.previous_operation = work.operation;
     work.operation = VFS_OP_UNLOCK_ALL;

@@ -1,7 +1,9 @@
 // See read_beside.h. Whatever is not as usual is left to read.cc.
 #include "record/read_beside.h"
 
+#include "store/header.h"
 #include "store/node.h"
+#include "store/tree.h"
 
 namespace {
 
@@ -44,7 +46,7 @@ struct request_bytes {
 static_assert(sizeof(request_bytes) == 8 && offsetof(vfs_request, record_state) == 16 &&
               offsetof(vfs_request, flags2) == 23);
 
-// The saved request blocks as a read leaves them: only the words that a step changes.
+// A saved request block as a read leaves it: only the words that a step changes.
 void save_block(vfs_request *block, const file_position &position, uint64_t length, request_bytes bytes)
 {
     bytes.previous_operation = block->operation;
@@ -87,17 +89,12 @@ int64_t read_beside(vfs_file *file, const vfs_record *record, vfs_status *status
     const uint64_t room = record != nullptr && record->bytes != nullptr ? record->length : 0;
     const uint64_t copied = length < room ? length : room;
     if (copied != 0) std::memcpy(record->bytes, slot + slot_head_bytes, copied);
-    if (indexed) {
-        const uint64_t width = node_get(leaf, node_key_width);
-        key_words(position.key, key, width);
-        key_words(static_cast<std::byte *>(file->last.key), key, width);
-    }
+    if (indexed) key_words(position.key, key, node_get(leaf, node_key_width));
     position.item = item;
     if (!browse) position.stamp = load_u64(header + key_entry_tsn.offset);
     position.record_offset = offset;
     position.stored_length = load_u64(slot);
     position.rrn = rrn;
-    position.before[0] = position.after[0] = none;
 
     ++file->operation_count;
     file->operation = VFS_OP_READ;
@@ -112,14 +109,28 @@ int64_t read_beside(vfs_file *file, const vfs_record *record, vfs_status *status
                                       (status != nullptr ? VFS_FLAG_STATUS : 0)),
         .flags2 = 0,
     };
-    save_block(&file->last, position, length, bytes);
-    save_block(&file->current, position, length, bytes);
+    std::memcpy(&file->behind_bytes, &bytes, sizeof bytes);
+    file->behind_length = length;
+    file->blocks_behind = true;
     if (status != nullptr) {
         status->record_offset = offset;
         status->rrn = rrn;
         status->duplicate = 0;
-        if (indexed) status->key = file->last.key;
+        status->key = indexed ? file->last.key : status->key;
+        if (indexed) key_words(static_cast<std::byte *>(file->last.key), key, node_get(leaf, node_key_width));
     }
     if (length == 0) errno = 0;
     return static_cast<int64_t>(length);
+}
+
+void blocks_catch_up_slow(vfs_file *file)
+{
+    request_bytes bytes;
+    std::memcpy(&bytes, &file->behind_bytes, sizeof bytes);
+    save_block(&file->last, file->position, file->behind_length, bytes);
+    save_block(&file->current, file->position, file->behind_length, bytes);
+    if (file->indexed())
+        key_words(static_cast<std::byte *>(file->last.key), file->position.key,
+                  key_entry_get(file, file->position.key_number, key_entry_leaf_width));
+    file->blocks_behind = false;
 }

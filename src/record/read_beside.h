@@ -3,10 +3,18 @@
 #ifndef VFS_RECORD_READ_BESIDE_H
 #define VFS_RECORD_READ_BESIDE_H
 
-#include "record/request.h"
+#include "store/vfs_file.h"
 
 // The record's length with everything done that `read` does for mode next or previous; -1 when this is not such a
 // case, with nothing changed: the general way then does it, and reports what is wrong.
 int64_t read_beside(vfs_file *file, const vfs_record *record, vfs_status *status, int32_t mode);
+
+// The saved request blocks of the last such read are written when somebody is about to look at them: every operation
+// but the next read of this kind.
+void blocks_catch_up_slow(vfs_file *file);
+inline void blocks_catch_up(vfs_file *file)
+{
+    if (file->blocks_behind) blocks_catch_up_slow(file);
+}
 
 #endif

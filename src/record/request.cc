@@ -1,6 +1,7 @@
 // How every operation begins and what it leaves behind. See request.h.
 #include "record/request.h"
 
+#include "record/read_beside.h"
 #include "util/errors.h"
 #include "util/process.h"
 
@@ -41,6 +42,7 @@ int handle_check(const vfs_file *file)
 operation_call make_call(vfs_file *file, vfs_record *record, vfs_status *status, const vfs_lock_request *lock,
                          uint8_t operation, int32_t mode)
 {
+    blocks_catch_up(file);
     operation_call call{};
     call.file = file;
     call.record = record;

@@ -67,6 +67,10 @@ struct vfs_file : file_state {
     vfs_request last;       // the last operation, whatever its outcome
     vfs_request current;    // the current record block: what the last read or start left
     file_position position; // the file position; survives failed operations
+    // The last read went beside the position (record/read_beside.h): `last` and `current` are still to be written.
+    bool blocks_behind;
+    uint64_t behind_length; // the record's
+    uint64_t behind_bytes;  // the blocks' bytes from record_state to flags2
     uint8_t direction[8];   // (mode, relation) for next, previous, first, last
 
     std::byte *sequence_key; // primary key of the last appended record
