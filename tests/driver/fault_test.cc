@@ -326,6 +326,31 @@ TEST_P(Fault, FlushSyncsOnceAndAnUnchangedHandleNever)
     EXPECT_EQ(check_file(path()), "");
 }
 
+// Once every cache has its buffers, no record operation asks for memory.
+TEST_P(Fault, WarmHandleAllocatesNothing)
+{
+    prepare();
+    file f{spec().with_flags(O_RDWR)};
+    const auto work = [&](int from) {
+        for (int n = from; n < from + 150; ++n) {
+            ASSERT_EQ(f.write(record(n), by_record()).value, 2020) << n;
+            ASSERT_EQ(f.read(by_key(key_of(n))).value, 2020) << n;
+            ASSERT_EQ(f.rewrite(record(n, n % 3 == 0 ? 2090 : 2000)).error, 0) << n;
+        }
+        for (int n = from; n < from + 150; ++n) ASSERT_EQ(f.erase(by_key(key_of(n))).value, 0) << n;
+        ASSERT_GE(f.run(operation::start, first()).value, 0);
+        while (f.read(next()).value > 0) continue;
+        while (f.read(prev()).value > 0) continue;
+    };
+    work(100);
+    work(300);
+    fault plan{{.call = "memory", .error = ENOMEM, .lasting = true}};
+    work(500);
+    EXPECT_FALSE(plan.disarm());
+    EXPECT_EQ(f.close(), 0);
+    EXPECT_EQ(check_file(path()), "");
+}
+
 INSTANTIATE_TEST_SUITE_P(Locks, Fault, testing::Values("0", "2", "4"),
                          [](const auto &each) { return std::string{"Lock"} + each.param; });
 
