@@ -58,8 +58,9 @@ int started_record(vfs_file *file, vfs_request *work, bool *there)
 {
     *there = false;
     const file_position &position = file->position;
-    if (!position.started || position.side != position_side::entry || position.record_offset >= file->end_of_file)
-        return 0;
+    if (!position.started || position.side != position_side::entry) return 0;
+    if (file->trees() && position_follow(file, work) == -1) return -1;
+    if (position.record_offset >= file->end_of_file) return 0;
     vfs_request found = *work;
     found.record_offset = position.record_offset;
     if (record_head(file, &found) == -1) return errno == ENOEXEC ? 0 : -1;

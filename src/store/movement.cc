@@ -2,6 +2,7 @@
 #include "store/movement.h"
 
 #include "util/errors.h"
+#include "util/scope_guard.h"
 
 namespace {
 
@@ -30,6 +31,17 @@ int record_of_entry(vfs_file *file, vfs_request *request)
     if (record_head(file, request) == -1) return -1;
     if (!is_record(file, request->record_state)) return damaged();
     if (!file->indexed() && request->rrn != rrn) return damaged();
+    return 0;
+}
+
+// Whether the live record of this number begins at `offset`.
+int record_is_at(vfs_file *file, uint64_t offset, uint64_t rrn, bool *there)
+{
+    *there = false;
+    if (offset >= file->end_of_file) return 0;
+    slot_head head;
+    if (slot_head_read(file, offset, &head) == -1) return errno == ENOEXEC ? 0 : -1;
+    *there = is_record(file, head.type) && head.rrn == rrn;
     return 0;
 }
 
@@ -210,7 +222,7 @@ int tree_locate(vfs_file *file, vfs_request *request, int (*by_key)(vfs_file *, 
 int tree_step(vfs_file *file, vfs_request *request, bool forward)
 {
     file_position &position = file->position;
-    if (tree_select(file, position.key_number) == -1) return -1;
+    if (tree_select(file, position.key_number) == -1 || position_follow(file, request) == -1) return -1;
     request->key_number = position.key_number;
     const position_side kept = position.side;
     if (position.end == (forward ? position_end::last : position_end::first)) {
@@ -264,6 +276,57 @@ int record_locate_key(vfs_file *file, vfs_request *request)
 {
     begin(request);
     return tree_locate(file, request, key_locate, VFS_POS_KEY);
+}
+
+int record_by_identity(vfs_file *file, vfs_request *request)
+{
+    begin(request);
+    request->relation = VFS_EQUAL;
+    const uint64_t rrn = request->rrn;
+    if (tree_select(file, request->key_number) == -1) return -1;
+    const bool indexed = file->indexed();
+    int found = indexed ? key_locate(file, request) : rrn_locate(file, request);
+    if (found == 1 || (found == -1 && errno == ESPIPE)) return nothing_found(request);
+    if (found == -1) return -1;
+    if (!indexed) return record_of_entry(file, request);
+
+    // Of the equal entries, the one whose record has the number. The steps go from a position of their own.
+    const file_position kept = file->position;
+    const scope_guard restore{[&] { file->position = kept; }};
+    const uint64_t length = static_cast<uint64_t>(key_description(file, request->key_number)->length);
+    std::memcpy(file->scratch_key, request->key, length);
+    for (;;) {
+        if (record_of_entry(file, request) == -1) return -1;
+        if (request->rrn == rrn) return 0;
+        file->position.side = position_side::entry;
+        file->position.end = position_end::inside;
+        file->position.key_number = request->key_number;
+        file->position.node = request->node;
+        file->position.item = request->item;
+        file->position.record_offset = request->record_offset;
+        found = tree_read_next(file, request);
+        if (found == -1) return -1;
+        if (found == 1 || std::memcmp(request->key, file->scratch_key, length) != 0) return nothing_found(request);
+    }
+}
+
+int position_follow(vfs_file *file, const vfs_request *request)
+{
+    file_position &position = file->position;
+    if (position.node != none || position.side != position_side::entry || !position.identified) return 0;
+    bool there;
+    if (record_is_at(file, position.record_offset, position.rrn, &there) == -1) return -1;
+    if (there) return 0;
+    vfs_request found = *request;
+    found.key_number = position.key_number;
+    found.rrn = position.rrn;
+    if (file->indexed()) std::memcpy(found.key, position.key, file->key_buffer_bytes);
+    if (record_by_identity(file, &found) == -1) return -1;
+    if ((found.flags & VFS_FLAG_AT_END) != 0) return 0;
+    position.record_offset = found.record_offset;
+    position.node = found.node;
+    position.item = found.item;
+    return 0;
 }
 
 void position_save(vfs_file *file, const vfs_request *request)

@@ -237,4 +237,31 @@ TEST_F(Indexed, AListedSlotIsReusedWithItsLength)
     EXPECT_EQ(peek(path(), middle.offset), 200u);
 }
 
+// What another handle of the process does to the record that this one stands on.
+TEST_F(DriverTest, PositionFollowsARecordThatAnotherHandleMoved)
+{
+    variables.set("VFS_LOCK", "4");
+    const file_spec spec = indexed(path(), {{.parts = {{0, 4}}}, {.parts = {{4, 2}}, .duplicates = true}}, 500);
+    file mine{spec}, other{spec};
+    printed(); // the warning of a second writer in the process
+    for (const char *key : {"0001aa", "0002aa", "0003aa", "0004ab"}) ASSERT_EQ(mine.write(key, by_record()).value, 6);
+    const std::string grown = "0002aa" + std::string(300, 'x');
+    ASSERT_EQ(mine.run(operation::start, by_key("0002")).value, 6);
+    ASSERT_EQ(other.rewrite(grown, by_key("0002")).value, 306);
+    EXPECT_TRUE(mine.read(next()).found(grown));
+    EXPECT_TRUE(mine.read(next()).found("0003aa"));
+
+    ASSERT_TRUE(mine.read(by_key("0001")).found("0001aa"));
+    ASSERT_TRUE(mine.read(first(1)).found("0001aa"));
+    ASSERT_EQ(other.rewrite("0001aa" + std::string(400, 'y'), by_key("0001")).value, 406);
+    EXPECT_TRUE(mine.read(next()).found(grown));
+    ASSERT_EQ(other.erase(by_key("0002")).value, 0);
+    EXPECT_EQ(mine.read(next()).bytes, "0003aa");
+    ASSERT_EQ(other.rewrite("0003aa" + std::string(450, 'z'), by_key("0003")).value, 456);
+    EXPECT_EQ(mine.rewrite("0003ab", current()).value, 6);
+    EXPECT_EQ(mine.close(), 0);
+    EXPECT_EQ(other.close(), 0);
+    EXPECT_EQ(check_file(path()), "");
+}
+
 } // namespace
