@@ -64,14 +64,6 @@ void put_entries_back(vfs_file *file, const vfs_request &work, uint64_t removed)
     errno = cause;
 }
 
-bool is_sequence_key(vfs_file *file, const vfs_request &work)
-{
-    vfs_request entry;
-    if (!file->indexed() || !file->sequence_key_known || load_entry(file, work, file->primary_key, &entry) == -1)
-        return false;
-    return key_compare(file, file->primary_key, entry.key, file->sequence_key) == 0;
-}
-
 int delete_in_trees(vfs_file *file, vfs_request *work)
 {
     if (slot_list_prepare(file) == -1) return -1;
@@ -127,20 +119,6 @@ int delete_in_flat_file(vfs_file *file, vfs_request *work)
 
 // ---- The operation ----
 
-int fill_status(const operation_call &call, vfs_request *work)
-{
-    vfs_status *status = call.status;
-    if (status == nullptr) return 0;
-    status->record_offset = work->record_offset;
-    status->rrn = work->rrn;
-    status->duplicate = 0;
-    if (call.file->indexed()) {
-        status->key = call.file->last.key;
-        return 0;
-    }
-    return call.mode == VFS_POS_KEY ? rrn_to_key(work) : 0;
-}
-
 int64_t delete_failed(const operation_call &call, const vfs_request &work)
 {
     if (call.file->debug) {
@@ -189,7 +167,7 @@ int64_t delete_record(const operation_call &call)
     save_last(file, work);
     record_unlock_all_of(call, work, &lock);
     if (bracket_end(file) == -1 || change_end(file) == -1) return delete_failed(call, work);
-    if (call.status != nullptr && fill_status(call, &work) == -1) return -1;
+    if (status_fill(call, &work, true) == -1) return -1;
     return 0;
 }
 

@@ -183,3 +183,26 @@ int key_delete(vfs_file *file, vfs_request *request)
     if (tree_select(file, request->key_number) == -1) return -1;
     return file->indexed() ? tree_delete_key(file, request) : rrn_delete(file, request);
 }
+
+bool is_sequence_key(vfs_file *file, const vfs_request &work)
+{
+    if (!file->indexed() || !file->sequence_key_known) return false;
+    vfs_request stored = work;
+    stored.key_number = file->primary_key;
+    stored.key = file->old_key;
+    return key_load(file, &stored) == 0 && key_compare(file, file->primary_key, stored.key, file->sequence_key) == 0;
+}
+
+int status_fill(const operation_call &call, vfs_request *work, bool found)
+{
+    const vfs_file *file = call.file;
+    vfs_status *status = call.status;
+    if (status == nullptr) return 0;
+    status->record_offset = work->record_offset;
+    status->rrn = work->rrn;
+    status->duplicate = 0;
+    if (!file->indexed()) return call.mode == VFS_POS_KEY && found ? rrn_to_key(work) : 0;
+    status->key = file->last.key;
+    if (found) status->duplicate = (work->flags & VFS_FLAG_DUPLICATE) != 0;
+    return 0;
+}

@@ -28,6 +28,13 @@
 [[nodiscard]] int key_repoint(vfs_file *file, vfs_request *request, uint64_t offset);
 [[nodiscard]] int key_delete(vfs_file *file, vfs_request *request);
 
+// Whether the stored record of a filled request has the key that the next appended one is compared with.
+bool is_sequence_key(vfs_file *file, const vfs_request &work);
+
+// Fills the host's status block, if there is one, from a finished request; `found`: it stands on a record. -1 when a
+// relative key does not hold the record number.
+[[nodiscard]] int status_fill(const operation_call &call, vfs_request *work, bool found);
+
 inline uint64_t key_length_of(const vfs_file *file, uint64_t key)
 {
     return static_cast<uint64_t>(key_description(file, key)->length);

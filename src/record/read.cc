@@ -187,22 +187,6 @@ void save_end(const operation_call &call, const vfs_request &work)
     if (file->indexed()) std::memcpy(position.key, work.key, round_up(key_length_of(file, work.key_number), 8));
 }
 
-int fill_status(const operation_call &call, vfs_request *work, bool found)
-{
-    vfs_file *file = call.file;
-    vfs_status *status = call.status;
-    if (status == nullptr) return 0;
-    status->record_offset = work->record_offset;
-    status->rrn = work->rrn;
-    status->duplicate = 0;
-    if (file->indexed()) {
-        status->key = file->last.key;
-        if (found) status->duplicate = (work->flags & VFS_FLAG_DUPLICATE) != 0;
-        return 0;
-    }
-    return call.mode == VFS_POS_KEY && found ? rrn_to_key(work) : 0;
-}
-
 int64_t end_of_read(const operation_call &call, vfs_request *work)
 {
     work->flags2 = static_cast<uint8_t>(work->flags2 & ~VFS_FLAG2_REREAD);
@@ -213,7 +197,7 @@ int64_t end_of_read(const operation_call &call, vfs_request *work)
     }
     save_end(call, *work);
     if (bracket_end(call.file) == -1) return operation_failed(call.file, *work, true);
-    if (fill_status(call, work, false) == -1) return -1;
+    if (status_fill(call, work, false) == -1) return -1;
     errno = ESPIPE;
     return 0;
 }
@@ -243,7 +227,7 @@ int64_t read_record(const operation_call &call)
         if (call.lock->hold == 0) record_unlock(call, &lock);
         save_record(file, &work);
         if (file->acquired && bracket_end(file) == -1) return operation_failed(file, work, true);
-        if (call.status != nullptr && fill_status(call, &work, true) == -1) return -1;
+        if (status_fill(call, &work, true) == -1) return -1;
         if (length == 0) errno = 0;
         return length;
     } while (outcome == lock_outcome::again);

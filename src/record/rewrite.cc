@@ -200,19 +200,12 @@ void moved_positions(vfs_file *file, uint64_t home, const vfs_request &copy)
     }
 }
 
-// The primary key of this record is about to change: is it the one that the next append is compared with?
-bool is_sequence_key(vfs_file *file, const vfs_request &work)
-{
-    if (!file->indexed() || !file->sequence_key_known || file->changed_keys[file->primary_key] == 0) return false;
-    vfs_request old = entry_request(work, file->primary_key, file->old_key);
-    return key_load(file, &old) == 0 && key_compare(file, file->primary_key, old.key, file->sequence_key) == 0;
-}
-
 int64_t rewrite_in_trees(const operation_call &call, vfs_request *work, operation_lock *lock)
 {
     vfs_file *file = call.file;
     if (change_begin(file) == -1) return -1;
-    const bool sequence_lost = is_sequence_key(file, *work);
+    const bool sequence_lost =
+        file->indexed() && file->changed_keys[file->primary_key] != 0 && is_sequence_key(file, *work);
     const vfs_request stored = *work;
     const bool moves = slot_bytes(work->record_length) > work->stored_length;
     vfs_request copy = *work;
@@ -257,22 +250,6 @@ int64_t rewrite_in_flat_file(vfs_file *file, vfs_request *work)
     return length;
 }
 
-int fill_status(const operation_call &call, vfs_request *work)
-{
-    vfs_file *file = call.file;
-    vfs_status *status = call.status;
-    if (status == nullptr) return 0;
-    status->record_offset = work->record_offset;
-    status->rrn = work->rrn;
-    status->duplicate = 0;
-    if (file->indexed()) {
-        status->key = file->last.key;
-        status->duplicate = (work->flags & VFS_FLAG_DUPLICATE) != 0;
-        return 0;
-    }
-    return call.mode == VFS_POS_KEY ? rrn_to_key(work) : 0;
-}
-
 int64_t rewrite_failed(const operation_call &call, const vfs_request &work)
 {
     if (call.file->debug) {
@@ -314,7 +291,7 @@ int64_t rewrite_record(const operation_call &call)
     save_last(file, work);
     if (call.lock->hold == 0) record_unlock(call, &lock);
     if (bracket_end(file) == -1 || change_end(file) == -1) return rewrite_failed(call, work);
-    if (call.status != nullptr && fill_status(call, &work) == -1) return -1;
+    if (status_fill(call, &work, true) == -1) return -1;
     return length;
 }
 

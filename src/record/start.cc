@@ -174,22 +174,6 @@ void save_end(const operation_call &call, vfs_request *work)
         position_to_end(file, end, work->key_number);
 }
 
-int fill_status(const operation_call &call, vfs_request *work)
-{
-    vfs_file *file = call.file;
-    vfs_status *status = call.status;
-    if (status == nullptr) return 0;
-    status->record_offset = work->record_offset;
-    status->rrn = work->rrn;
-    status->duplicate = 0;
-    if (file->indexed()) {
-        status->key = file->last.key;
-        status->duplicate = (work->flags & VFS_FLAG_DUPLICATE) != 0;
-        return 0;
-    }
-    return call.mode == VFS_POS_KEY && (work->flags & VFS_FLAG_AT_END) == 0 ? rrn_to_key(work) : 0;
-}
-
 int64_t start_failed(const operation_call &call, vfs_request *work)
 {
     const int cause = errno;
@@ -226,7 +210,7 @@ int64_t start_record(const operation_call &call)
     save_last(file, work);
     save_current(file, work);
     if (bracket_end(file) == -1) return start_failed(call, &work);
-    if (fill_status(call, &work) == -1) return -1;
+    if (status_fill(call, &work, !at_end) == -1) return -1;
     if (at_end) errno = ESPIPE;
     return at_end ? 0 : static_cast<int64_t>(work.data_length);
 }

@@ -289,22 +289,6 @@ void remember_sequence(vfs_file *file, const vfs_request &work, bool appended)
     file->sequence_key_known = key_extract(file, &key, work.record, work.record_length) == 0;
 }
 
-int fill_status(const operation_call &call, vfs_request *work)
-{
-    vfs_file *file = call.file;
-    vfs_status *status = call.status;
-    if (status == nullptr) return 0;
-    status->record_offset = work->record_offset;
-    status->rrn = work->rrn;
-    status->duplicate = 0;
-    if (file->indexed()) {
-        status->key = file->last.key;
-        status->duplicate = (work->flags & VFS_FLAG_DUPLICATE) != 0;
-        return 0;
-    }
-    return call.mode == VFS_POS_KEY ? rrn_to_key(work) : 0;
-}
-
 int64_t write_failed(const operation_call &call, const vfs_request &work)
 {
     if (call.file->debug) {
@@ -355,7 +339,7 @@ int64_t write_record(const operation_call &call)
     save_last(file, work);
     if (call.lock->hold == 0) record_unlock(call, &lock);
     if (bracket_end(file) == -1 || change_end(file) == -1) return write_failed(call, work);
-    if (call.status != nullptr && fill_status(call, &work) == -1) return write_failed(call, work);
+    if (status_fill(call, &work, true) == -1) return write_failed(call, work);
     return length;
 }
 
