@@ -5,6 +5,8 @@
 #include "store/node.h"
 #include "store/tree.h"
 
+#include <bit>
+
 namespace {
 
 bool plain_reading(const vfs_file *file)
@@ -38,19 +40,20 @@ void key_words(std::byte *to, const std::byte *from, uint64_t width)
     for (uint64_t i = 0; i < width; i += 8) store_u64(to + i, load_u64(from + i));
 }
 
-// The eight bytes of a request block from record_state to flags2, as one word: a block that is copied soon after should
-// not be put together from bytes.
-struct request_bytes {
-    uint8_t record_state, operation, previous_operation, mode, previous_mode, relation, flags, flags2;
-};
-static_assert(sizeof(request_bytes) == 8 && offsetof(vfs_request, record_state) == 16 &&
+// The eight bytes of a request block from record_state to flags2 as one word, built by arithmetic: put together byte by
+// byte it costs more than the rest of a step.
+constexpr uint64_t byte_at(uint8_t value, uint64_t offset)
+{
+    return uint64_t{value} << (8 * (offset - offsetof(vfs_request, record_state)));
+}
+static_assert(std::endian::native == std::endian::little && offsetof(vfs_request, record_state) == 16 &&
               offsetof(vfs_request, flags2) == 23);
 
 // A saved request block as a read leaves it: only the words that a step changes.
-void save_block(vfs_request *block, const file_position &position, uint64_t length, request_bytes bytes)
+void save_block(vfs_request *block, const file_position &position, uint64_t length, uint64_t bytes)
 {
-    bytes.previous_operation = block->operation;
-    bytes.previous_mode = block->mode;
+    bytes |= byte_at(block->operation, offsetof(vfs_request, previous_operation)) |
+             byte_at(block->mode, offsetof(vfs_request, previous_mode));
     block->stored_length = position.stored_length;
     block->data_length = length;
     std::memcpy(&block->record_state, &bytes, sizeof bytes);
@@ -98,18 +101,15 @@ int64_t read_beside(vfs_file *file, const vfs_record *record, vfs_status *status
 
     ++file->operation_count;
     file->operation = VFS_OP_READ;
-    const request_bytes bytes{
-        .record_state = static_cast<uint8_t>(slot[slot_type.offset]),
-        .operation = VFS_OP_READ,
-        .previous_operation = 0,
-        .mode = way,
-        .previous_mode = 0,
-        .relation = way == VFS_POS_NEXT ? uint8_t{VFS_GREATER} : uint8_t{VFS_LESS},
-        .flags = static_cast<uint8_t>(VFS_FLAG_SEQUENTIAL | (browse ? VFS_FLAG_BROWSE : 0) |
-                                      (status != nullptr ? VFS_FLAG_STATUS : 0)),
-        .flags2 = 0,
-    };
-    std::memcpy(&file->behind_bytes, &bytes, sizeof bytes);
+    const bool forward = way == VFS_POS_NEXT;
+    const uint8_t relation = forward ? VFS_GREATER : VFS_LESS;
+    const auto flags = static_cast<uint8_t>(VFS_FLAG_SEQUENTIAL | (browse ? VFS_FLAG_BROWSE : 0) |
+                                            (status != nullptr ? VFS_FLAG_STATUS : 0));
+    // The type is a byte with zero bytes behind it: it is the word's lowest byte as it stands.
+    file->behind_bytes = load_u64(slot + slot_type.offset) | byte_at(VFS_OP_READ, offsetof(vfs_request, operation)) |
+                         byte_at(way, offsetof(vfs_request, mode)) |
+                         byte_at(relation, offsetof(vfs_request, relation)) |
+                         byte_at(flags, offsetof(vfs_request, flags));
     file->behind_length = length;
     file->blocks_behind = true;
     if (status != nullptr) {
@@ -125,10 +125,8 @@ int64_t read_beside(vfs_file *file, const vfs_record *record, vfs_status *status
 
 void blocks_catch_up_slow(vfs_file *file)
 {
-    request_bytes bytes;
-    std::memcpy(&bytes, &file->behind_bytes, sizeof bytes);
-    save_block(&file->last, file->position, file->behind_length, bytes);
-    save_block(&file->current, file->position, file->behind_length, bytes);
+    save_block(&file->last, file->position, file->behind_length, file->behind_bytes);
+    save_block(&file->current, file->position, file->behind_length, file->behind_bytes);
     if (file->indexed())
         key_words(static_cast<std::byte *>(file->last.key), file->position.key,
                   key_entry_get(file, file->position.key_number, key_entry_leaf_width));
