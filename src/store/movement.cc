@@ -169,8 +169,8 @@ int flat_locate_rrn(vfs_file *file, vfs_request *request)
         if (exact || forward) return nothing_found(request);
         rrn = file->highest_rrn;
     }
-    uint64_t offset;
-    slot_head head;
+    uint64_t offset = none;
+    slot_head head{};
     const int found = flat_slot_of(file, rrn, &offset, &head);
     if (found == -1) return -1;
     if (found == 0) return nothing_found(request);
