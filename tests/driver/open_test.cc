@@ -370,4 +370,35 @@ TEST_F(Open, DescriptorsBelowThreeAreNeverUsedForData)
     EXPECT_EQ(check_file(path()), "");
 }
 
+// With VFS_DEBUG a session says how it was opened, how its trees stand and what it cost.
+TEST_F(DriverTest, DebuggingSessionSaysWhatItDoes)
+{
+    variables.set("VFS_DEBUG", "1");
+    const file_spec spec = indexed(path(), {{.parts = {{0, 4}}}, {.parts = {{4, 2}, {8, 2}}, .duplicates = true}}, 100);
+    file f{spec};
+    std::string lines = printed();
+    EXPECT_NE(lines.find("Key space 176  count 2  primary key 0 Duplicates\n"), std::string::npos) << lines;
+    EXPECT_NE(lines.find("key 1:  Length=4  Count=2  Duplicates  Multi-part\n"), std::string::npos) << lines;
+    EXPECT_NE(lines.find("\t1:  Offset=8  len=2  total=4\n"), std::string::npos) << lines;
+    EXPECT_NE(lines.find("phy=3  log=3  access=3  recfm=1  block=0  recl=0 100 share=none lock=file write\n"),
+              std::string::npos)
+        << lines;
+    EXPECT_NE(lines.find("  leaf @120 offset[0] 120\n"), std::string::npos) << lines;
+    for (const char *record : {"0001aa00bb", "0002aa00bb"}) ASSERT_EQ(f.write(record, by_record()).value, 10);
+    EXPECT_EQ(f.write("0002aa00bb", by_record()).error, EADDRINUSE);
+    lines = printed();
+    EXPECT_NE(lines.find("Write failed 98 roffset"), std::string::npos) << lines;
+    EXPECT_EQ(f.rewrite("0009", by_key("0009")).error, ESPIPE);
+    EXPECT_EQ(f.erase(by_key("0009")).error, ESPIPE);
+    EXPECT_EQ(f.run(operation::start, by_key("0009")).error, ESPIPE);
+    lines = printed();
+    for (const char *text : {"Rewrite failed 29 rrn", "Delete failed 29 pos", "Seek failed 29 rrn"})
+        EXPECT_NE(lines.find(text), std::string::npos) << lines;
+    EXPECT_EQ(f.close(), 0);
+    lines = printed();
+    for (const char *text : {"tsn ", "records 2 deleted 1\n", "tree 1: entries 2 depth 1 leaves 1 branches 0",
+                             "Tree information for key #0:", "Open to Close: #", "Elapsed: ", "  I/O: "})
+        EXPECT_NE(lines.find(text), std::string::npos) << text << "\n" << lines;
+}
+
 } // namespace
