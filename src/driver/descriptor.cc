@@ -4,6 +4,7 @@
 #include "file/open.h"
 #include "file/small_operations.h"
 #include "record/operations.h"
+#include "record/read_beside.h"
 #include "store/header.h"
 #include "util/errors.h"
 
@@ -25,12 +26,20 @@ vfs_file *open_slot(vfs_open_block *block)
     return file_open(block, services);
 }
 
+// A host that works on the blocks of a cache ends what the reads before it took for granted.
+int fetch_ahead_slot(vfs_cache *cache, vfs_request *request)
+{
+    blocks_catch_up(static_cast<vfs_file *>(cache->file));
+    return cache_fetch_ahead(cache, request);
+}
+
 // Hosts may change blocks, but not of a file whose locks come and go: another process may be changing them.
 int get_for_write_slot(vfs_cache *cache, vfs_request *request)
 {
     auto *file = static_cast<vfs_file *>(cache->file);
     if (metadata_bracket(file)) return fail(EINVAL);
     if (is_read_only(file)) return fail(EBADF);
+    blocks_catch_up(file);
     if (change_begin(file) == -1) return -1;
     return cache_get_for_write(cache, request);
 }
@@ -38,11 +47,12 @@ int get_for_write_slot(vfs_cache *cache, vfs_request *request)
 int write_block_slot(vfs_cache *cache, vfs_request *request)
 {
     if (is_shared(cache->file)) return fail(EINVAL);
+    blocks_catch_up(static_cast<vfs_file *>(cache->file));
     return cache_write_block(cache, request);
 }
 
 vfs_shared_entries shared_entries{
-    .fetch_ahead = cache_fetch_ahead,
+    .fetch_ahead = fetch_ahead_slot,
     .get_for_write = get_for_write_slot,
     .write_block = write_block_slot,
     .end = nullptr,

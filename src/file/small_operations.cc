@@ -67,6 +67,7 @@ int file_flush(vfs_file *file)
 {
     if (file == nullptr) return 0;
     if (file->opener_generation != process_generation()) return fail(EBADF);
+    blocks_catch_up(file);
     if (session_flush(file) == -1) store_error(file, errno);
     return file->error != 0 ? fail(static_cast<int>(file->error)) : 0;
 }

@@ -17,20 +17,48 @@ bool plain_reading(const vfs_file *file)
            (file->current.flags2 & VFS_FLAG2_REREAD) == 0 && !metadata_bracket(file) && file->trees();
 }
 
-// The whole slot at `offset` in the data block at hand, as sound as the general way asks for; null otherwise.
-const std::byte *slot_at_hand(const vfs_file *file, uint64_t offset)
+// The bytes at hand, for as many steps as stay within them.
+bool run_begin(vfs_file *file)
 {
-    const vfs_buffer *block = file->data.curr;
-    if (block == nullptr || block->done == 0) return nullptr;
-    const uint64_t at = offset - block->offset;
-    if (at >= block->bytes || block->bytes - at < slot_overhead || offset % 8 != 0 || offset < file->data_start)
-        return nullptr;
-    const std::byte *slot = block->data + at;
+    if (!plain_reading(file)) return false;
+    const file_position &position = file->position;
+    constexpr uint8_t both = key_flag_duplicates | key_flag_held_duplicate;
+    const uint8_t key_flags = key_entry_get(file, position.key_number, key_entry_flags);
+    if ((key_flags & both) == both) return false; // equal keys are looked for
+    const vfs_buffer *leaf = tree_leaf_at_hand(file), *block = file->data.curr;
+    if (leaf == nullptr || block == nullptr || block->done == 0) return false;
+    const bool browse = (file->current.flags & VFS_FLAG_BROWSE) != 0;
+    const uint64_t end = block->offset + block->bytes;
+    file->run = {
+        .on = false,
+        .addresses = address_place(leaf, 0),
+        .keys = key_place(leaf, 0),
+        .stamps = stamp_place(leaf, 0),
+        .entries = node_entries(leaf),
+        .width = node_get(leaf, node_key_width),
+        .filter = browse ? position.stamp : none,
+        .block = block->data,
+        .block_offset = block->offset > file->data_start ? block->offset : file->data_start,
+        .block_end = end < file->end_of_file ? end : file->end_of_file,
+        .length = 0,
+        .bytes = 0,
+    };
+    file->run.block += file->run.block_offset - block->offset;
+    if (!browse) file->position.stamp = static_cast<uint64_t>(key_entry_get(file, position.key_number, key_entry_tsn));
+    return true;
+}
+
+// The whole slot at `offset` in the data block at hand, as sound as the general way asks for; null otherwise.
+const std::byte *slot_at_hand(const read_run &run, uint64_t offset)
+{
+    if (offset < run.block_offset || offset >= run.block_end || offset % 8 != 0) return nullptr;
+    const uint64_t room = run.block_end - offset;
+    if (room < slot_overhead) return nullptr;
+    const std::byte *slot = run.block + (offset - run.block_offset);
     const uint64_t stored = load_u64(slot), length = load_u64(slot + slot_data_length.offset);
     const uint64_t type = load_u64(slot + slot_type.offset); // with the zero bytes behind it
-    if ((type != item_live && type != item_relocated) || stored % 8 != 0 || stored < slot_overhead ||
-        stored > block->bytes - at || stored > file->end_of_file - offset || length > stored - slot_overhead ||
-        load_u64(slot + stored - trailer_bytes) != stored)
+    if ((type != item_live && type != item_relocated) || stored % 8 != 0 || stored < slot_overhead || stored > room ||
+        length > stored - slot_overhead || load_u64(slot + stored - trailer_bytes) != stored)
         return nullptr;
     return slot;
 }
@@ -70,54 +98,47 @@ void save_block(vfs_request *block, const file_position &position, uint64_t leng
 
 int64_t read_beside(vfs_file *file, const vfs_record *record, vfs_status *status, int32_t mode)
 {
-    if (mode < VFS_POS_NEXT || mode > VFS_POS_PREV || !plain_reading(file)) return -1;
+    if (mode < VFS_POS_NEXT || mode > VFS_POS_PREV || (!file->run.on && !run_begin(file))) return -1;
+    read_run &run = file->run;
     file_position &position = file->position;
-    const uint64_t entry = key_entry_at(file, position.key_number);
-    const std::byte *header = file->meta.hdrb->data + entry;
-    constexpr uint8_t both = key_flag_duplicates | key_flag_held_duplicate;
-    if ((static_cast<uint8_t>(header[key_entry_flags.offset]) & both) == both) return -1; // equal keys are looked for
-
     const uint8_t way = file->direction[2 * mode];
-    const bool browse = (file->current.flags & VFS_FLAG_BROWSE) != 0;
-    uint64_t item;
-    const vfs_buffer *leaf = tree_entry_beside(file, way == VFS_POS_NEXT, browse, &item);
-    if (leaf == nullptr) return -1;
-    const uint64_t offset = entry_address(leaf, item);
-    const std::byte *slot = slot_at_hand(file, offset), *key = key_place(leaf, item);
+    const bool forward = way == VFS_POS_NEXT;
+    const uint64_t item = forward ? position.item + 1 : position.item - 1;
+    if (item >= run.entries) return -1;
+    const uint64_t offset = load_u64(run.addresses + 8 * item);
+    if (run.filter != none && load_u64(run.stamps + 8 * item) > run.filter) return -1;
+    const std::byte *slot = slot_at_hand(run, offset), *key = run.keys + run.width * item;
     if (slot == nullptr) return -1;
     const uint64_t rrn = load_u64(slot + slot_rrn.offset), length = load_u64(slot + slot_data_length.offset);
-    const bool indexed = file->indexed();
+    const bool indexed = file->logical_organization == VFS_ORG_INDEXED;
     if (!indexed && load_u64(key) != rrn) return -1;
 
     const uint64_t room = record != nullptr && record->bytes != nullptr ? record->length : 0;
     const uint64_t copied = length < room ? length : room;
     if (copied != 0) std::memcpy(record->bytes, slot + slot_head_bytes, copied);
-    if (indexed) key_words(position.key, key, node_get(leaf, node_key_width));
+    if (indexed) key_words(position.key, key, run.width);
     position.item = item;
-    if (!browse) position.stamp = load_u64(header + key_entry_tsn.offset);
     position.record_offset = offset;
     position.stored_length = load_u64(slot);
     position.rrn = rrn;
 
     ++file->operation_count;
     file->operation = VFS_OP_READ;
-    const bool forward = way == VFS_POS_NEXT;
     const uint8_t relation = forward ? VFS_GREATER : VFS_LESS;
-    const auto flags = static_cast<uint8_t>(VFS_FLAG_SEQUENTIAL | (browse ? VFS_FLAG_BROWSE : 0) |
+    const auto flags = static_cast<uint8_t>(VFS_FLAG_SEQUENTIAL | (run.filter != none ? VFS_FLAG_BROWSE : 0) |
                                             (status != nullptr ? VFS_FLAG_STATUS : 0));
     // The type is a byte with zero bytes behind it: it is the word's lowest byte as it stands.
-    file->behind_bytes = load_u64(slot + slot_type.offset) | byte_at(VFS_OP_READ, offsetof(vfs_request, operation)) |
-                         byte_at(way, offsetof(vfs_request, mode)) |
-                         byte_at(relation, offsetof(vfs_request, relation)) |
-                         byte_at(flags, offsetof(vfs_request, flags));
-    file->behind_length = length;
-    file->blocks_behind = true;
+    run.bytes = load_u64(slot + slot_type.offset) | byte_at(VFS_OP_READ, offsetof(vfs_request, operation)) |
+                byte_at(way, offsetof(vfs_request, mode)) | byte_at(relation, offsetof(vfs_request, relation)) |
+                byte_at(flags, offsetof(vfs_request, flags));
+    run.length = length;
+    run.on = true;
     if (status != nullptr) {
         status->record_offset = offset;
         status->rrn = rrn;
         status->duplicate = 0;
         status->key = indexed ? file->last.key : status->key;
-        if (indexed) key_words(static_cast<std::byte *>(file->last.key), key, node_get(leaf, node_key_width));
+        if (indexed) key_words(static_cast<std::byte *>(file->last.key), key, run.width);
     }
     if (length == 0) errno = 0;
     return static_cast<int64_t>(length);
@@ -125,10 +146,9 @@ int64_t read_beside(vfs_file *file, const vfs_record *record, vfs_status *status
 
 void blocks_catch_up_slow(vfs_file *file)
 {
-    save_block(&file->last, file->position, file->behind_length, file->behind_bytes);
-    save_block(&file->current, file->position, file->behind_length, file->behind_bytes);
-    if (file->indexed())
-        key_words(static_cast<std::byte *>(file->last.key), file->position.key,
-                  key_entry_get(file, file->position.key_number, key_entry_leaf_width));
-    file->blocks_behind = false;
+    save_block(&file->last, file->position, file->run.length, file->run.bytes);
+    save_block(&file->current, file->position, file->run.length, file->run.bytes);
+    if (file->logical_organization == VFS_ORG_INDEXED)
+        key_words(static_cast<std::byte *>(file->last.key), file->position.key, file->run.width);
+    file->run.on = false;
 }

@@ -14,7 +14,7 @@ int64_t read_beside(vfs_file *file, const vfs_record *record, vfs_status *status
 void blocks_catch_up_slow(vfs_file *file);
 inline void blocks_catch_up(vfs_file *file)
 {
-    if (file->blocks_behind) blocks_catch_up_slow(file);
+    if (file->run.on) blocks_catch_up_slow(file);
 }
 
 #endif

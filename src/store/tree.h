@@ -28,9 +28,8 @@ void contexts_discard(vfs_file *file); // drops every cached node and every curs
 [[nodiscard]] int tree_read_next(vfs_file *file, vfs_request *request);
 [[nodiscard]] int tree_read_prev(vfs_file *file, vfs_request *request);
 
-// The leaf of the file position and the item beside it, when that step takes no more than looking: the usual step of a
-// sequential read. Null when the leaf is not at hand or the step leaves it. `browse`: the position's stamp filters.
-const vfs_buffer *tree_entry_beside(const vfs_file *file, bool forward, bool browse, uint64_t *item);
+// The leaf in which the file position stands on its entry, when it is its tree's current block; null otherwise.
+const vfs_buffer *tree_leaf_at_hand(const vfs_file *file);
 
 // Search with request->relation: cursor, fill. In a tree that has held duplicates relation 2 finds the first valid
 // entry of the run.

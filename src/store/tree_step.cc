@@ -170,14 +170,20 @@ int read_step(vfs_file *file, vfs_request *request, bool forward)
     return result == 1 ? at_end(request) : -1;
 }
 
-// The same for a request that steps in the position's tree and has nothing to re-read.
+// The item beside the position in the leaf at hand, for a request that steps in the position's tree and has nothing
+// to re-read. Null when the step takes more than looking.
 inline const vfs_buffer *neighbour_at_hand(const vfs_file *file, const vfs_request *request, bool forward,
                                            uint64_t *item)
 {
-    if (file->position.key_number != request->key_number ||
+    const file_position &position = file->position;
+    if (position.key_number != request->key_number ||
         ((file->current.flags2 | request->flags2) & VFS_FLAG2_REREAD) != 0)
         return nullptr;
-    return tree_entry_beside(file, forward, (request->flags & VFS_FLAG_BROWSE) != 0, item);
+    const vfs_buffer *leaf = tree_leaf_at_hand(file);
+    if (leaf == nullptr) return nullptr;
+    *item = forward ? position.item + 1 : position.item - 1;
+    const uint64_t filter = (request->flags & VFS_FLAG_BROWSE) != 0 ? position.stamp : none;
+    return *item < node_entries(leaf) && acceptable(leaf, *item, filter) ? leaf : nullptr;
 }
 
 inline int take_neighbour(const vfs_file *file, vfs_request *request, const vfs_buffer *leaf, uint64_t item)
@@ -279,18 +285,16 @@ int tree_last(vfs_file *file, vfs_request *request)
     return edge(file, request, false);
 }
 
-const vfs_buffer *tree_entry_beside(const vfs_file *file, bool forward, bool browse, uint64_t *item)
+const vfs_buffer *tree_leaf_at_hand(const vfs_file *file)
 {
     const file_position &position = file->position;
     if (position.side != position_side::entry || position.node == none) return nullptr;
     const vfs_buffer *leaf = file->contexts[position.key_number].cache.curr;
     if (leaf == nullptr || leaf->offset != position.node || !leaf->checked || leaf->done == 0 || !is_leaf(leaf))
         return nullptr;
-    *item = forward ? position.item + 1 : position.item - 1;
-    const uint64_t ent = node_entries(leaf);
-    if (*item >= ent || position.item >= ent || entry_address(leaf, position.item) != position.record_offset)
-        return nullptr;
-    return acceptable(leaf, *item, browse ? position.stamp : none) ? leaf : nullptr;
+    const bool there =
+        position.item < node_entries(leaf) && entry_address(leaf, position.item) == position.record_offset;
+    return there ? leaf : nullptr;
 }
 
 int tree_read_next(vfs_file *file, vfs_request *request)

@@ -50,6 +50,18 @@ struct file_position {
     uint64_t before[8], after[8];
 };
 
+// What consecutive reads beside the file position have in common (record/read_beside.h). Good as long as nothing else
+// is done with the handle: such reads call no cache, so the leaf and the data block stay where they are.
+struct read_run {
+    bool on; // the last operation was such a read; `last` and `current` are still to be written
+    const std::byte *addresses, *keys, *stamps; // arrays of the leaf
+    uint64_t entries, width;                    // of the leaf
+    uint64_t filter;                            // stamp of a browse, none without one
+    const std::byte *block;                     // data block at hand: bytes [block_offset, block_end) of the file
+    uint64_t block_offset, block_end;
+    uint64_t length, bytes; // of the last record; the saved blocks' bytes from record_state to flags2
+};
+
 struct vfs_file : file_state {
     vfs_cache data, meta;
     index_context *contexts; // owned: one per tree (tree_count), null for flat files
@@ -67,11 +79,8 @@ struct vfs_file : file_state {
     vfs_request last;       // the last operation, whatever its outcome
     vfs_request current;    // the current record block: what the last read or start left
     file_position position; // the file position; survives failed operations
-    // The last read went beside the position (record/read_beside.h): `last` and `current` are still to be written.
-    bool blocks_behind;
-    uint64_t behind_length; // the record's
-    uint64_t behind_bytes;  // the blocks' bytes from record_state to flags2
-    uint8_t direction[8];   // (mode, relation) for next, previous, first, last
+    read_run run;
+    uint8_t direction[8]; // (mode, relation) for next, previous, first, last
 
     std::byte *sequence_key; // primary key of the last appended record
     bool sequence_key_known;
