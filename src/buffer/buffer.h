@@ -143,6 +143,7 @@ struct vfs_cache {
     HashTable_Pos scratch;  // position (with the hash) of the key last searched for
     vfs_buffer *assigning;  // buffer being entered in the hash: the allocate hook hands out its entry
     vfs_buffer *hdrb;       // Meta only: owned header buffer, outside lists, count and hash; never evicted
+    std::byte *header_copy; // Meta only: owned, as long as hdrb: the header as the file has it
     uint64_t filesize;      // one past the highest byte this cache knows to exist
     uint32_t min, max, count;
     uint32_t miss;

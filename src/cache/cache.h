@@ -101,11 +101,16 @@ int cache_invalidate(vfs_cache *cache, uint64_t from, uint64_t to); // writes di
 // Drops every block, dirty ones without writing them (the change is abandoned, or another process made it stale).
 // The header buffer stays as it is: whoever abandons its change takes it off the dirty queue and refreshes it.
 void cache_discard(vfs_cache *cache);
+// The same for the dirty blocks alone; the others stay. The header buffer, when it is dirty, as above.
+void cache_discard_changes(vfs_cache *cache);
+// What is dirty, the header buffer included, has been written by other means: it is clean now.
+void cache_changes_written(vfs_cache *cache);
 int cache_cancel_reads(vfs_cache *cache, uint64_t from, uint64_t to);
 
 // ---- The header buffer of the Meta cache ----
 
-// Gives the Meta cache a header buffer of `bytes` bytes at offset 0 (hdrb), zeroed, outside lists, hash and count.
+// Gives the Meta cache a header buffer of `bytes` bytes at offset 0 (hdrb), zeroed, outside lists, hash and count, and
+// as much room beside it (header_copy), where the file's header is read to be compared.
 // It takes part in the dirty queue: write-outs of the Meta cache write it whole. -1 with ENOMEM.
 [[nodiscard]] int cache_header_create(vfs_cache *meta, uint64_t bytes);
 // Reads it in place from the file with one pread; -1 with errno (EINVAL: the file is shorter). Must not be dirty.

@@ -11,7 +11,9 @@ int cache_header_create(vfs_cache *meta, uint64_t bytes)
     assert(meta->bufftype == cache_meta && meta->hdrb == nullptr);
     void *memory = std::malloc(sizeof(vfs_buffer));
     std::byte *area = memory != nullptr ? area_alloc(meta, bytes) : nullptr;
-    if (area == nullptr) {
+    meta->header_copy = area != nullptr ? static_cast<std::byte *>(std::calloc(1, bytes)) : nullptr;
+    if (meta->header_copy == nullptr) {
+        std::free(area);
         std::free(memory);
         return fail(ENOMEM);
     }
@@ -52,4 +54,6 @@ void cache_header_free(vfs_cache *meta)
     meta->hdrb = nullptr;
     std::free(header->area);
     std::free(header);
+    std::free(meta->header_copy);
+    meta->header_copy = nullptr;
 }

@@ -142,6 +142,25 @@ void cache_discard(vfs_cache *cache)
     }
 }
 
+void cache_discard_changes(vfs_cache *cache)
+{
+    for_each_queued(&cache->dirty_queue, [&](vfs_buffer *buffer) {
+        if (buffer == cache->hdrb) return;
+        ++cache->stats.invalidate;
+        buffer_discard(buffer);
+    });
+}
+
+void cache_changes_written(vfs_cache *cache)
+{
+    for_each_queued(&cache->dirty_queue, [&](vfs_buffer *buffer) {
+        if (cache->wcurr == buffer) cache->wcurr = nullptr;
+        cache->stats.bytes_written += buffer->changed_to - buffer->changed_from;
+        buffer->state &= static_cast<uint8_t>(~buffer_end_of_data);
+        dirty_remove(buffer);
+    });
+}
+
 int cache_cancel_reads(vfs_cache *cache, uint64_t, uint64_t)
 {
     outcome all;

@@ -117,6 +117,8 @@ void free_memory(vfs_file *file)
     std::free(file->changed_keys);
     std::free(file->checkpoints);
     std::free(file->contexts);
+    std::free(file->changes.ranges);
+    std::free(file->changes.listed);
     std::free(file);
 }
 

@@ -9,6 +9,7 @@
 #include "record/request.h"
 #include "store/header.h"
 #include "store/movement.h"
+#include "store/redo.h"
 #include "util/errors.h"
 #include "util/process.h"
 #include "util/scope_guard.h"
@@ -67,6 +68,8 @@ vfs_file *handle_allocate(vfs_open_block *block, const open_services &services, 
     file->opener_pid = getpid();
     file->opener_generation = process_generation();
     file->block_lock = file->current_key = none;
+    file->borrow_writable = registry_open_writable;
+    file->give_back_writable = registry_discard;
     if (settings.data_size_fixed) file->setup_flags |= setup_size_fixed;
     if (settings.caching) file->setup_flags |= setup_caching;
     return file;
@@ -472,6 +475,37 @@ int bracket_take(vfs_file *file, lock_target *bracket)
     }
 }
 
+// ---- A commit that a killed process has left unfinished ----
+
+bool commit_unfinished(vfs_file *file)
+{
+    alignas(16) std::byte head[header_variable_part];
+    if (!is_regular(file) || creates(file) || file->size_at_open < sizeof head) return false;
+    if (file_read_at(file, head, sizeof head, 0) != sizeof head) return false;
+    return header_check_fixed(head, file->size_at_open) == 0 &&
+           redo_pending(image_get(std::span<const std::byte>(head), header_state_word));
+}
+
+// Completes it under the lock that the handle holds, when that is one for writing; else the lock is given up meanwhile,
+// because nobody may wait for a lock with another one on the file in hand. `held` is null for an unlocked handle.
+int complete_commit(vfs_file *file, lock_target *held)
+{
+    if (held != nullptr && held->write) return redo_replay(file);
+    if (held != nullptr && lock_clr(*held) == -1) return -1;
+    lock_target target{.file = file, .counted = &file->data};
+    if (held != nullptr) target = *held;
+    if (redo_replay_under(file, target) == -1) return -1;
+    if (is_shared(file)) return bracket_take(file, held);
+    return held != nullptr ? lock_set(*held) : 0;
+}
+
+int commit_completed(vfs_file *file, lock_target *held)
+{
+    while (commit_unfinished(file))
+        if (complete_commit(file, held) == -1 || size_under_locks(file) == -1) return refuse(file, errno);
+    return 0;
+}
+
 void map_file(vfs_file *file)
 {
     const bool mappable = file->settings.memory_mapping && file->lock_defaults.lock_mode <= VFS_LOCK_NONE &&
@@ -672,7 +706,10 @@ int set_up_store(vfs_file *file)
     file->meta.flags |= cache_zero_fill;
     if (file->unbuffered_stream) return header_open(file); // refuses it
     lock_target bracket;
+    lock_target whole{.file = file, .counted = &file->data, .kind = lock_file, .write = !is_read_only(file)};
+    lock_target *held = is_shared(file) ? &bracket : locks_nothing(file) ? nullptr : &whole;
     if (is_shared(file) && bracket_take(file, &bracket) == -1) return -1;
+    if (commit_completed(file, held) == -1) return -1;
     map_file(file);
     int result = header_open(file);
     if (result == 0) {

@@ -274,6 +274,13 @@ int registry_open(const char *path, int open_flags, mode_t mode, bool *taken)
     return parked != -1 ? parked : open_above_standard(path, open_flags, mode);
 }
 
+int registry_open_writable(const file_state *file)
+{
+    char name[32];
+    std::snprintf(name, sizeof name, "/proc/self/fd/%d", file->fd);
+    return registry_open(name, O_RDWR, 0);
+}
+
 void registry_discard(int descriptor)
 {
     const scope_guard keep_errno{[] {}};

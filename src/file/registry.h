@@ -25,6 +25,8 @@ struct usage_snapshot {
 [[nodiscard]] int registry_open(const char *path, int open_flags, mode_t mode, bool *taken = nullptr);
 // The first half of it: a parked descriptor of the file that the path names, or -1.
 [[nodiscard]] int registry_take_descriptor(const char *path, int open_flags);
+// A second descriptor, one that may write, of the very file that the handle has open, wherever its path leads by now.
+[[nodiscard]] int registry_open_writable(const file_state *file);
 // Gives up a descriptor that no handle was registered with: closed, or parked when its file is registered.
 void registry_discard(int descriptor);
 

@@ -4,6 +4,7 @@
 #include "util/errors.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -120,6 +121,29 @@ int file_write_at(file_state *file, const void *from, uint64_t bytes, uint64_t o
 {
     note_written(file);
     return is_direct(file) ? write_bounced(file, from, bytes, offset) : write_plain(file, from, bytes, offset);
+}
+
+int file_write_pieces(file_state *file, std::span<iovec> pieces, uint64_t offset)
+{
+    assert(!is_direct(file));
+    note_written(file);
+    while (!pieces.empty()) {
+        const ssize_t put = retry_call(&ignored_retries, [&] {
+            return pwritev(file->fd, pieces.data(), static_cast<int>(pieces.size()), static_cast<off_t>(offset));
+        });
+        if (put == -1) return -1;
+        if (put == 0) return fail(EIO);
+        offset += static_cast<uint64_t>(put);
+        auto left = static_cast<size_t>(put);
+        while (!pieces.empty() && left >= pieces.front().iov_len) {
+            left -= pieces.front().iov_len;
+            pieces = pieces.subspan(1);
+        }
+        if (pieces.empty()) break;
+        pieces.front().iov_base = static_cast<char *>(pieces.front().iov_base) + left;
+        pieces.front().iov_len -= left;
+    }
+    return 0;
 }
 
 int64_t file_size_now(const file_state *file)

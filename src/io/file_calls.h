@@ -6,10 +6,16 @@
 
 #include "util/file_state.h"
 
+#include <span>
+#include <sys/uio.h>
+
 // Reads up to `bytes` bytes at `offset` until full or end of file: the count, or -1.
 [[nodiscard]] int64_t file_read_at(file_state *file, void *to, uint64_t bytes, uint64_t offset);
 // Writes all of it: 0 or -1 (a write of nothing is EIO).
 [[nodiscard]] int file_write_at(file_state *file, const void *from, uint64_t bytes, uint64_t offset);
+// Writes the pieces one behind the other from `offset` on, as writev does: 0 or -1. May change `pieces`. Not under
+// direct I/O.
+[[nodiscard]] int file_write_pieces(file_state *file, std::span<iovec> pieces, uint64_t offset);
 // Size of the file now; -1 with errno.
 [[nodiscard]] int64_t file_size_now(const file_state *file);
 [[nodiscard]] int file_truncate(file_state *file, uint64_t size);

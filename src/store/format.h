@@ -76,7 +76,6 @@ enum item_type : uint8_t {
     item_live = 8,
     item_moved = 9, // home slot of a relocated record (flat files)
 };
-inline constexpr uint8_t state_write_moved = 10; // in requests only: write the frame of a moved slot
 
 inline constexpr uint32_t format_stamp = 0x20210520;
 inline constexpr uint32_t byte_order_mark = 0x01020304;
@@ -197,6 +196,27 @@ inline constexpr uint64_t header_fixed_bytes = 328; // value of "header length"
 inline constexpr uint64_t header_variable_part = 336;
 inline constexpr uint8_t header_flag_sequential = 1;
 inline constexpr uint64_t state_clean = 0, state_unflushed = 1;
+
+// ---- Redo area: what a commit of a shared file writes behind the end of file before it changes anything below ----
+inline constexpr format_row redo_rows[] = {
+    // written to disk: never move or renumber
+    {"magic", 0, 8}, // "VFSREDO1"
+    {"ranges", 8, 8},
+    {"length", 16, 8}, // of the area: head, list and bytes
+    {"checksum", 24, 8},
+};
+static_assert(rows_tile(redo_rows, 32));
+inline constexpr auto redo_magic = field_of<uint64_t>(redo_rows, "magic");
+inline constexpr auto redo_ranges = field_of<uint64_t>(redo_rows, "ranges");
+inline constexpr auto redo_length = field_of<uint64_t>(redo_rows, "length");
+inline constexpr auto redo_checksum = field_of<uint64_t>(redo_rows, "checksum");
+inline constexpr uint64_t redo_head_bytes = 32, redo_range_bytes = 16; // a range: offset, length
+inline constexpr uint64_t redo_unit = 4096;                            // the area begins at a multiple of it
+inline constexpr uint64_t redo_magic_word = 0x314F444552534656;        // "VFSREDO1" read as a little-endian word
+// Checksum: four lanes, each begun with the basis; word i of the area (8 bytes; the checksum itself counts as 0) goes
+// to lane i mod 4: lane = (lane ^ word) * prime. The sum: basis, then for each lane in turn (sum ^ lane) * prime; the
+// upper half is at last folded into the lower one (sum ^ sum >> 32). The step is that of FNV-1a, over words.
+inline constexpr uint64_t redo_sum_basis = 0xcbf29ce484222325, redo_sum_prime = 0x100000001b3;
 
 // ---- Key table: one entry per tree ----
 inline constexpr format_row key_entry_rows[] = {

@@ -157,6 +157,12 @@ int create_tree(vfs_file *file, uint64_t k)
     return 0;
 }
 
+int image_create(vfs_file *file, uint64_t bytes)
+{
+    cache_header_free(&file->meta);
+    return cache_header_create(&file->meta, bytes);
+}
+
 int header_write(vfs_file *file)
 {
     return buffer_start_write(file->meta.hdrb) == -1 ? -1 : buffer_wait(file->meta.hdrb);
@@ -250,8 +256,7 @@ int create(vfs_file *file, const block_sizes &blocks)
     file->data_block_size = blocks.data_block;
     if (contexts_allocate(file) == -1) return -1;
     const metadata_layout layout = layout_of(file);
-    cache_header_free(&file->meta);
-    if (cache_header_create(&file->meta, layout.size) == -1) return -1;
+    if (image_create(file, layout.size) == -1) return -1;
     file->data.filesize = file->meta.filesize = 0;
     file->modified = true;
     file->end_of_file = file->data_start = layout.size;
@@ -306,13 +311,11 @@ int header_read(vfs_file *file)
     const int64_t size = file_size_now(file);
     if (size == -1) return -1;
     if (size < static_cast<int64_t>(metadata_unit)) return fail(EINVAL);
-    cache_header_free(&file->meta);
-    if (cache_header_create(&file->meta, metadata_unit) == -1 || cache_header_refresh(&file->meta) == -1) return -1;
+    if (image_create(file, metadata_unit) == -1 || cache_header_refresh(&file->meta) == -1) return -1;
     if (header_check_fixed(header_image(file), static_cast<uint64_t>(size)) == -1) return -1;
     const uint64_t region = header_get(file, header_metadata_size);
     if (region != metadata_unit) {
-        cache_header_free(&file->meta);
-        if (cache_header_create(&file->meta, region) == -1 || cache_header_refresh(&file->meta) == -1) return -1;
+        if (image_create(file, region) == -1 || cache_header_refresh(&file->meta) == -1) return -1;
         if (header_check_fixed(header_image(file), static_cast<uint64_t>(size)) == -1) return -1;
     }
     if (header_get(file, field<uint64_t>{static_cast<uint32_t>(region - trailer_bytes)}) != region) return fail(EINVAL);

@@ -3,6 +3,7 @@
 #ifndef VFS_STORE_HEADER_H
 #define VFS_STORE_HEADER_H
 
+#include "lock/lock.h"
 #include "store/vfs_file.h"
 
 [[nodiscard]] int header_open(vfs_file *file);   // reads, creates or re-initializes; sizes the caches
@@ -40,8 +41,11 @@ inline bool metadata_bracket(const vfs_file *file)
 // The end of the bracket of an operation that failed. In a shared file nothing that it changed is written: the file is
 // as it was before. Elsewhere what the operation undid by hand stands, as after metadata_release.
 [[nodiscard]] int metadata_abandon(vfs_file *file);
-// Reads the header again and drops from the caches what its counters say is stale.
+// Reads the header again and drops from the caches what its counters say is stale. EINPROGRESS: a process that died has
+// left a commit to be completed first (store/redo.h).
 [[nodiscard]] int metadata_refresh(vfs_file *file);
+// Takes the lock and refreshes, completing such a commit; -1: the lock is not held.
+[[nodiscard]] int lock_and_refresh(vfs_file *file, const lock_target &target);
 // Writes everything that is dirty into the file, the header last; no sync.
 [[nodiscard]] int changes_write_out(vfs_file *file);
 // Something is changed in memory that is not in the file.

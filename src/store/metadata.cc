@@ -3,6 +3,7 @@
 #include "lock/lock.h"
 #include "store/header.h"
 #include "store/movement.h"
+#include "store/redo.h"
 #include "store/tree.h"
 #include "util/errors.h"
 
@@ -22,21 +23,17 @@ lock_target bracket_lock(vfs_file *file, bool change)
     return target;
 }
 
-// Everything in the header that no operation changes: when it differs, the file was made anew.
-uint64_t identity_of(const vfs_file *file)
+// Compares what no operation changes in the header with what was read: when it differs, the file was made anew.
+bool same_file(const vfs_file *file)
 {
     const std::span<const std::byte> image = header_image(file);
-    uint64_t hash = 0xcbf29ce484222325; // FNV-1a
-    const auto add = [&](uint64_t from, uint64_t to) {
-        for (uint64_t i = from; i < to && i < image.size(); ++i) hash = (hash ^ uint64_t(image[i])) * 0x100000001b3;
+    const auto same = [&](uint64_t from, uint64_t to) {
+        return std::memcmp(image.data() + from, file->meta.header_copy + from, to - from) == 0;
     };
-    add(0, 40);
-    add(88, 136);
-    add(160, 200);
-    add(208, 240);
+    if (!same(0, 40) || !same(88, 136) || !same(160, 200) || !same(208, 240)) return false;
+    if (header_get(file, header_key_description) == 0) return true;
     const uint64_t table = header_get(file, header_key_table);
-    if (header_get(file, header_key_description) != 0) add(header_variable_part, table == 0 ? image.size() : table);
-    return hash;
+    return same(header_variable_part, table == 0 ? image.size() : table);
 }
 
 void sequence_key_reload(vfs_file *file)
@@ -62,19 +59,18 @@ void remember_seen(vfs_file *file)
 }
 
 // The handle is as the file is: nothing that was changed since the bracket began has been written.
-int changes_take_back(vfs_file *file)
+void changes_take_back(vfs_file *file)
 {
-    changes_drop(file);
+    contexts_discard_changes(file);
+    if (file->data.count != 0) cache_discard_changes(&file->data);
+    cache_discard_changes(&file->meta);
     checkpoints_forget(file);
-    if (cache_header_refresh(&file->meta) == -1) {
-        store_error(file, errno);
-        return -1;
-    }
+    dirty_remove(file->meta.hdrb);
+    std::memcpy(file->meta.hdrb->data, file->meta.header_copy, file->meta.hdrb->size);
     header_load(file);
     remember_seen(file);
     sequence_key_reload(file);
     file->position = file->acquired_position; // the trees are as they were when it was taken
-    return 0;
 }
 
 int store_damaged(vfs_file *file)
@@ -95,16 +91,24 @@ void changes_drop(vfs_file *file)
 
 int metadata_refresh(vfs_file *file)
 {
+    vfs_buffer *header = file->meta.hdrb;
     // Whoever gave the lock away had published or dropped its changes.
-    if (is_dirty(file->meta.hdrb)) return store_damaged(file);
-    const uint64_t before = identity_of(file);
-    const int64_t tsn = file->tsn;
-    const uint64_t dsn = file->dsn, asn = file->asn, end = file->end_of_file;
-    if (cache_header_refresh(&file->meta) == -1) return -1;
-    if (identity_of(file) != before) {
+    if (is_dirty(header)) return store_damaged(file);
+    const int64_t got = file_read_at(file, file->meta.header_copy, header->size, 0);
+    if (got == -1) return -1;
+    file->meta.stats.bytes_read += static_cast<uint64_t>(got);
+    if (static_cast<uint64_t>(got) != header->size) return fail(EINVAL);
+    const uint64_t state = image_get(std::span<const std::byte>(file->meta.header_copy, header->size), header_state_word);
+    if (redo_pending(state)) return fail(EINPROGRESS);
+    // The usual case of a file that nobody else has changed: what was checked once is good.
+    if (std::memcmp(header->data, file->meta.header_copy, header->size) == 0) return 0;
+    if (!same_file(file)) {
         store_error(file, ESTALE);
         return fail(ESTALE);
     }
+    std::memcpy(header->data, file->meta.header_copy, header->size);
+    const int64_t tsn = file->tsn;
+    const uint64_t dsn = file->dsn, asn = file->asn, end = file->end_of_file;
     // An unlocked handle looks while another may be writing: to it a marked session is no damage.
     const bool locked = file->lock_defaults.lock_mode >= VFS_LOCK_FILE;
     if (header_check_fixed(header_image(file), header_image(file).size()) == -1 ||
@@ -127,18 +131,23 @@ int metadata_refresh(vfs_file *file)
     return 0;
 }
 
+int lock_and_refresh(vfs_file *file, const lock_target &target)
+{
+    for (;;) {
+        if (lock_set(target) == -1) return -1;
+        if (metadata_refresh(file) == 0) return 0;
+        const int cause = errno;
+        lock_clr(target);
+        if (cause != EINPROGRESS) return fail(cause);
+        if (redo_replay_under(file, target) == -1) return -1;
+    }
+}
+
 int metadata_acquire(vfs_file *file, bool change)
 {
-    const lock_target target = bracket_lock(file, change);
-    if (lock_set(target) == -1) return -1;
+    if (lock_and_refresh(file, bracket_lock(file, change)) == -1) return -1;
     file->acquired = true;
     file->acquired_for_change = change;
-    if (metadata_refresh(file) == -1) {
-        const int cause = errno;
-        file->acquired = false;
-        lock_clr(target);
-        return fail(cause);
-    }
     file->acquired_end = file->end_of_file;
     file->acquired_position = file->position;
     return 0;
@@ -149,21 +158,26 @@ int metadata_release(vfs_file *file)
     if (!file->acquired) return 0;
     file->acquired = false;
     int result = 0;
+    bool in_doubt = true;
     if (file->acquired_for_change && !is_read_only(file))
-        result = is_shared(file) ? changes_write_out(file) : session_publish(file);
+        result = is_shared(file) ? changes_commit(file, &in_doubt) : session_publish(file);
     const int cause = errno;
-    if (result == -1) changes_drop(file); // none of it may reach the file once the lock is given away
+    if (result == -1) { // none of it may reach the file once the lock is given away
+        if (in_doubt)
+            changes_drop(file);
+        else
+            changes_take_back(file);
+    }
     if (lock_clr(bracket_lock(file, file->acquired_for_change)) == -1 && result == 0) return -1;
     return result == 0 ? 0 : fail(cause);
 }
 
 int metadata_abandon(vfs_file *file)
 {
-    if (!is_shared(file) || !file->acquired || !changes_pending(file)) return metadata_release(file);
-    const int result = changes_take_back(file), cause = errno;
+    if (!is_shared(file) || !file->acquired) return metadata_release(file);
+    if (changes_pending(file)) changes_take_back(file);
     file->acquired = false;
-    if (lock_clr(bracket_lock(file, file->acquired_for_change)) == -1 && result == 0) return -1;
-    return result == 0 ? 0 : fail(cause);
+    return lock_clr(bracket_lock(file, file->acquired_for_change));
 }
 
 int address_check(vfs_file *file, uint64_t address, uint64_t length)

@@ -9,6 +9,7 @@
 #include "io/io.h"
 #include "lock/lock.h"
 #include "store/header.h"
+#include "store/redo.h"
 #include "store/tree.h"
 #include "util/errors.h"
 #include "util/scope_guard.h"
@@ -84,12 +85,14 @@ int set_words(vfs_file *file, uint64_t state, uint64_t boot)
     const bool was_dirty = is_dirty(header), was_unsynced = file->unsynced;
     header_put(file, header_state_word, state);
     header_put(file, header_boot_word, boot);
-    constexpr uint64_t at = header_state_word.offset;
+    constexpr uint64_t at = header_state_word.offset; // one behind the other
+    std::memcpy(file->meta.header_copy + at, header_image(file).data() + at, 2 * sizeof state);
     const int result = file_write_at(file, header_image(file).data() + at, 2 * sizeof state, at);
     const int cause = errno;
     if (result == -1) { // the image says what the file says
         header_put(file, header_state_word, old_state);
         header_put(file, header_boot_word, old_boot);
+        std::memcpy(file->meta.header_copy + at, header_image(file).data() + at, 2 * sizeof state);
     }
     if (!was_dirty) dirty_remove(header);
     file->unsynced = was_unsynced;
@@ -296,7 +299,7 @@ int session_close(vfs_file *file)
         const lock_target target{
             .file = file, .counted = &file->data, .kind = lock_file, .write = true, .try_only = true};
         if (lock_set(target) == -1) return 0;
-        if (metadata_refresh(file) == -1) return -1;
+        if (redo_replay(file) == -1 || metadata_refresh(file) == -1) return -1;
     }
     if (file->error == ESTALE) return fail(ESTALE);
     if (second_writer_check(file) == -1) return -1;

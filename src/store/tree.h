@@ -16,6 +16,8 @@
 [[nodiscard]] int tree_select(vfs_file *file, uint64_t key);
 void contexts_close(vfs_file *file);   // closes and frees every context; errors are stored
 void contexts_discard(vfs_file *file); // drops every cached node and every cursor, without writing
+// Drops the nodes that the operation under way has changed, and the cursors that it may have moved.
+void contexts_discard_changes(vfs_file *file);
 
 [[nodiscard]] int leaf_create_root(vfs_file *file, uint64_t key); // the first leaf of a new tree: root, first, last
 

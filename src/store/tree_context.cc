@@ -137,6 +137,20 @@ void contexts_discard(vfs_file *file)
     file->last.node = file->last.item = none;
 }
 
+void contexts_discard_changes(vfs_file *file)
+{
+    if (file->contexts == nullptr) return;
+    for (uint64_t key = 0; key < file->tree_count; ++key) {
+        index_context &context = file->contexts[key];
+        if (!context.open) continue;
+        cache_discard_changes(&context.cache);
+        context.cache.filesize = file->acquired_end;
+        context.node = context.item = none;
+    }
+    file->current.node = file->current.item = none;
+    file->last.node = file->last.item = none;
+}
+
 int leaf_create_root(vfs_file *file, uint64_t key)
 {
     index_tree tree;

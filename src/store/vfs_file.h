@@ -10,6 +10,7 @@
 #include <cstring>
 
 struct vfs_registry_entry;
+struct changed_range;
 
 // One tree's way to its blocks: its own Index cache, and where the last search ended (a hint only: checked before
 // it is used, reset when the block is freed).
@@ -60,6 +61,14 @@ struct read_run {
     const std::byte *block;                     // data block at hand: bytes [block_offset, block_end) of the file
     uint64_t block_offset, block_end;
     uint64_t length, bytes; // of the last record; the saved blocks' bytes from record_state to flags2
+};
+
+// What a commit writes (store/redo.h): memory that grows with the largest operation of the handle.
+struct change_list {
+    changed_range *ranges; // owned
+    uint64_t count, room;
+    std::byte *listed; // owned: the list of the redo area, offset and length of each range
+    uint64_t listed_room;
 };
 
 struct vfs_file : file_state {
@@ -114,6 +123,13 @@ struct vfs_file : file_state {
 
     uint64_t block_lock; // lock mode 4: start of the Data block that this handle holds locked; none
 
+    change_list changes; // of the commit under way
+
+    // For a read-only handle that has to finish the commit of a process that died: a descriptor of the same file that
+    // may write, or -1 with errno; and what becomes of it afterwards. Set by open.
+    int (*borrow_writable)(const file_state *file);
+    void (*give_back_writable)(int descriptor);
+
     vfs_registry_entry *registry;
     char *error_buffer; // owned: text of error_text
     int error_number, error_code;
@@ -143,7 +159,7 @@ inline void header_change(vfs_file *file, uint64_t offset, const void *bytes, ui
     assert(offset + length <= header->size);
     if (std::memcmp(header->data + offset, bytes, length) == 0) return;
     dirty_add(header);
-    mark_changed(header, header->offset, header->offset + header->size);
+    mark_changed(header, offset, offset + length);
     std::memcpy(header->data + offset, bytes, length);
 }
 

@@ -93,6 +93,11 @@ TEST(FormatPage, ShowsFreeSlotLists)
     expect_same("## Free-slot lists", free_slots_rows);
 }
 
+TEST(FormatPage, ShowsTheRedoArea)
+{
+    expect_same("### Redo area", redo_rows);
+}
+
 TEST(FormatPage, ShowsTheFrame)
 {
     const std::vector<cells> rows = offsets_under("## Items");
