@@ -1,0 +1,85 @@
+// storm_test.cc: eight processes on one file, of every shape and under both ways of sharing, undisturbed and with one
+// of them killed again and again. VFS_STORM_SECONDS and VFS_STORM_SEED make a storm longer, or another one.
+#include "storm.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <random>
+
+namespace {
+
+using namespace host;
+
+struct weather {
+    shape what;
+    uint32_t lock_mode;
+    bool kills;
+};
+
+void PrintTo(const weather &how, std::ostream *out)
+{
+    *out << name_of(how.what) << " lock mode " << how.lock_mode << (how.kills ? " with kills" : "");
+}
+
+std::string name_of_case(const testing::TestParamInfo<weather> &info)
+{
+    return std::string{name_of(info.param.what)} + (info.param.lock_mode == VFS_LOCK_RECORD ? "Records" : "Blocks") +
+           (info.param.kills ? "Killed" : "");
+}
+
+int64_t from_environment(const char *name, int64_t otherwise)
+{
+    const char *text = getenv(name);
+    return text != nullptr && *text != '\0' ? atol(text) : otherwise;
+}
+
+class Storm : public testing::TestWithParam<weather> {};
+
+TEST_P(Storm, EveryAnswerIsKept)
+{
+    const weather how = GetParam();
+    for (const char *name : {"VFS_DEBUG", "VFS_SYNC", "VFS_CACHE_SIZE"}) unsetenv(name);
+    setenv("VFS_LOCK", "9", 1); // the lock modes that the test asks for
+    std::string directory = std::filesystem::temp_directory_path() / "vfs_storm_XXXXXX";
+    ASSERT_NE(mkdtemp(directory.data()), nullptr);
+    const int64_t seed = from_environment("VFS_STORM_SEED", std::random_device{}());
+    const storm_report report = run_storm({.what = how.what,
+                                           .lock_mode = how.lock_mode,
+                                           .kills = how.kills,
+                                           .milliseconds = from_environment("VFS_STORM_SECONDS", 3) * 1000,
+                                           .seed = static_cast<uint64_t>(seed),
+                                           .directory = directory});
+    std::ostringstream figures;
+    figures << report;
+    std::cout << testing::PrintToString(how) << ", seed " << seed << ": " << figures.str() << std::endl;
+    RecordProperty("figures", figures.str());
+    EXPECT_EQ(report.anomalies, "") << "VFS_STORM_SEED=" << seed;
+    EXPECT_GT(report.operations, 1000u);
+    if (how.kills) {
+        EXPECT_GT(report.kills, 10u);
+    }
+    EXPECT_LT(report.longest_ns, 5'000'000'000) << "somebody waited for somebody who was gone";
+    if (HasFailure() && from_environment("VFS_STORM_KEEP", 0) != 0)
+        std::cout << "kept " << directory << std::endl;
+    else
+        std::filesystem::remove_all(directory);
+}
+
+INSTANTIATE_TEST_SUITE_P(DISABLED_Calm, Storm,
+                         testing::Values(weather{shape::indexed, VFS_LOCK_RECORD, false},
+                                         weather{shape::indexed, VFS_LOCK_AUTO, false},
+                                         weather{shape::relative, VFS_LOCK_RECORD, false},
+                                         weather{shape::relative, VFS_LOCK_AUTO, false},
+                                         weather{shape::sequential, VFS_LOCK_RECORD, false},
+                                         weather{shape::sequential, VFS_LOCK_AUTO, false}),
+                         name_of_case);
+
+INSTANTIATE_TEST_SUITE_P(DISABLED_Killed, Storm,
+                         testing::Values(weather{shape::indexed, VFS_LOCK_RECORD, true},
+                                         weather{shape::indexed, VFS_LOCK_AUTO, true},
+                                         weather{shape::relative, VFS_LOCK_RECORD, true},
+                                         weather{shape::sequential, VFS_LOCK_RECORD, true}),
+                         name_of_case);
+
+} // namespace
