@@ -14,3 +14,5 @@ command_body declare_scan(CLI::App &command);
 command_body declare_put(CLI::App &command);
 command_body declare_delete(CLI::App &command);
 command_body declare_info(CLI::App &command);
+command_body declare_check(CLI::App &command);
+command_body declare_rebuild(CLI::App &command);

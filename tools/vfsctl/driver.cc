@@ -92,14 +92,15 @@ record_file::record_file(const open_request &request) : path_(request.path)
     block.lock_defaults = &locks; // all defaults: VFS_LOCK decides
     block.keys = request.keys;
     block.open_flags = static_cast<uint32_t>(request.flags);
-    block.organization = VFS_ORG_INDEXED;
-    block.logical_organization = VFS_ORG_INDEXED;
+    block.organization = request.organization;
+    block.logical_organization = request.logical;
+    block.block_size = request.block_size;
     block.access_mode = request.sequential ? VFS_ACCESS_SEQUENTIAL : VFS_ACCESS_DYNAMIC;
     block.record_format = request.fixed_length ? VFS_FORMAT_FIXED : VFS_FORMAT_VARIABLE;
     handle_ = driver().ops.open(&block);
     if (handle_ == nullptr) fail("cannot open it", errno);
     try {
-        area_.resize(static_cast<size_t>(info().max_record_length) + 1);
+        if (!request.only_writes) area_.resize(static_cast<size_t>(info().max_record_length) + 1);
     } catch (...) {
         driver().ops.close(handle_, nullptr);
         throw;
@@ -175,6 +176,12 @@ outcome record_file::write(std::string_view bytes)
                                      static_cast<const void *>(nullptr), static_cast<int64_t>(bytes.size()),
                                      int64_t{0}),
                   "cannot write");
+}
+
+outcome record_file::write_at(int64_t rrn, std::string_view bytes)
+{
+    vfs_record record{.length = bytes.size(), .bytes = const_cast<char *>(bytes.data())};
+    return settle(driver().ops.write(handle_, &record, nullptr, nullptr, nullptr, VFS_POS_RRN, rrn), "cannot write");
 }
 
 outcome record_file::rewrite(std::string_view bytes, std::string_view key)

@@ -21,6 +21,10 @@ struct open_request {
     int64_t min_record_length = 0;
     int64_t max_record_length = 0;
     bool fixed_length = false;
+    uint32_t organization = VFS_ORG_INDEXED; // of the file on the disk
+    uint32_t logical = VFS_ORG_INDEXED;      // to the program
+    int64_t block_size = 0;
+    bool only_writes = false; // no record is going to be read
 };
 
 // What became of one record operation that may be refused without harm.
@@ -40,6 +44,7 @@ public:
     bool start(int32_t relation, std::string_view key, int64_t key_number); // false: no such record
     // done, or refused with the error in last_error(); anything else throws. Keys come from the record.
     outcome write(std::string_view record);
+    outcome write_at(int64_t rrn, std::string_view record);                 // files without keys
     outcome rewrite(std::string_view record, std::string_view primary_key); // or not_found
     outcome remove(std::string_view key, int64_t key_number);               // or not_found
     int last_error() const { return last_error_; }

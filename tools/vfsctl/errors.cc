@@ -15,8 +15,9 @@ struct hint {
 constexpr hint hints[] = {
     {ENOENT, "there is no such file; 'vfsctl create' makes one, 'vfsctl load --key ...' makes and fills one"},
     {EEXIST, "the file exists already; --force overwrites it"},
-    {ENOEXEC, "the file is damaged, or the program that changed it last did not close it; before anything else make a "
-              "copy, then see \"Unclosed files\" in docs/operations.md"},
+    {ENOEXEC,
+     "the file is damaged, or the program that changed it last did not close it; 'vfsctl check' says which, and "
+     "\"After a crash\" in docs/operations.md what to do"},
     {EAGAIN, "another program has the file or the record locked; try again when it is done, or see VFS_LOCK"},
     {ETXTBSY, "another program has the file open for itself; try again when it has closed it"},
     {EDEADLK, "this and another program wait for each other's locks; try again"},

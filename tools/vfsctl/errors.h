@@ -14,6 +14,15 @@ enum exit_status {
     exit_interrupted = 130, // stopped by the user; the file was closed in order
 };
 
+// Those of the command check, as of fsck(8).
+enum check_status {
+    check_sound = 0,
+    check_cleared = 1, // sound, and now marked as closed
+    check_damaged = 4, // damage, or a file that was not closed, is left
+    check_not_run = 8, // the file could not be read, or not be had alone for --clear
+    check_usage = 16,
+};
+
 // The command cannot be carried out as given, or the world does not allow it.
 class tool_error : public std::runtime_error {
 public:

@@ -25,6 +25,8 @@ constexpr command commands[] = {
     {"put", "Add a record, or replace the one with its primary key", declare_put},
     {"delete", "Remove the record with a key value", declare_delete},
     {"info", "Show what a file is: keys, records, lengths", declare_info},
+    {"check", "Check all of a file, also one that the driver refuses", declare_check},
+    {"rebuild", "Make a new file of the records of a damaged one", declare_rebuild},
 };
 
 constexpr const char *footer = R"(
@@ -32,6 +34,7 @@ Keys: offset:length, parts joined by '+', ',dup' when several records may share 
   --key 0:12 --key 12:30,dup --key 60:4+70:2,dup
 Layouts (CSV): --layout "code:9,name:auto,address:*"; with a layout a key may also name a column: --key code
 Exit status: 0 done, 1 nothing found, 2 failed, 3 done but rows were refused, 130 interrupted.
+Of check: 0 sound, 1 cleared, 4 damaged or not closed, 8 could not be checked, 16 wrong usage.
 The settings of the driver (VFS_LOCK, VFS_CACHE_SIZE, ...) hold here too: docs/operations.md lists them.)";
 
 int run(int argc, char **argv)
@@ -47,7 +50,8 @@ int run(int argc, char **argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? exit_good : exit_failed;
+        const int failed = app.got_subcommand("check") ? static_cast<int>(check_usage) : static_cast<int>(exit_failed);
+        return app.exit(error) == 0 ? exit_good : failed;
     }
     for (const auto &[sub, body] : bodies)
         if (sub->parsed()) return body();

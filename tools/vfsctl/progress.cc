@@ -35,7 +35,7 @@ progress::progress(std::string label, uint64_t total)
 
 progress::~progress()
 {
-    if (terminal_ && done_ >= 256) std::fputs("\r\033[K", stderr);
+    if (drawn_) std::fputs("\r\033[K", stderr);
 }
 
 void progress::draw()
@@ -44,6 +44,7 @@ void progress::draw()
     const auto now = std::chrono::steady_clock::now();
     if (now - last_draw_ < std::chrono::milliseconds{100}) return;
     last_draw_ = now;
+    drawn_ = true;
     if (total_ == 0) {
         fmt::print(stderr, "\r{} {}\033[K", label_, done_);
         return;
@@ -53,6 +54,16 @@ void progress::draw()
     const size_t width = terminal_width() > taken + 10 ? terminal_width() - taken : 10;
     const size_t filled = static_cast<size_t>(width * done_ / total_);
     fmt::print(stderr, "\r{} [{}{}]{}", label_, std::string(filled, '#'), std::string(width - filled, ' '), numbers);
+}
+
+void staged_progress::show(std::string_view what, uint64_t done, uint64_t total)
+{
+    if (bar_ == nullptr || what_ != what) {
+        bar_.reset(); // it clears its line before the next one draws
+        what_ = what;
+        bar_ = std::make_unique<progress>(what_, total);
+    }
+    bar_->reach(done);
 }
 
 void watch_for_interruption()

@@ -3,7 +3,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
+#include <string_view>
 
 class progress {
 public:
@@ -17,6 +19,12 @@ public:
         if (++done_ >= next_look_) draw();
     }
 
+    void reach(uint64_t done) // of work that is not counted in steps
+    {
+        done_ = done;
+        if (terminal_) draw();
+    }
+
 private:
     void draw();
 
@@ -25,7 +33,19 @@ private:
     uint64_t done_ = 0;
     uint64_t next_look_; // the clock is not asked at every step
     bool terminal_;
+    bool drawn_ = false;
     std::chrono::steady_clock::time_point last_draw_;
+};
+
+// The bars of work in several stages, one at a time.
+class staged_progress {
+public:
+    void show(std::string_view what, uint64_t done, uint64_t total);
+    void finish() { bar_.reset(); }
+
+private:
+    std::string what_;
+    std::unique_ptr<progress> bar_;
 };
 
 // From the first call on, the first SIGINT or SIGTERM only asks long work to stop, so that files are closed in order;

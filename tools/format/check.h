@@ -1,0 +1,39 @@
+// The check of a whole file: everything that the format promises, compared with the bytes.
+// Reads only; knows nothing of locks, of the command line or of the driver.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string_view>
+
+#include "format/facts.h"
+#include "format/image.h"
+#include "format/report.h"
+#include "format/words.h"
+
+struct check_options {
+    uint64_t line_limit = 40; // problems whose text is kept, and notes
+    // Told what is being done and how far it is; returns false when the check is to stop.
+    std::function<bool(std::string_view what, uint64_t done, uint64_t total)> progress;
+};
+
+struct check_result {
+    explicit check_result(uint64_t line_limit) : report(line_limit) {}
+
+    check_report report;
+    session words;
+    file_facts facts;
+    items_behind behind;
+    uint64_t records = 0;
+    bool complete = true; // false: it was stopped
+    bool sound() const { return complete && report.problem_count() == 0; }
+    // The trees lead to every record that the walk finds, so that they can be read by their order.
+    bool trees_sound() const;
+};
+
+// Puts a pending change of the file into `image`, so that it is checked as the next open will make it.
+check_result check_image(file_image &image, const check_options &options = {});
+
+// The slots of the records in the order of a sound tree, until the call returns false.
+void each_in_tree(file_image &image, const file_facts &facts, const file_key &key,
+                  const std::function<bool(uint64_t slot)> &call);
