@@ -191,14 +191,6 @@ int write_new_file(vfs_file *file)
     return header_write(file);
 }
 
-void remember_seen(vfs_file *file)
-{
-    file->seen_tsn = file->tsn;
-    file->seen_dsn = file->dsn;
-    file->seen_asn = file->asn;
-    file->seen_end = file->end_of_file;
-}
-
 int meta_cache_init(vfs_file *file)
 {
     file->meta.block_size = index_block_bytes;

@@ -50,14 +50,6 @@ void checkpoints_forget(vfs_file *file)
     if (file->checkpoints != nullptr) std::memset(file->checkpoints + 8, 0, checkpoint_bytes - 8);
 }
 
-void remember_seen(vfs_file *file)
-{
-    file->seen_tsn = file->tsn;
-    file->seen_dsn = file->dsn;
-    file->seen_asn = file->asn;
-    file->seen_end = file->end_of_file;
-}
-
 // The handle is as the file is: nothing that was changed since the bracket began has been written.
 void changes_take_back(vfs_file *file)
 {

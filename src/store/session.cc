@@ -136,14 +136,6 @@ int second_writer_check(vfs_file *file)
     return fail(ESTALE);
 }
 
-void remember_written(vfs_file *file)
-{
-    file->seen_tsn = file->tsn;
-    file->seen_dsn = file->dsn;
-    file->seen_asn = file->asn;
-    file->seen_end = file->end_of_file;
-}
-
 int cut_to_end(vfs_file *file)
 {
     if (!is_regular(file)) return 0;
@@ -234,7 +226,7 @@ int changes_write_out(vfs_file *file)
     for (uint64_t k = 0; k < file->tree_count && file->contexts != nullptr; ++k)
         if (file->contexts[k].open) keep(cache_write_out(&file->contexts[k].cache, 0, none));
     keep(cache_write_out(&file->meta, 0, none));
-    if (result == 0) remember_written(file);
+    if (result == 0) remember_seen(file);
     return result;
 }
 

@@ -140,6 +140,15 @@ struct vfs_file : file_state {
     std::byte *checkpoints; // owned: remembered record numbers of a flat file of variable slots
 };
 
+// The counters in the file are those of the handle: it has just read or written them.
+inline void remember_seen(vfs_file *file)
+{
+    file->seen_tsn = file->tsn;
+    file->seen_dsn = file->dsn;
+    file->seen_asn = file->asn;
+    file->seen_end = file->end_of_file;
+}
+
 // ---- The header image: hdrb of the Meta cache ----
 
 inline std::span<const std::byte> header_image(const vfs_file *file)
