@@ -197,6 +197,12 @@ int take_hole(vfs_file *file, uint64_t needed, vfs_request *request)
 
 // ---- The tail of a data block ----
 
+// Behind the end of a shared file a process that was killed may have left bytes; anybody else's are zeros.
+int zero_leftovers(vfs_file *file, uint64_t offset, uint64_t length)
+{
+    return is_shared(file) ? data_put(file, offset, nullptr, length) : 0;
+}
+
 int tail_hole(vfs_file *file, uint64_t length)
 {
     const uint64_t at = file->end_of_file, last = header_get(file, header_last_hole);
@@ -206,7 +212,7 @@ int tail_hole(vfs_file *file, uint64_t length)
         if (slot_check(file, last, &head) == -1) return -1;
         if (head.type != item_hole) return damaged();
     }
-    if (hole_write(file, at, length, 0) == -1) return -1;
+    if (zero_leftovers(file, at, length) == -1 || hole_write(file, at, length, 0) == -1) return -1;
     if (last != 0 && data_put(file, last + 8, &at, sizeof at) == -1) return -1;
     const uint64_t first = header_get(file, header_first_hole);
     holes_put(file, header_get(file, header_holes) + 1, first == 0 ? at : first, at);
@@ -310,12 +316,7 @@ int slot_free(vfs_file *file, uint64_t offset, unlisted_slot unlisted)
     const int cause = errno;
     slot_head head; // read after the list has room: making room may have grown the slot
     if (slot_head_read(file, offset, &head) == -1) return -1;
-    vfs_request frame{};
-    frame.record_offset = offset;
-    frame.stored_length = head.stored_length;
-    frame.record_state = item_deleted;
-    frame.rrn = head.rrn;
     if (room == -1 && unlisted == unlisted_slot::refused) return fail(cause);
-    if (record_write_frame(file, &frame) == -1) return -1;
+    if (slot_head_write(file, offset, {head.stored_length, 0, head.rrn, item_deleted}) == -1) return -1;
     return room == -1 ? fail(cause) : list_insert(file, offset, head.stored_length);
 }

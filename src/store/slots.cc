@@ -12,15 +12,15 @@ struct head_image {
     std::byte bytes[slot_head_bytes];
 };
 
-head_image make_head(const vfs_request *request, uint64_t stored, uint64_t data_word, uint8_t type)
+head_image make_head(const slot_head &head)
 {
-    head_image head{};
-    const std::span<std::byte> image(head.bytes);
-    image_put(image, slot_stored_length, stored);
-    image_put(image, slot_data_length, data_word);
-    image_put(image, slot_type, type);
-    image_put(image, slot_rrn, request->rrn);
-    return head;
+    head_image made{};
+    const std::span<std::byte> image(made.bytes);
+    image_put(image, slot_stored_length, head.stored_length);
+    image_put(image, slot_data_length, head.data_length);
+    image_put(image, slot_type, head.type);
+    image_put(image, slot_rrn, head.rrn);
+    return made;
 }
 
 // Writes head, data, zero fill and trailer of one slot.
@@ -63,9 +63,20 @@ int moved_target(vfs_file *file, uint64_t home_rrn, uint64_t target, slot_head *
     return head->type == item_relocated && head->rrn == home_rrn ? 0 : damaged();
 }
 
-int report_mismatch(vfs_file *file, const vfs_request *request, uint64_t trailer, std::span<const vfs_segment> pieces)
+// What a slot is read as: the record as far as it is wanted, the rest of the slot, the trailer.
+struct slot_pieces {
+    vfs_segment list[3];
+};
+
+slot_pieces pieces_of(const vfs_request *request, uint64_t stored, uint64_t bytes, uint64_t *trailer)
+{
+    return {{{bytes, request->record}, {stored - slot_overhead - bytes, nullptr}, {trailer_bytes, trailer}}};
+}
+
+int report_mismatch(vfs_file *file, const vfs_request *request, const slot_pieces &pieces)
 {
     const vfs_buffer *block = file->data.curr;
+    const uint64_t trailer = *static_cast<const uint64_t *>(pieces.list[2].address);
     std::fprintf(stderr,
                  "offset 0x%lx bend 0x%lx roffset 0x%lx tlr 0x%lx end 0x%lx type %d rrn %ld len %ld %ld dlen %ld "
                  "sequential %d noseek %d\n",
@@ -76,7 +87,7 @@ int report_mismatch(vfs_file *file, const vfs_request *request, uint64_t trailer
                  static_cast<long>(request->data_length), (request->flags & VFS_FLAG_SEQUENTIAL) != 0,
                  (request->flags & VFS_FLAG_CURRENT) != 0);
     int index = 0;
-    for (const vfs_segment &piece : pieces)
+    for (const vfs_segment &piece : pieces.list)
         std::fprintf(stderr, "%d: %3.3ld %p\n", index++, static_cast<long>(piece.length), piece.address);
     return damaged();
 }
@@ -164,6 +175,27 @@ int record_head(vfs_file *file, vfs_request *request)
     return 0;
 }
 
+int slot_damaged(vfs_file *file, const vfs_request *request)
+{
+    const uint64_t offset = request->record_offset;
+    std::byte image[slot_head_bytes];
+    if (offset % 8 != 0 || offset < file->data_start || offset >= file->end_of_file ||
+        file->end_of_file - offset < slot_overhead || data_get(file, offset, image, sizeof image) == -1)
+        return damaged();
+    vfs_request found = *request;
+    found.stored_length = load_u64(image + slot_stored_length.offset);
+    found.data_length = load_u64(image + slot_data_length.offset);
+    found.rrn = load_u64(image + slot_rrn.offset);
+    found.record_state = static_cast<uint8_t>(image[slot_type.offset]);
+    const slot_head head{found.stored_length, found.data_length, found.rrn, found.record_state};
+    if (head.type < item_deleted || head.type > item_moved || plausible(file, offset, head)) return damaged();
+    uint64_t trailer = 0;
+    const bool inside = found.stored_length >= slot_overhead && found.stored_length <= file->end_of_file - offset;
+    if (inside) (void)data_get(file, offset + found.stored_length - trailer_bytes, &trailer, sizeof trailer);
+    found.record = nullptr;
+    return report_mismatch(file, &found, pieces_of(&found, found.stored_length, 0, &trailer));
+}
+
 int64_t record_read(vfs_file *file, vfs_request *request)
 {
     uint64_t slot = request->data_offset - slot_head_bytes, stored = request->stored_length;
@@ -188,30 +220,27 @@ int64_t record_read(vfs_file *file, vfs_request *request)
         if (bytes != 0) std::memcpy(request->record, at + slot_head_bytes, bytes);
         if (trailer == stored) [[likely]]
             return static_cast<int64_t>(request->data_length);
-        return report_mismatch(file, request, trailer, {});
+        return report_mismatch(file, request, pieces_of(request, stored, bytes, &trailer));
     }
-    vfs_segment pieces[] = {
-        {bytes, request->record},
-        {stored - slot_overhead - bytes, nullptr},
-        {trailer_bytes, &trailer},
-    };
+    slot_pieces pieces = pieces_of(request, stored, bytes, &trailer);
     vfs_request read{};
     read.record_offset = slot + slot_head_bytes;
     read.mode = request->mode;
     read.operation = request->operation;
     read.flags = request->flags & VFS_FLAG_SEQUENTIAL;
-    read.segment_count = std::size(pieces);
-    read.segments = pieces;
+    read.segment_count = std::size(pieces.list);
+    read.segments = pieces.list;
     const int64_t got = cache_read_bytes(&file->data, &read);
     if (got == -1) return -1;
     if (static_cast<uint64_t>(got) != stored - slot_head_bytes) return damaged();
-    if (trailer != stored) return report_mismatch(file, request, trailer, pieces);
+    if (trailer != stored) return report_mismatch(file, request, pieces);
     return static_cast<int64_t>(request->data_length);
 }
 
 int64_t record_write_new(vfs_file *file, vfs_request *request)
 {
-    const head_image head = make_head(request, request->stored_length, request->record_length, request->record_state);
+    const head_image head =
+        make_head({request->stored_length, request->record_length, request->rrn, request->record_state});
     const std::span data(static_cast<const std::byte *>(request->record), request->record_length);
     if (put_slot(file, request->record_offset, head, data) == -1) return -1;
     end_advance(file, request->record_offset, request->stored_length);
@@ -231,25 +260,25 @@ int64_t record_rewrite_in_place(vfs_file *file, vfs_request *request)
     const bool away = request->record_state == item_moved;
     if (away && (held.type != item_relocated || held.rrn != request->rrn)) return damaged();
     const uint8_t type = away ? uint8_t{item_relocated} : request->record_state;
-    const head_image head = make_head(request, held.stored_length, request->record_length, type);
+    const head_image head = make_head({held.stored_length, request->record_length, request->rrn, type});
     const std::span data(static_cast<const std::byte *>(request->record), request->record_length);
     if (put_slot(file, slot, head, data) == -1) return -1;
     request->data_length = request->record_length;
     return static_cast<int64_t>(request->record_length);
 }
 
-int record_write_frame(vfs_file *file, vfs_request *request)
+int record_write_frame(vfs_file *file, const vfs_request *request)
 {
-    const bool moved = request->record_state == state_write_moved;
-    const uint8_t type = moved ? uint8_t{item_moved} : request->record_state;
-    const head_image head = make_head(request, request->stored_length, request->data_length, type);
-    if (put_slot(file, request->record_offset, head, {}) == -1) return -1;
+    const slot_head head{request->stored_length, request->data_length, request->rrn, request->record_state};
+    if (put_slot(file, request->record_offset, make_head(head), {}) == -1) return -1;
     end_advance(file, request->record_offset, request->stored_length);
-    if (moved) {
-        ++file->moved;
-        request->record_state = item_moved;
-    }
     return 0;
+}
+
+int slot_head_write(vfs_file *file, uint64_t offset, const slot_head &head)
+{
+    const head_image image = make_head(head);
+    return data_put(file, offset, image.bytes, sizeof image.bytes);
 }
 
 int copy_reaches_file(vfs_file *file, uint64_t offset, uint64_t stored)
@@ -275,18 +304,14 @@ int64_t record_rewrite(vfs_file *file, vfs_request *request)
     const uint64_t end = file->end_of_file;
     scope_guard undo{[&] { file->end_of_file = end; }};
     if (record_write_new(file, &copy) == -1 || copy_reaches_file(file, copy.record_offset, needed) == -1) return -1;
-    vfs_request home = *request;
-    home.data_length = copy.record_offset;
-    home.record_state = was_moved ? uint8_t{item_moved} : state_write_moved;
-    if (record_write_frame(file, &home) == -1) return -1;
+    // Only the head of a slot that keeps its place is written: it cannot be left half done between two blocks.
+    const slot_head home{request->stored_length, copy.record_offset, request->rrn, item_moved};
+    if (slot_head_write(file, request->record_offset, home) == -1) return -1;
     undo.dismiss();
-    if (was_moved) { // nothing leads to the old copy any more: if it cannot be marked, its space is lost
-        vfs_request old = *request;
-        old.record_offset = holder;
-        old.stored_length = held.stored_length;
-        old.data_length = 0;
-        old.record_state = item_deleted;
-        (void)record_write_frame(file, &old);
+    if (!was_moved) {
+        ++file->moved;
+    } else { // nothing leads to the old copy any more: if it cannot be marked, its space is lost
+        (void)slot_head_write(file, holder, {held.stored_length, 0, request->rrn, item_deleted});
     }
     request->record_state = item_moved;
     request->data_length = request->record_length;

@@ -23,9 +23,13 @@ struct slot_head {
 // Reads the slot at request->record_offset and fills the request; follows a moved slot. Any item type is accepted.
 [[nodiscard]] int record_head(vfs_file *file, vfs_request *request);
 
+// What a step or an index entry led to is no sound slot (record_head failed with ENOEXEC): says what stands there when
+// it looks like a slot, and fails in the same way.
+[[nodiscard]] int slot_damaged(vfs_file *file, const vfs_request *request);
+
 // Bytes of the Data cache, wherever they lie: 0 or -1.
 [[nodiscard]] int data_get(vfs_file *file, uint64_t offset, void *to, uint64_t bytes);
-[[nodiscard]] int data_put(vfs_file *file, uint64_t offset, const void *from, uint64_t bytes);
+[[nodiscard]] int data_put(vfs_file *file, uint64_t offset, const void *from, uint64_t bytes); // null: zeros
 
 // Copies the record of a filled request into the caller's area (request->record, record_length): its data length.
 [[nodiscard]] int64_t record_read(vfs_file *file, vfs_request *request);
@@ -44,9 +48,11 @@ struct slot_head {
 // A relocated record is in the file before its home slot is freed or marked. In a shared file nothing of an operation is
 // written before all of it is.
 [[nodiscard]] int copy_reaches_file(vfs_file *file, uint64_t offset, uint64_t stored);
-// Writes a slot without data: head (stored length, data length word, type, rrn), zeros, trailer. State 10 becomes a
-// moved slot (type 9) and counts as moved. A slot at the end of file moves the end.
-[[nodiscard]] int record_write_frame(vfs_file *file, vfs_request *request);
+// Writes a slot without data: head (stored length, data length word, type, rrn), zeros, trailer. A slot at the end of
+// file moves the end.
+[[nodiscard]] int record_write_frame(vfs_file *file, const vfs_request *request);
+// Changes what the head of a slot says; the rest of the slot stays as it is.
+[[nodiscard]] int slot_head_write(vfs_file *file, uint64_t offset, const slot_head &head);
 
 // Makes sure that a slot can be listed: so that nothing can fail once a deletion has begun.
 [[nodiscard]] int slot_list_prepare(vfs_file *file);
