@@ -240,18 +240,22 @@ int lock_release_records(file_state *file)
     return 0;
 }
 
-bool lock_holds_record(file_state *file, uint64_t start, bool write)
+bool lock_find_record(lock_target *target)
 {
+    const file_state *file = target->file;
     if (file->shared == nullptr) return false;
     const lock_held held;
     const vfs_lock_table *table = file->shared->lock_table;
     if (held.error() != 0 || table == nullptr) return false;
-    const uint64_t first = range_by_kind(lock_record, start, 2).start;
+    const uint64_t first = range_by_kind(lock_record, target->start, 2).start;
     bool found = false;
     for_each_entry(table, [&](const vfs_lock_entry &entry, uint32_t) {
         found = entry.owner == file && entry.kind == lock_record && entry.range.start == first &&
-                (!write || entry.type == F_WRLCK);
-        return !found;
+                (!target->write || entry.type == F_WRLCK);
+        if (!found) return true;
+        target->start = first;
+        target->length = length_of(entry.range);
+        return false;
     });
     return found;
 }

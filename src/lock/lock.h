@@ -50,8 +50,9 @@ int lock_release_records(file_state *file);
 enum lock_note_kind { note_delaying = 1, note_failing = 2, note_resuming = 3 };
 void lock_note(lock_note_kind which, const file_state *file);
 
-// True when the handle holds a Record entry starting at `start`, a write lock when `write`.
-bool lock_holds_record(file_state *file, uint64_t start, bool write);
+// Whether the handle holds a Record lock that begins where the target does, a write lock when the target is one; the
+// target's range is then that of the lock (its slot may have grown since).
+bool lock_find_record(lock_target *target);
 
 // For the registry: how many locks the file's handles hold; gives up whatever the handle still holds, silently.
 uint32_t lock_count(const shared_file_state *shared);

@@ -27,7 +27,7 @@ int position_for_delete(const operation_call &call, vfs_request *work)
     }
     const uint64_t length = call.arguments.key_length != 0 ? call.arguments.key_length : work->record_length;
     if (key_from_arguments(call, work, work->record, length) == -1) return -1;
-    return record_wanted(file, work);
+    return record_wanted(call, work);
 }
 
 // ---- Tree files ----
@@ -71,7 +71,7 @@ int delete_in_trees(vfs_file *file, vfs_request *work)
     uint64_t removed = 0;
     if (remove_entries(file, *work, &removed) == -1 ||
         slot_free(file, work->record_offset, unlisted_slot::refused) == -1) {
-        put_entries_back(file, *work, removed);
+        if (!is_shared(file)) put_entries_back(file, *work, removed);
         return -1;
     }
     if (sequence_lost) file->sequence_key_known = false;
@@ -85,28 +85,16 @@ int mark_deleted(vfs_file *file, uint64_t offset, uint64_t rrn)
 {
     slot_head head;
     if (slot_head_read(file, offset, &head) == -1) return -1;
-    vfs_request frame{};
-    frame.record_offset = offset;
-    frame.stored_length = head.stored_length;
-    frame.record_state = item_deleted;
-    frame.rrn = rrn;
-    return record_write_frame(file, &frame);
-}
-
-// The last record of the file goes: the end of file moves back over it. Not where others may stand on it.
-// Every number below the last one has a slot, so the one before it is the highest now (none before 0).
-void cut_last(vfs_file *file, const vfs_request &work)
-{
-    end_cut(file, work.record_offset);
-    file->highest_rrn = work.rrn - 1;
+    return slot_head_write(file, offset, {head.stored_length, 0, rrn, item_deleted});
 }
 
 int delete_in_flat_file(vfs_file *file, vfs_request *work)
 {
     const bool moved = work->record_state == item_moved;
     const bool last = work->record_offset + work->stored_length == file->end_of_file;
-    if (last && !moved && !is_shared(file)) {
-        cut_last(file, *work);
+    if (last && !moved && !is_shared(file)) { // in a shared file another handle may stand on it
+        // Every number below the last one has a slot, so the one before it is the highest now (none before 0).
+        end_cut(file, work->record_offset, work->rrn - 1);
         return 0;
     }
     if (mark_deleted(file, work->record_offset, work->rrn) == -1) return -1;
@@ -161,7 +149,7 @@ int64_t delete_record(const operation_call &call)
     } while (outcome == lock_outcome::again);
     const bool deleted = outcome != lock_outcome::failed && remove_record(file, &work) == 0;
     if (!deleted) {
-        record_unlock(call, &lock);
+        record_unlock(&lock);
         return delete_failed(call, work);
     }
     save_last(file, work);
@@ -176,11 +164,10 @@ int64_t delete_record(const operation_call &call)
 int64_t operation_delete(vfs_file *file, vfs_record *record, void *, vfs_status *status, const vfs_lock_request *lock,
                          int32_t mode, ...)
 {
-    if (handle_check(file) == -1) return -1;
-    operation_call call = make_call(file, record, status, lock, VFS_OP_DELETE, mode);
     va_list arguments;
     va_start(arguments, mode);
-    call.arguments = take_arguments(argument_form::plain, mode, &arguments);
+    const int64_t result =
+        operate({VFS_OP_DELETE, argument_form::plain, delete_record}, file, record, status, lock, mode, &arguments);
     va_end(arguments);
-    return delete_record(call);
+    return result;
 }

@@ -6,9 +6,9 @@
 
 namespace {
 
-int mode_check(const operation_call &call, vfs_request *work)
+int mode_check(const operation_call &call)
 {
-    vfs_file *file = call.file;
+    const vfs_file *file = call.file;
     if (file->error != 0) return fail(static_cast<int>(file->error));
     switch (call.mode) {
     case VFS_POS_END:
@@ -16,27 +16,36 @@ int mode_check(const operation_call &call, vfs_request *work)
     case VFS_POS_AFTER_LAST:
     case 11:
     case VFS_POS_UNDEFINED: return fail(EINVAL);
-    case VFS_POS_CURRENT: return work->previous_mode == VFS_POS_UNDEFINED ? fail(EINVAL) : 0;
+    case VFS_POS_CURRENT: return file->last.mode == VFS_POS_UNDEFINED ? fail(EINVAL) : 0;
     default: break;
     }
     const bool has_record = call.record != nullptr && call.record->bytes != nullptr;
-    if (call.mode == VFS_POS_KEY && call.arguments.key == nullptr && !has_record) return fail(EINVAL);
+    return call.mode == VFS_POS_KEY && call.arguments.key == nullptr && !has_record ? fail(EINVAL) : 0;
+}
+
+int arguments_check(const operation_call &call, vfs_request *work)
+{
     return key_from_arguments(call, work, work->record, work->record_length);
+}
+
+// To the record that the arguments name, inside the bracket.
+int reach(const operation_call &call, vfs_request *work)
+{
+    *work = working_request(call);
+    return arguments_check(call, work) == -1 ? -1 : record_wanted(call, work);
 }
 
 int position_only(const operation_call &call, vfs_request *work)
 {
-    vfs_file *file = call.file;
-    if (bracket_begin(file, false) == -1 || record_wanted(file, work) == -1) return -1;
-    return bracket_end(file);
+    if (bracket_begin(call.file, false) == -1 || reach(call, work) == -1) return -1;
+    return bracket_end(call.file);
 }
 
 int file_lock_take(vfs_file *file)
 {
     if (file->file_lock_state != file_lock_none) return 0;
-    if (lock_set({.file = file, .counted = &file->data, .kind = lock_file, .write = !is_read_only(file)}) == -1)
-        return -1;
-    return metadata_refresh(file);
+    return lock_and_refresh(file,
+                            {.file = file, .counted = &file->data, .kind = lock_file, .write = !is_read_only(file)});
 }
 
 // A record lock that the host asked for by name stays until it is released.
@@ -45,17 +54,17 @@ int lock_reached(const operation_call &call, vfs_request *work)
     vfs_file *file = call.file;
     if (file->lock_defaults.lock_mode == VFS_LOCK_FILE) return file_lock_take(file);
     if (bracket_begin(file, false) == -1) return -1;
-    const vfs_request start = *work;
+    const bool locks = file->lock_defaults.lock_mode == VFS_LOCK_RECORD;
     operation_lock lock;
     lock_outcome outcome;
     do {
-        *work = start;
-        if (record_wanted(file, work) == -1) return -1;
-        outcome =
-            file->lock_defaults.lock_mode == VFS_LOCK_RECORD ? record_lock(call, *work, &lock) : lock_outcome::held;
+        outcome = reach(call, work) == -1 ? lock_outcome::failed
+                  : locks                 ? record_lock(call, *work, &lock)
+                                          : lock_outcome::held;
     } while (outcome == lock_outcome::again);
-    if (outcome == lock_outcome::failed) return -1;
-    return bracket_end(file);
+    if (outcome == lock_outcome::held) return bracket_end(file);
+    record_unlock(&lock);
+    return -1;
 }
 
 int unlock_all_kinds(const operation_call &call)
@@ -78,13 +87,23 @@ using lock_step = int (*)(const operation_call &call, vfs_request *work);
 int64_t run(const operation_call &call, lock_step step)
 {
     vfs_request work = working_request(call);
-    if (mode_check(call, &work) == -1 || step(call, &work) == -1) return operation_failed(call.file, work, false);
-    return 0;
+    const bool sound = mode_check(call) == 0 && arguments_check(call, &work) == 0;
+    return sound && step(call, &work) == 0 ? 0 : operation_failed(call.file, work, false);
 }
 
-int unlock_step(const operation_call &call, vfs_request *)
+int64_t position_record(const operation_call &call)
 {
-    return unlock_all_kinds(call);
+    return run(call, position_only);
+}
+
+int64_t lock_named_record(const operation_call &call)
+{
+    return run(call, lock_reached);
+}
+
+int64_t unlock_records(const operation_call &call)
+{
+    return run(call, [](const operation_call &asked, vfs_request *) { return unlock_all_kinds(asked); });
 }
 
 } // namespace
@@ -92,35 +111,32 @@ int unlock_step(const operation_call &call, vfs_request *)
 int64_t operation_position(vfs_file *file, vfs_record *record, void *, vfs_status *, const vfs_lock_request *lock,
                            int32_t mode, ...)
 {
-    if (handle_check(file) == -1) return -1;
-    operation_call call = make_call(file, record, nullptr, lock, VFS_OP_POSITION, mode);
     va_list arguments;
     va_start(arguments, mode);
-    call.arguments = take_arguments(argument_form::plain, mode, &arguments);
+    const int64_t result = operate({VFS_OP_POSITION, argument_form::plain, position_record}, file, record, nullptr,
+                                   lock, mode, &arguments);
     va_end(arguments);
-    return run(call, position_only);
+    return result;
 }
 
 int64_t operation_lock_record(vfs_file *file, vfs_record *record, void *, vfs_status *, const vfs_lock_request *lock,
                               int32_t mode, ...)
 {
-    if (handle_check(file) == -1) return -1;
-    operation_call call = make_call(file, record, nullptr, lock, VFS_OP_POSITION, mode);
     va_list arguments;
     va_start(arguments, mode);
-    call.arguments = take_arguments(argument_form::plain, mode, &arguments);
+    const int64_t result = operate({VFS_OP_POSITION, argument_form::plain, lock_named_record}, file, record, nullptr,
+                                   lock, mode, &arguments);
     va_end(arguments);
-    return run(call, lock_reached);
+    return result;
 }
 
 int64_t operation_unlock(vfs_file *file, vfs_record *record, void *, vfs_status *, const vfs_lock_request *lock,
                          int32_t mode, ...)
 {
-    if (handle_check(file) == -1) return -1;
-    operation_call call = make_call(file, record, nullptr, lock, VFS_OP_UNLOCK, mode);
     va_list arguments;
     va_start(arguments, mode);
-    call.arguments = take_arguments(argument_form::plain, mode, &arguments);
+    const int64_t result =
+        operate({VFS_OP_UNLOCK, argument_form::plain, unlock_records}, file, record, nullptr, lock, mode, &arguments);
     va_end(arguments);
-    return run(call, unlock_step);
+    return result;
 }

@@ -1,5 +1,5 @@
 // The lock that a record operation takes on its record: a record lock (lock mode 5), or the lock of the block in
-// which the record begins (lock mode 4). Inside the bracket a lock is only tried; one that has to be waited for is
+// which the record begins (lock mode 4). Nobody waits for a lock with the bracket in hand: one that is refused is
 // waited for outside, and the operation begins again from its saved start.
 #ifndef VFS_RECORD_LOCKING_H
 #define VFS_RECORD_LOCKING_H
@@ -8,9 +8,10 @@
 #include "record/request.h"
 
 enum class lock_outcome {
-    held,   // or none was asked for
-    again,  // it was waited for outside the bracket: position again
-    failed, // errno
+    held,    // or none was asked for
+    again,   // the bracket was left meanwhile: make the request and position again
+    skipped, // somebody else holds it, and the host wants to step over such records; the bracket is in hand
+    failed,  // errno
 };
 
 // What an operation has locked so far.
@@ -18,14 +19,17 @@ struct operation_lock {
     lock_target target;
     bool taken = false; // by this operation
     uint64_t rrn = none;
+    bool left_bracket = false; // cursors found before it are stale
 };
 
 [[nodiscard]] lock_outcome record_lock(const operation_call &call, const vfs_request &work, operation_lock *lock);
+// The same, but where it is refused nothing happens at all: EAGAIN.
+[[nodiscard]] int record_lock_try(const operation_call &call, const vfs_request &work, operation_lock *lock);
 // Gives back what this operation took; after a success only when the host does not hold it.
-void record_unlock(const operation_call &call, operation_lock *lock);
+void record_unlock(operation_lock *lock);
 // delete gives the lock of its record back in any case, also one that an earlier operation took.
 void record_unlock_all_of(const operation_call &call, const vfs_request &work, operation_lock *lock);
-// The record moved: its lock moves to the new slot (the new one is taken before the old one goes).
+// The record moved, or its slot has grown: its lock goes with it (the new one is taken before the old one goes).
 [[nodiscard]] int record_lock_move(const operation_call &call, const vfs_request &from, const vfs_request &to,
                                    operation_lock *lock);
 

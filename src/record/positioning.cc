@@ -51,7 +51,19 @@ int locate(vfs_file *file, vfs_request *request)
     return file->indexed() ? record_locate_key(file, request) : record_locate_rrn(file, request);
 }
 
+int unknown_mode(int32_t mode)
+{
+    std::fprintf(stderr, "pos=%d\n", mode);
+    return fail(EINVAL);
+}
+
 } // namespace
+
+int mode_known(const operation_call &call)
+{
+    const bool known = call.mode >= VFS_POS_NEXT && call.mode <= VFS_POS_UNDEFINED && call.mode != VFS_POS_OFFSET;
+    return known ? 0 : unknown_mode(call.mode);
+}
 
 int position_request(vfs_file *file, vfs_request *request)
 {
@@ -73,7 +85,7 @@ int position_request(vfs_file *file, vfs_request *request)
     case VFS_POS_CURRENT: return current_record(file, request);
     case VFS_POS_RRN: return record_locate_rrn(file, request);
     case VFS_POS_KEY: request->record_offset = request->data_offset = none; return record_locate_key(file, request);
-    default: std::fprintf(stderr, "pos=%d\n", request->mode); return fail(EINVAL);
+    default: return unknown_mode(request->mode);
     }
 }
 
@@ -112,8 +124,8 @@ int key_from_arguments(const operation_call &call, vfs_request *work, const void
     return file->indexed() ? 0 : rrn_from_key(work);
 }
 
-int record_wanted(vfs_file *file, vfs_request *request)
+int record_wanted(const operation_call &call, vfs_request *work)
 {
-    if (position_request(file, request) == -1) return -1;
-    return (request->flags & VFS_FLAG_AT_END) != 0 ? fail(ESPIPE) : 0;
+    if (mode_known(call) == -1 || position_request(call.file, work) == -1) return -1;
+    return (work->flags & VFS_FLAG_AT_END) != 0 ? fail(ESPIPE) : 0;
 }

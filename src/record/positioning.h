@@ -4,6 +4,9 @@
 
 #include "record/keys.h"
 
+// Whether a position can have the mode; prints "pos=%d\n" and fails with EINVAL when it cannot.
+[[nodiscard]] int mode_known(const operation_call &call);
+
 // Moves the request to the place that its mode names: 0 or -1. At an end: 0 with VFS_FLAG_AT_END, errno ESPIPE and
 // the mode 9 or 10. Next and previous go from the file position. An unknown mode prints "pos=%d\n" and is EINVAL.
 [[nodiscard]] int position_request(vfs_file *file, vfs_request *request);
@@ -18,6 +21,6 @@
                                      uint64_t record_length);
 
 // position_request for operations that need a record: nothing found is -1 with ESPIPE.
-[[nodiscard]] int record_wanted(vfs_file *file, vfs_request *request);
+[[nodiscard]] int record_wanted(const operation_call &call, vfs_request *work);
 
 #endif

@@ -16,7 +16,7 @@ vfs_request read_request(const operation_call &call)
     work.previous_operation = work.operation;
     work.operation = VFS_OP_READ;
     work.previous_mode = work.mode;
-    work.mode = call.mode;
+    work.mode = mode_byte(call.mode);
     work.record = call.record != nullptr ? call.record->bytes : nullptr;
     work.record_length = call.record != nullptr && call.record->bytes != nullptr ? call.record->length : 0;
     work.flags = static_cast<uint8_t>(work.flags & ~(VFS_FLAG_CURRENT | VFS_FLAG_STATUS));
@@ -33,6 +33,7 @@ int open_check(const vfs_file *file)
 int apply_mode(const operation_call &call, vfs_request *work)
 {
     vfs_file *file = call.file;
+    if (mode_known(call) == -1) return -1;
     if (call.mode <= VFS_POS_LAST) {
         work->mode = file->direction[2 * call.mode];
         work->relation = file->direction[2 * call.mode + 1];
@@ -96,34 +97,34 @@ bool at_end(const vfs_request &work)
     return (work.flags & VFS_FLAG_AT_END) != 0;
 }
 
-// Steps over records that others hold locked; the file position goes with it.
-lock_outcome skip_locked(const operation_call &call, vfs_request *work, operation_lock *lock)
-{
-    vfs_file *file = call.file;
-    for (;;) {
-        const lock_outcome outcome = record_lock(call, *work, lock);
-        if (outcome != lock_outcome::failed) return outcome;
-        const bool several = (file->lock_defaults.lock_flags & VFS_LOCK_SEVERAL) != 0;
-        const bool refused = errno == EAGAIN || (errno == EDEADLK && !several);
-        if (!refused || call.lock->request_kind != VFS_KIND_SKIP || call.mode > VFS_POS_PREV)
-            return lock_outcome::failed;
-        position_save(file, work);
-        if (position_request(file, work) == -1) return lock_outcome::failed;
-        if (at_end(*work)) return lock_outcome::held;
-    }
-}
+// Records that others hold locked are stepped over: the file position goes along. When nothing is delivered in the end
+// it is again where it was, so that the next read tries again from the same place.
+class stepping_over {
+public:
+    explicit stepping_over(vfs_file *file) : file_(file), begin_{} {}
 
-lock_outcome lock_or_skip(const operation_call &call, vfs_request *work, operation_lock *lock)
-{
-    vfs_file *file = call.file;
-    const file_position kept = file->position;
-    std::memcpy(file->old_key, kept.key, file->key_buffer_bytes);
-    const lock_outcome outcome = skip_locked(call, work, lock);
-    if (outcome != lock_outcome::failed) return outcome;
-    file->position = kept; // nothing was delivered: the next read tries again from the same place
-    std::memcpy(kept.key, file->old_key, file->key_buffer_bytes);
-    return outcome;
-}
+    void record(vfs_request *work, const operation_lock &lock)
+    {
+        if (!stepped_) {
+            begin_ = file_->position;
+            std::memcpy(file_->old_key, begin_.key, file_->key_buffer_bytes);
+        }
+        stepped_ = true;
+        if (lock.left_bracket) work->node = work->item = begin_.node = begin_.item = none;
+        position_save(file_, work);
+    }
+    void take_back()
+    {
+        if (!stepped_) return;
+        file_->position = begin_;
+        std::memcpy(begin_.key, file_->old_key, file_->key_buffer_bytes);
+    }
+
+private:
+    vfs_file *file_;
+    file_position begin_;
+    bool stepped_ = false;
+};
 
 int duplicates_of_reference(vfs_file *file, vfs_request *work)
 {
@@ -202,6 +203,19 @@ int64_t end_of_read(const operation_call &call, vfs_request *work)
     return 0;
 }
 
+// The record is found and locked: -1 or its length.
+int64_t deliver(const operation_call &call, vfs_request *work, operation_lock *lock)
+{
+    vfs_file *file = call.file;
+    if (file->indexed() && duplicates_of_reference(file, work) == -1) return -1;
+    work->flags2 = static_cast<uint8_t>(work->flags2 & ~VFS_FLAG2_REREAD);
+    const int64_t length = transfer(file, work);
+    if (length == -1) return -1;
+    if (call.lock->hold == 0) record_unlock(lock);
+    save_record(file, work);
+    return length;
+}
+
 int64_t read_record(const operation_call &call)
 {
     vfs_file *file = call.file;
@@ -209,29 +223,27 @@ int64_t read_record(const operation_call &call)
     if (open_check(file) == -1 || bracket_begin(file, false) == -1) return operation_failed(file, work, true);
 
     operation_lock lock;
-    lock_outcome outcome = lock_outcome::held;
-    do {
+    stepping_over locked_ones(file);
+    for (;;) {
         work = read_request(call);
         if (position_for_read(call, &work) == -1) break;
         if (at_end(work)) {
-            record_unlock(call, &lock);
+            record_unlock(&lock);
             return end_of_read(call, &work);
         }
-        outcome = is_shared(file) ? lock_or_skip(call, &work, &lock) : lock_outcome::held;
-        if (outcome == lock_outcome::held && at_end(work)) return end_of_read(call, &work);
+        const lock_outcome outcome = is_shared(file) ? record_lock(call, work, &lock) : lock_outcome::held;
+        if (outcome == lock_outcome::skipped) locked_ones.record(&work, lock);
+        if (outcome == lock_outcome::failed) break;
         if (outcome != lock_outcome::held) continue;
-        if (file->indexed() && duplicates_of_reference(file, &work) == -1) break;
-        work.flags2 = static_cast<uint8_t>(work.flags2 & ~VFS_FLAG2_REREAD);
-        const int64_t length = transfer(file, &work);
+        const int64_t length = deliver(call, &work, &lock);
         if (length == -1) break;
-        if (call.lock->hold == 0) record_unlock(call, &lock);
-        save_record(file, &work);
         if (file->acquired && bracket_end(file) == -1) return operation_failed(file, work, true);
         if (status_fill(call, &work, true) == -1) return -1;
         if (length == 0) errno = 0;
         return length;
-    } while (outcome == lock_outcome::again);
-    record_unlock(call, &lock);
+    }
+    record_unlock(&lock);
+    locked_ones.take_back();
     return operation_failed(file, work, true);
 }
 
@@ -243,10 +255,10 @@ int64_t operation_read(vfs_file *file, vfs_record *record, void *, vfs_status *s
     if (handle_check(file) == -1) return -1;
     const int64_t length = read_beside(file, record, status, mode);
     if (length >= 0) return length;
-    operation_call call = make_call(file, record, status, lock, VFS_OP_READ, mode);
     va_list arguments;
     va_start(arguments, mode);
-    call.arguments = take_arguments(argument_form::read, mode, &arguments);
+    const int64_t result =
+        operate({VFS_OP_READ, argument_form::read, read_record}, file, record, status, lock, mode, &arguments);
     va_end(arguments);
-    return read_record(call);
+    return result;
 }

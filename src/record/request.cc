@@ -5,6 +5,8 @@
 #include "util/errors.h"
 #include "util/process.h"
 
+namespace {
+
 operation_arguments take_arguments(argument_form form, int32_t mode, va_list *arguments)
 {
     operation_arguments taken;
@@ -32,6 +34,8 @@ operation_arguments take_arguments(argument_form form, int32_t mode, va_list *ar
     return taken;
 }
 
+} // namespace
+
 int handle_check(const vfs_file *file)
 {
     if (file == nullptr || file->opener_generation != process_generation()) return fail(EBADF);
@@ -39,20 +43,22 @@ int handle_check(const vfs_file *file)
     return 0;
 }
 
-operation_call make_call(vfs_file *file, vfs_record *record, vfs_status *status, const vfs_lock_request *lock,
-                         uint8_t operation, int32_t mode)
+int64_t operate(const operation_kind &kind, vfs_file *file, vfs_record *record, vfs_status *status,
+                const vfs_lock_request *lock, int32_t mode, va_list *arguments)
 {
+    if (handle_check(file) == -1) return -1;
     blocks_catch_up(file);
-    operation_call call{};
-    call.file = file;
-    call.record = record;
-    call.status = status;
-    call.lock = lock != nullptr ? lock : &file->lock_defaults;
-    call.operation = operation;
-    call.mode = mode >= 0 && mode < 255 ? static_cast<uint8_t>(mode) : uint8_t{255};
     ++file->operation_count;
-    file->operation = operation;
-    return call;
+    file->operation = kind.code;
+    return kind.run({
+        .file = file,
+        .record = record,
+        .status = status,
+        .lock = lock != nullptr ? lock : &file->lock_defaults,
+        .operation = kind.code,
+        .mode = mode,
+        .arguments = take_arguments(kind.form, mode, arguments),
+    });
 }
 
 vfs_request working_request(const operation_call &call)
@@ -61,7 +67,7 @@ vfs_request working_request(const operation_call &call)
     work.previous_operation = work.operation;
     work.operation = call.operation;
     work.previous_mode = work.mode;
-    work.mode = call.mode;
+    work.mode = mode_byte(call.mode);
     work.relation = VFS_EQUAL;
     work.flags =
         static_cast<uint8_t>(call.status != nullptr ? work.flags | VFS_FLAG_STATUS : work.flags & ~VFS_FLAG_STATUS);

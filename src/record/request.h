@@ -18,7 +18,6 @@ struct operation_arguments {
 };
 
 enum class argument_form { plain, read, start };
-operation_arguments take_arguments(argument_form form, int32_t mode, va_list *arguments);
 
 // What the host passed, together.
 struct operation_call {
@@ -27,18 +26,32 @@ struct operation_call {
     vfs_status *status;
     const vfs_lock_request *lock; // never null: the file's own settings when the host passed none
     uint8_t operation;
-    uint8_t mode; // 255 for modes that do not fit a byte: rejected like any unknown mode
+    int32_t mode;
     operation_arguments arguments;
 };
+
+struct operation_kind {
+    uint8_t code;
+    argument_form form;
+    int64_t (*run)(const operation_call &call);
+};
+// What every record slot does: the entry check, the call from what the host passed, the operation.
+int64_t operate(const operation_kind &kind, vfs_file *file, vfs_record *record, vfs_status *status,
+                const vfs_lock_request *lock, int32_t mode, va_list *arguments);
 
 // The entry check of every record slot: EBADF for a null handle, one of a forked child, or one opened without
 // record I/O. Nothing else may be touched after it fails.
 [[nodiscard]] int handle_check(const vfs_file *file);
-operation_call make_call(vfs_file *file, vfs_record *record, vfs_status *status, const vfs_lock_request *lock,
-                         uint8_t operation, int32_t mode);
 
 // A working copy of the last request block: operation, mode and the copied ones as previous, the caller's record.
+// Made when the bracket is entered: what another handle has changed may have reset the block.
 vfs_request working_request(const operation_call &call);
+
+// The position mode as the blocks keep it: 255 for one that does not fit a byte.
+inline uint8_t mode_byte(int32_t mode)
+{
+    return mode >= 0 && mode < 255 ? static_cast<uint8_t>(mode) : uint8_t{255};
+}
 
 // The working request becomes the last request block, or the current record block as well.
 void save_last(vfs_file *file, const vfs_request &work);

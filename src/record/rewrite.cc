@@ -43,7 +43,7 @@ int position_for_rewrite(const operation_call &call, vfs_request *work)
     } else if (key_from_arguments(call, work, nullptr, 0) == -1) {
         return -1;
     }
-    return record_wanted(file, work);
+    return record_wanted(call, work);
 }
 
 // ---- Tree files ----
@@ -125,6 +125,14 @@ int insert_fresh(vfs_file *file, vfs_request *work, index_change *change)
     return 0;
 }
 
+// An entry that should have been there. Where another record has the value by now, it stays missing.
+int put_entry_back(vfs_file *file, vfs_request *entry, uint64_t place)
+{
+    entry->record_offset = place;
+    entry->flags = static_cast<uint8_t>(entry->flags & ~VFS_FLAG_BROWSE);
+    return key_insert(file, entry) == 0 || errno == EADDRINUSE ? 0 : -1;
+}
+
 int repoint_kept(vfs_file *file, const vfs_request &stored, index_change *change)
 {
     if (change->place == change->home) return 0;
@@ -132,7 +140,12 @@ int repoint_kept(vfs_file *file, const vfs_request &stored, index_change *change
         if (file->indexed() && file->changed_keys[k] != 0) continue;
         vfs_request entry = entry_request(stored, k, file->old_key);
         if (file->indexed() && key_load(file, &entry) == -1) return -1;
-        if (key_repoint(file, &entry, change->place) == -1 && errno != ESPIPE) return -1;
+        if (key_repoint(file, &entry, change->place) == 0) continue;
+        if (errno != ESPIPE) return -1;
+        if (put_entry_back(file, &entry, change->place) == -1) {
+            change->repointed = k + 1; // it may have got in before the failure
+            return -1;
+        }
     }
     return 0;
 }
@@ -148,7 +161,8 @@ int remove_stored(vfs_file *file, const vfs_request &stored, index_change *chang
     return 0;
 }
 
-// Best effort: the error that led here is the one that is reported.
+// Best effort: the error that led here is the one that is reported. (In a shared file what failed is dropped as a
+// whole.)
 void take_back(vfs_file *file, const vfs_request &work, const vfs_request &stored, const index_change &change)
 {
     const int cause = errno;
@@ -200,6 +214,22 @@ void moved_positions(vfs_file *file, uint64_t home, const vfs_request &copy)
     }
 }
 
+// The index leads to the copy, and the old slot goes. In a shared file an operation that fails here is dropped as a
+// whole; elsewhere the space of a slot that cannot be listed is lost, and nothing else.
+int leave_home(const operation_call &call, vfs_request *work, vfs_request *copy)
+{
+    vfs_file *file = call.file;
+    ++file->dsn;
+    if (slot_free(file, work->record_offset) == -1 && is_shared(file)) return -1;
+    moved_positions(file, work->record_offset, *copy);
+    copy->node = work->node;
+    copy->item = work->item;
+    copy->stamp = work->stamp;
+    copy->flags = work->flags;
+    *work = *copy;
+    return 0;
+}
+
 int64_t rewrite_in_trees(const operation_call &call, vfs_request *work, operation_lock *lock)
 {
     vfs_file *file = call.file;
@@ -207,6 +237,7 @@ int64_t rewrite_in_trees(const operation_call &call, vfs_request *work, operatio
     const bool sequence_lost =
         file->indexed() && file->changed_keys[file->primary_key] != 0 && is_sequence_key(file, *work);
     const vfs_request stored = *work;
+    const uint64_t end = file->end_of_file;
     const bool moves = slot_bytes(work->record_length) > work->stored_length;
     vfs_request copy = *work;
     if (moves && write_copy(file, *work, &copy) == -1) return -1;
@@ -216,30 +247,19 @@ int64_t rewrite_in_trees(const operation_call &call, vfs_request *work, operatio
     bool done = !file->indexed() || insert_fresh(file, work, &change) == 0;
     done = done && repoint_kept(file, stored, &change) == 0;
     done = done && (!file->indexed() || remove_stored(file, stored, &change) == 0);
-    if (done && moves) done = record_lock_move(call, stored, copy, lock) == 0;
     if (done && !moves) done = (length = record_rewrite_in_place(file, work)) != -1;
     if (!done) {
-        take_back(file, *work, stored, change);
+        if (!is_shared(file)) take_back(file, *work, stored, change);
         return -1;
     }
     if (sequence_lost) file->sequence_key_known = false;
     count_change(file, copy.record_offset);
-    if (!moves) return length;
-    ++file->dsn;
-    // The record lives in its new slot: where the old one cannot be listed its space is lost, and nothing else. In a
-    // shared file the whole operation can still be dropped instead.
-    if (slot_free(file, stored.record_offset) == -1 && is_shared(file)) return -1;
-    slot_head grown; // making room for index blocks may have grown the new slot
-    if (slot_head_read(file, copy.record_offset, &grown) == 0) copy.stored_length = grown.stored_length;
-    const uint64_t node = work->node, item = work->item, stamp = work->stamp;
-    const uint8_t flags = work->flags;
-    moved_positions(file, stored.record_offset, copy);
-    *work = copy;
-    work->node = node;
-    work->item = item;
-    work->stamp = stamp;
-    work->flags = flags;
-    return length;
+    if (moves && leave_home(call, work, &copy) == -1) return -1;
+    if (!moves && file->end_of_file == end) return length;
+    // Making room for index blocks may have grown the slot.
+    slot_head head;
+    if (slot_head_read(file, work->record_offset, &head) == 0) work->stored_length = head.stored_length;
+    return record_lock_move(call, stored, *work, lock) == 0 ? length : -1;
 }
 
 int64_t rewrite_in_flat_file(vfs_file *file, vfs_request *work)
@@ -285,11 +305,11 @@ int64_t rewrite_record(const operation_call &call)
     } while (outcome == lock_outcome::again);
     const int64_t length = outcome == lock_outcome::failed ? -1 : replace(call, &work, &lock);
     if (length == -1) {
-        record_unlock(call, &lock);
+        record_unlock(&lock);
         return rewrite_failed(call, work);
     }
     save_last(file, work);
-    if (call.lock->hold == 0) record_unlock(call, &lock);
+    if (call.lock->hold == 0) record_unlock(&lock);
     if (bracket_end(file) == -1 || change_end(file) == -1) return rewrite_failed(call, work);
     if (status_fill(call, &work, true) == -1) return -1;
     return length;
@@ -300,11 +320,10 @@ int64_t rewrite_record(const operation_call &call)
 int64_t operation_rewrite(vfs_file *file, vfs_record *record, void *, vfs_status *status, const vfs_lock_request *lock,
                           int32_t mode, ...)
 {
-    if (handle_check(file) == -1) return -1;
-    operation_call call = make_call(file, record, status, lock, VFS_OP_REWRITE, mode);
     va_list arguments;
     va_start(arguments, mode);
-    call.arguments = take_arguments(argument_form::plain, mode, &arguments);
+    const int64_t result =
+        operate({VFS_OP_REWRITE, argument_form::plain, rewrite_record}, file, record, status, lock, mode, &arguments);
     va_end(arguments);
-    return rewrite_record(call);
+    return result;
 }

@@ -109,7 +109,7 @@ int apply_mode(const operation_call &call, vfs_request *work, uint64_t *leading)
     case VFS_POS_AFTER_LAST: at_last(work); return 0;
     case 11:
     case 12: return fail(EINVAL);
-    default: return position_request(file, work); // rejects it, with its line
+    default: return mode_known(call) == -1 ? -1 : position_request(file, work); // rejects it, with its line
     }
 }
 
@@ -194,9 +194,10 @@ int64_t start_record(const operation_call &call)
         errno = file->error != 0 ? static_cast<int>(file->error) : EROFS;
         return start_failed(call, &work);
     }
+    if (bracket_begin(file, false) == -1) return start_failed(call, &work);
+    work = start_request(call);
     uint64_t leading = none;
     if (apply_mode(call, &work, &leading) == -1) return start_failed(call, &work);
-    if (bracket_begin(file, false) == -1) return start_failed(call, &work);
     if (position_for_start(call, &work, leading) == -1) return start_failed(call, &work);
 
     const bool at_end = (work.flags & VFS_FLAG_AT_END) != 0;
@@ -220,11 +221,10 @@ int64_t start_record(const operation_call &call)
 int64_t operation_start(vfs_file *file, vfs_record *record, void *, vfs_status *status, const vfs_lock_request *lock,
                         int32_t mode, ...)
 {
-    if (handle_check(file) == -1) return -1;
-    operation_call call = make_call(file, record, status, lock, VFS_OP_START, mode);
     va_list arguments;
     va_start(arguments, mode);
-    call.arguments = take_arguments(argument_form::start, mode, &arguments);
+    const int64_t result =
+        operate({VFS_OP_START, argument_form::start, start_record}, file, record, status, lock, mode, &arguments);
     va_end(arguments);
-    return start_record(call);
+    return result;
 }

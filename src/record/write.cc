@@ -33,12 +33,11 @@ int open_check(const operation_call &call)
     return 0;
 }
 
-int mode_check(const operation_call &call, vfs_request *work)
+int mode_check(const operation_call &call)
 {
-    if (call.mode == VFS_POS_OFFSET || call.mode > VFS_POS_UNDEFINED) return position_request(call.file, work);
+    if (mode_known(call) == -1) return -1;
     if (call.mode >= VFS_POS_BEFORE_FIRST) return fail(EINVAL);
-    if (call.mode == VFS_POS_CURRENT && work->previous_mode == VFS_POS_UNDEFINED) return fail(EINVAL);
-    return key_from_arguments(call, work, work->record, work->record_length);
+    return call.mode == VFS_POS_CURRENT && call.file->last.mode == VFS_POS_UNDEFINED ? fail(EINVAL) : 0;
 }
 
 void leave_sequence(vfs_file *file)
@@ -228,7 +227,8 @@ void remove_keys(vfs_file *file, const vfs_request &work, uint64_t count)
     }
 }
 
-// Leaves the place of a record that could not be kept as a free slot, and every counter as it was.
+// Leaves the place of a record that could not be kept as a free slot, and every counter as it was. (In a shared file
+// what failed is dropped as a whole.)
 void undo_write(vfs_file *file, const vfs_request &work, const write_undo &undo)
 {
     const int cause = errno;
@@ -236,7 +236,7 @@ void undo_write(vfs_file *file, const vfs_request &work, const write_undo &undo)
         remove_keys(file, work, undo.keys_inserted);
         if (undo.slot_taken && work.record_offset < file->end_of_file) (void)slot_free(file, work.record_offset);
     } else {
-        end_cut(file, undo.end_of_file);
+        end_cut(file, undo.end_of_file, undo.highest_rrn);
         file->deleted = undo.deleted;
     }
     file->records = undo.records;
@@ -300,21 +300,51 @@ int64_t write_failed(const operation_call &call, const vfs_request &work)
     return operation_failed(call.file, work, false);
 }
 
+// A place of the record's own. The new record is nobody else's yet: a free slot that somebody holds locked, for the
+// sake of a record that was there, is left alone.
+lock_outcome lock_place(const operation_call &call, vfs_request *work, write_undo *undo, operation_lock *lock)
+{
+    vfs_file *file = call.file;
+    if (file->lock_defaults.lock_mode != VFS_LOCK_RECORD) return lock_outcome::held;
+    if (undo->slot_taken && record_lock_try(call, *work, lock) == -1) {
+        if (errno != EAGAIN || slot_free(file, work->record_offset) == -1) return lock_outcome::failed;
+        undo->slot_taken = false;
+        work->record_offset = file->end_of_file;
+        work->stored_length = slot_bytes(work->record_length);
+    }
+    return record_lock(call, *work, lock);
+}
+
+lock_outcome choose_place(const operation_call &call, vfs_request *work, write_undo *undo, operation_lock *lock)
+{
+    vfs_file *file = call.file;
+    *work = write_request(call);
+    *undo = {file->highest_rrn, file->end_of_file, file->deleted, file->records};
+    if (key_from_arguments(call, work, work->record, work->record_length) == -1) return lock_outcome::failed;
+    if ((file->trees() ? place_in_trees(file, work) : place_in_flat_file(file, work)) == -1)
+        return lock_outcome::failed;
+    undo->slot_taken = file->trees() && work->record_offset < file->end_of_file;
+    return lock_place(call, work, undo, lock);
+}
+
+// Making room for index blocks may have grown the last slot of the file, after it was locked.
+int follow_growth(const operation_call &call, vfs_request *work, operation_lock *lock)
+{
+    slot_head head;
+    if (slot_head_read(call.file, work->record_offset, &head) == -1) return -1;
+    const vfs_request before = *work;
+    work->stored_length = head.stored_length;
+    return record_lock_move(call, before, *work, lock);
+}
+
 int64_t write_placed(const operation_call &call, vfs_request *work, write_undo *undo, operation_lock *lock)
 {
     vfs_file *file = call.file;
-    const bool place_listed = file->trees() && work->record_offset < file->end_of_file;
-    if (place_listed) undo->slot_taken = true;
-    if (file->lock_defaults.lock_mode == VFS_LOCK_RECORD) {
-        operation_call locked = call;
-        vfs_lock_request policy = *call.lock;
-        policy.wait_mode = VFS_WAIT_NEVER; // nobody waits for a lock with the bracket in hand
-        locked.lock = &policy;
-        if (record_lock(locked, *work, lock) == lock_outcome::failed) return -1;
-    }
     const bool appended = work->record_offset >= file->end_of_file;
     const int64_t length = store(call, work, undo);
+    const uint64_t end = file->end_of_file;
     if (length == -1 || index(file, work, undo) == -1) return -1;
+    if (file->end_of_file != end && follow_growth(call, work, lock) == -1) return -1;
     remember_sequence(file, *work, appended);
     return length;
 }
@@ -323,21 +353,23 @@ int64_t write_record(const operation_call &call)
 {
     vfs_file *file = call.file;
     vfs_request work = write_request(call);
-    if (open_check(call) == -1 || mode_check(call, &work) == -1) return write_failed(call, work);
+    if (open_check(call) == -1 || mode_check(call) == -1) return write_failed(call, work);
     if (bracket_begin(file, true) == -1) return write_failed(call, work);
 
-    write_undo undo{file->highest_rrn, file->end_of_file, file->deleted, file->records};
+    write_undo undo{};
     operation_lock lock;
-    int64_t length = -1;
-    if ((file->trees() ? place_in_trees(file, &work) : place_in_flat_file(file, &work)) == 0)
-        length = write_placed(call, &work, &undo, &lock);
+    lock_outcome outcome;
+    do {
+        outcome = choose_place(call, &work, &undo, &lock);
+    } while (outcome == lock_outcome::again);
+    const int64_t length = outcome == lock_outcome::held ? write_placed(call, &work, &undo, &lock) : -1;
     if (length == -1) {
-        undo_write(file, work, undo);
-        record_unlock(call, &lock);
+        if (!is_shared(file)) undo_write(file, work, undo);
+        record_unlock(&lock);
         return write_failed(call, work);
     }
     save_last(file, work);
-    if (call.lock->hold == 0) record_unlock(call, &lock);
+    if (call.lock->hold == 0) record_unlock(&lock);
     if (bracket_end(file) == -1 || change_end(file) == -1) return write_failed(call, work);
     if (status_fill(call, &work, true) == -1) return write_failed(call, work);
     return length;
@@ -348,11 +380,10 @@ int64_t write_record(const operation_call &call)
 int64_t operation_write(vfs_file *file, vfs_record *record, void *, vfs_status *status, const vfs_lock_request *lock,
                         int32_t mode, ...)
 {
-    if (handle_check(file) == -1) return -1;
-    operation_call call = make_call(file, record, status, lock, VFS_OP_WRITE, mode);
     va_list arguments;
     va_start(arguments, mode);
-    call.arguments = take_arguments(argument_form::plain, mode, &arguments);
+    const int64_t result =
+        operate({VFS_OP_WRITE, argument_form::plain, write_record}, file, record, status, lock, mode, &arguments);
     va_end(arguments);
-    return write_record(call);
+    return result;
 }

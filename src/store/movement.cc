@@ -28,7 +28,7 @@ void begin(vfs_request *request)
 int record_of_entry(vfs_file *file, vfs_request *request)
 {
     const uint64_t rrn = request->rrn;
-    if (record_head(file, request) == -1) return -1;
+    if (record_head(file, request) == -1) return errno == ENOEXEC ? slot_damaged(file, request) : -1;
     if (!is_record(file, request->record_state)) return damaged();
     if (!file->indexed() && request->rrn != rrn) return damaged();
     return 0;
@@ -52,7 +52,10 @@ int flat_forward_from(vfs_file *file, vfs_request *request, uint64_t offset)
     for (uint64_t stored = 0;; offset += stored) {
         if (offset >= file->end_of_file) return nothing_found(request);
         slot_head head;
-        if (slot_head_read(file, offset, &head) == -1) return -1;
+        if (slot_head_read(file, offset, &head) == -1) {
+            request->record_offset = offset;
+            return errno == ENOEXEC ? slot_damaged(file, request) : -1;
+        }
         stored = head.stored_length;
         if (!is_record(file, head.type)) continue;
         request->record_offset = offset;
@@ -157,6 +160,39 @@ int flat_slot_of(vfs_file *file, uint64_t rrn, uint64_t *offset, slot_head *head
     return head->rrn == rrn && head->stored_length == file->maximum_slot ? 1 : damaged();
 }
 
+// Whether nobody else can have changed a slot since this handle last looked at it.
+bool sees_all_changes(const vfs_file *file)
+{
+    return file->lock_defaults.lock_mode >= VFS_LOCK_FILE && !metadata_bracket(file);
+}
+
+// Where a step from the file position begins: the slot behind it (forward), or the end of the one before it. The
+// remembered place is good as long as the position's record lies there; another handle may have cut the file before it
+// and appended other slots. The record number then says where it goes on.
+int flat_origin(vfs_file *file, bool forward, uint64_t *origin)
+{
+    const file_position &position = file->position;
+    const bool gap = position.stored_length == 0; // between the records, before the number
+    *origin = position.record_offset + (forward ? position.stored_length : 0);
+    if (sees_all_changes(file)) return 0;
+    slot_head head;
+    if (!gap && position.record_offset < file->end_of_file) {
+        const int checked = slot_check(file, position.record_offset, &head);
+        if (checked == -1 && errno != ENOEXEC) return -1;
+        if (checked == 0 && is_record(file, head.type) && head.rrn == position.rrn) {
+            *origin = position.record_offset + (forward ? head.stored_length : 0);
+            return 0;
+        }
+    }
+    const uint64_t wanted = position.rrn + (forward && !gap ? 1 : 0);
+    if (file->highest_rrn == none || wanted > file->highest_rrn) {
+        *origin = file->end_of_file;
+        return 0;
+    }
+    const int found = flat_slot_of(file, wanted, origin, &head);
+    return found == 0 ? damaged() : found == 1 ? 0 : -1;
+}
+
 int flat_locate_rrn(vfs_file *file, vfs_request *request)
 {
     uint64_t rrn = request->rrn;
@@ -247,9 +283,10 @@ int record_step_forward(vfs_file *file, vfs_request *request)
     if (file->trees()) return tree_step(file, request, true);
     request->flags |= VFS_FLAG_CURRENT | VFS_FLAG_SEQUENTIAL;
     const file_position &position = file->position;
+    uint64_t origin = file->data_start;
     const bool from_start = position.end == position_end::first || position.side == position_side::before_first;
-    return flat_forward_from(file, request,
-                             from_start ? file->data_start : position.record_offset + position.stored_length);
+    if (!from_start && flat_origin(file, true, &origin) == -1) return -1;
+    return flat_forward_from(file, request, origin);
 }
 
 int record_step_backward(vfs_file *file, vfs_request *request)
@@ -259,8 +296,10 @@ int record_step_backward(vfs_file *file, vfs_request *request)
     const file_position &position = file->position;
     if (position.side == position_side::before_first && position.end != position_end::last)
         return nothing_found(request);
+    uint64_t origin = file->end_of_file;
     const bool from_end = position.end == position_end::last || position.side == position_side::after_last;
-    return flat_backward_from(file, request, from_end ? file->end_of_file : position.record_offset);
+    if (!from_end && flat_origin(file, false, &origin) == -1) return -1;
+    return flat_backward_from(file, request, origin);
 }
 
 int record_locate_rrn(vfs_file *file, vfs_request *request)
@@ -361,18 +400,23 @@ void position_to_end(vfs_file *file, position_end end, uint64_t key_number)
     position_at_end(file, end);
     position.identified = false;
     position.key_number = key_number;
-    position.node = position.item = position.stamp = position.rrn = none;
+    position.node = position.item = position.stamp = none;
     position.side = end == position_end::last ? position_side::after_last : position_side::before_first;
     position.record_offset = end == position_end::last ? file->end_of_file : file->data_start;
+    // In a flat file the end is the place of the next number; none + 1 is 0.
+    position.rrn = file->trees() ? none : end == position_end::last ? file->highest_rrn + 1 : 0;
     position.stored_length = 0;
 }
 
-void end_cut(vfs_file *file, uint64_t end)
+void end_cut(vfs_file *file, uint64_t end, uint64_t highest_rrn)
 {
     file->end_of_file = end;
-    if (file->position.record_offset != none && file->position.record_offset >= end) {
-        file->position.record_offset = end;
-        file->position.stored_length = 0;
+    file->highest_rrn = highest_rrn;
+    file_position &position = file->position;
+    if (position.record_offset != none && position.record_offset >= end) {
+        position.record_offset = end;
+        position.stored_length = 0;
+        position.rrn = highest_rrn + 1;
     }
     checkpoint_table *table = checkpoints(file);
     for (uint64_t i = 0; table != nullptr && i < table->capacity; ++i)

@@ -31,8 +31,9 @@ void position_save(vfs_file *file, const vfs_request *request);
 void position_at_end(vfs_file *file, position_end end);
 void position_to_end(vfs_file *file, position_end end, uint64_t key_number);
 
-// Flat files: the end of file moves back to `end`; nothing that is remembered may lie behind it.
-void end_cut(vfs_file *file, uint64_t end);
+// Flat files: the end of file moves back to `end`, and the highest record number with it; nothing that is remembered
+// may lie behind it.
+void end_cut(vfs_file *file, uint64_t end, uint64_t highest_rrn);
 
 // Flat files of variable slots remember where every so many record numbers lie.
 void checkpoint_add(vfs_file *file, uint64_t rrn, uint64_t offset);

@@ -240,4 +240,64 @@ TEST_F(Sequential, RecordsOfSeveralBlocksComeBackWhole)
     }
 }
 
+TEST_F(Sequential, StepsGoOnByNumberWhereAnotherHandleCutTheFileAndAppendedOtherSlots)
+{
+    variables.set("VFS_LOCK", "9"); // as the host says
+    file_spec spec = variable();
+    spec.locks = vfs_lock_request{.share_mode = VFS_SHARE_ALL,
+                                  .lock_mode = VFS_LOCK_FILE,
+                                  .lock_flags = 0,
+                                  .hold = 0,
+                                  .request_kind = 0,
+                                  .wait_mode = VFS_WAIT_NEVER,
+                                  .retry_count = 0,
+                                  .sleep = 0};
+    const auto give = [](file &from) { EXPECT_EQ(from.run(operation::unlock, next()).value, 0); };
+    const auto last_three_replaced = [&](size_t length) {
+        file other{spec};
+        ASSERT_TRUE(other.ok()) << other.error();
+        for (const int64_t rrn : {5, 4, 3}) EXPECT_EQ(other.erase(by_rrn(rrn)).value, 0);
+        for (const char tint : {'x', 'y', 'z', '!'}) EXPECT_GE(other.write(std::string(length, tint)).value, 0);
+        EXPECT_EQ(other.close(), 0);
+    };
+    for (const size_t length : {size_t{3}, size_t{60}, size_t{700}}) {
+        unlink(path().c_str());
+        file f{spec};
+        ASSERT_TRUE(f.ok()) << f.error();
+        for (const char tint : {'a', 'b', 'c', 'd', 'e', 'f'}) f.write(std::string(50, tint));
+        const std::string before(50, 'd'), here(50, 'e');
+        EXPECT_TRUE(f.read(by_rrn(4)).found(here));
+        give(f);
+        last_three_replaced(length);
+        EXPECT_TRUE(f.read(next()).found(std::string(length, 'z'))) << length; // number 5: 4 was read
+        EXPECT_TRUE(f.read(next()).found(std::string(length, '!')));
+        EXPECT_TRUE(f.read(next()).ended());
+        last_three_replaced(50); // 3, 4 and 5; number 6 stays a slot of the other length
+        EXPECT_TRUE(f.read(prev()).found(std::string(length, '!'))) << length;
+        EXPECT_TRUE(f.read(by_rrn(4)).value >= 0);
+        EXPECT_EQ(f.close(), 0);
+        EXPECT_EQ(check_file(path()), "");
+    }
+    printed(); // the warning of several writers
+}
+
+TEST_F(Sequential, UnknownModesAreReportedAsGiven)
+{
+    file f{variable()};
+    f.write("one");
+    for (const int32_t mode : {-1, 14, 255, 256 + VFS_POS_NEXT, INT32_MIN}) {
+        const place where{.mode = mode, .key = {}};
+        EXPECT_TRUE(f.read(where).failed(EINVAL));
+        EXPECT_TRUE(f.write("two", where).failed(EINVAL));
+        EXPECT_TRUE(f.rewrite("two", where).failed(EINVAL));
+        EXPECT_TRUE(f.erase(where).failed(EINVAL));
+        EXPECT_TRUE(f.start(where).failed(EINVAL));
+        EXPECT_TRUE(f.position(where).failed(EINVAL));
+        std::string lines;
+        for (int i = 0; i < 6; ++i) lines += "pos=" + std::to_string(mode) + "\n";
+        EXPECT_EQ(printed(), lines);
+    }
+    EXPECT_TRUE(f.read(first()).found("one"));
+}
+
 } // namespace
