@@ -61,12 +61,10 @@ int started_record(vfs_file *file, vfs_request *work, bool *there)
     const file_position &position = file->position;
     if (!position.started || position.side != position_side::entry) return 0;
     if (file->trees() && position_follow(file, work) == -1) return -1;
-    if (position.record_offset >= file->end_of_file) return 0;
     vfs_request found = *work;
     found.record_offset = position.record_offset;
-    if (record_head(file, &found) == -1) return errno == ENOEXEC ? 0 : -1;
-    const uint8_t away = file->trees() ? item_relocated : item_moved;
-    if ((found.record_state != item_live && found.record_state != away) || found.rrn != position.rrn) return 0;
+    const int still = record_still_there(file, &found, position.rrn);
+    if (still != 1) return still;
     found.key_number = position.key_number;
     found.node = position.node;
     found.item = position.item;

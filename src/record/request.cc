@@ -118,12 +118,9 @@ int current_record(vfs_file *file, vfs_request *work)
     if (state == VFS_POS_BEFORE_FIRST || state == VFS_POS_AFTER_LAST || state == VFS_POS_UNDEFINED ||
         (work->flags & VFS_FLAG_AT_END) != 0 || work->record_offset == none)
         return fail(EINVAL);
-    const uint64_t rrn = work->rrn, offset = work->record_offset;
-    const int head = offset < file->end_of_file ? record_head(file, work) : fail(ENOEXEC);
-    if (head == -1 && errno != ENOEXEC) return -1;
-    const uint8_t away = file->trees() ? item_relocated : item_moved;
-    const bool live = work->record_state == item_live || work->record_state == away;
-    if (head == 0 && live && work->rrn == rrn) return 0;
+    const uint64_t rrn = work->rrn;
+    const int there = record_still_there(file, work, rrn);
+    if (there != 0) return there == 1 ? 0 : -1;
     if (!file->trees() || rrn == none) return fail(ESPIPE);
     // Another handle may have moved it; or it is gone, and its slot free or somebody else's.
     work->rrn = rrn;

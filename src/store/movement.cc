@@ -163,7 +163,7 @@ int flat_slot_of(vfs_file *file, uint64_t rrn, uint64_t *offset, slot_head *head
 // Whether nobody else can have changed a slot since this handle last looked at it.
 bool sees_all_changes(const vfs_file *file)
 {
-    return file->lock_defaults.lock_mode >= VFS_LOCK_FILE && !metadata_bracket(file);
+    return file->lock_defaults.lock_mode == VFS_LOCK_FILE && !metadata_bracket(file) && !file->acquired;
 }
 
 // Where a step from the file position begins: the slot behind it (forward), or the end of the one before it. The
@@ -315,6 +315,17 @@ int record_locate_key(vfs_file *file, vfs_request *request)
 {
     begin(request);
     return tree_locate(file, request, key_locate, VFS_POS_KEY);
+}
+
+int record_still_there(vfs_file *file, vfs_request *request, uint64_t rrn)
+{
+    if (request->record_offset >= file->end_of_file) return 0;
+    slot_head head;
+    // In a flat file that was cut meanwhile the place may be anything: the trailer has to agree.
+    const bool slot_begins_here = file->trees() || sees_all_changes(file);
+    if (!slot_begins_here && slot_check(file, request->record_offset, &head) == -1) return errno == ENOEXEC ? 0 : -1;
+    if (record_head(file, request) == -1) return errno == ENOEXEC ? 0 : -1;
+    return is_record(file, request->record_state) && request->rrn == rrn ? 1 : 0;
 }
 
 int record_by_identity(vfs_file *file, vfs_request *request)

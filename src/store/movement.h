@@ -19,6 +19,8 @@ inline constexpr uint8_t state_unread = 2; // record state before a slot's head 
 // By mode: first, last, or request->key with the relation (7). Indexed files.
 [[nodiscard]] int record_locate_key(vfs_file *file, vfs_request *request);
 
+// Whether the live record of the number `rrn` begins at request->record_offset; then the request is filled. 1, 0 or -1.
+[[nodiscard]] int record_still_there(vfs_file *file, vfs_request *request, uint64_t rrn);
 // Tree files: the record that has the request's key (key_number, key) and the request's rrn, wherever it lies by now.
 [[nodiscard]] int record_by_identity(vfs_file *file, vfs_request *request);
 

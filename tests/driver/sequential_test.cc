@@ -260,21 +260,19 @@ TEST_F(Sequential, StepsGoOnByNumberWhereAnotherHandleCutTheFileAndAppendedOther
         for (const char tint : {'x', 'y', 'z', '!'}) EXPECT_GE(other.write(std::string(length, tint)).value, 0);
         EXPECT_EQ(other.close(), 0);
     };
-    for (const size_t length : {size_t{3}, size_t{60}, size_t{700}}) {
+    for (const size_t length : {size_t{3}, size_t{60}, size_t{700}, size_t{8}, size_t{50}}) {
+        const bool forward = length != 8 && length != 700;
         unlink(path().c_str());
         file f{spec};
         ASSERT_TRUE(f.ok()) << f.error();
         for (const char tint : {'a', 'b', 'c', 'd', 'e', 'f'}) f.write(std::string(50, tint));
-        const std::string before(50, 'd'), here(50, 'e');
-        EXPECT_TRUE(f.read(by_rrn(4)).found(here));
+        EXPECT_TRUE(f.read(by_rrn(4)).found(std::string(50, 'e')));
         give(f);
         last_three_replaced(length);
-        EXPECT_TRUE(f.read(next()).found(std::string(length, 'z'))) << length; // number 5: 4 was read
-        EXPECT_TRUE(f.read(next()).found(std::string(length, '!')));
-        EXPECT_TRUE(f.read(next()).ended());
-        last_three_replaced(50); // 3, 4 and 5; number 6 stays a slot of the other length
-        EXPECT_TRUE(f.read(prev()).found(std::string(length, '!'))) << length;
-        EXPECT_TRUE(f.read(by_rrn(4)).value >= 0);
+        EXPECT_TRUE(f.read(forward ? next() : prev()).found(std::string(length, forward ? 'z' : 'x'))) << length;
+        EXPECT_EQ(f.rest(forward), forward ? std::vector<std::string>(1, std::string(length, '!'))
+                                           : (std::vector<std::string>{std::string(50, 'c'), std::string(50, 'b'),
+                                                                       std::string(50, 'a')}));
         EXPECT_EQ(f.close(), 0);
         EXPECT_EQ(check_file(path()), "");
     }
