@@ -104,6 +104,24 @@ check "load fixed" 0 "3" sh -c "'$vfsctl' load x --fixed 4 bytes --key 0:2 >/dev
 check "fixed records come back in key order" 0 "aa11bb22cc33" "$vfsctl" scan x --raw
 check "a record of another length is refused" 2 "" "$vfsctl" put x dd445
 
+# ---- check and rebuild
+check "check" 0 "x: sound, indexed, 1 key, 3 records" "$vfsctl" check x
+check "rebuild" 0 "y: 3 records kept, 0 places rejected" "$vfsctl" rebuild x --to y
+check "the new file has the records" 0 "aa11bb22cc33" "$vfsctl" scan y --raw
+check "rebuild overwrites nothing" 2 "" "$vfsctl" rebuild x --to y
+says "rebuild overwrites nothing" "y: exists already"
+cp x z
+printf '\377' | dd of=z bs=1 seek=64 conv=notrunc 2>stderr # the number of records
+check "check says where the damage is" 4 "z: 0x40: number of records: 255 stands here, 3 is right" \
+    sh -c "'$vfsctl' check z >check.out; status=\$?; head -1 check.out; exit \$status"
+check "the driver's word for an unclosed file leads to check" 2 "" sh -c "printf '\001' | dd of=y bs=1 seek=320 conv=notrunc 2>stderr && '$vfsctl' scan y"
+says "the driver's word for an unclosed file leads to check" "vfsctl check"
+check "a sound file that was not closed" 4 "" sh -c "'$vfsctl' check y >check.out"
+check "is cleared" 1 "" sh -c "'$vfsctl' check --clear y >check.out"
+check "and can be used again" 0 "3" "$vfsctl" scan y --count
+check "check of a missing file" 8 "" "$vfsctl" check missing
+check "check without a file" 16 "" "$vfsctl" check
+
 # ---- interruption
 # The command is stopped while it waits for its input, or else with all of it read and none of it stored.
 printf 'aa11\n' >lines
