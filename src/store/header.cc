@@ -218,11 +218,13 @@ int contexts_allocate(vfs_file *file)
     return file->contexts == nullptr ? fail(ENOMEM) : 0;
 }
 
+// Sharers do so with indexed files only: the numbers of their records go on, so that none that another handle
+// remembers comes to mean another record. In a relative file the numbers are the host's.
 bool may_reinitialize(const vfs_file *file)
 {
-    return file->trees() && !is_read_only(file) && file->records == 0 && file->deleted != 0 &&
-           file->lock_defaults.lock_mode == VFS_LOCK_FILE && file->file_lock_state == file_lock_write &&
-           session_alone(file);
+    if (!file->trees() || is_read_only(file) || file->records != 0 || file->deleted == 0 || !session_alone(file))
+        return false;
+    return is_shared(file) ? file->indexed() : file->file_lock_state == file_lock_write;
 }
 
 // The description that the file has, or has not, becomes the handle's: -1 when it cannot be kept as it is.
@@ -244,7 +246,9 @@ int create(vfs_file *file, const block_sizes &blocks)
 {
     if (header_fits(file) == -1) return -1;
     continue_counters(file, file->size_at_open);
+    const uint64_t highest_rrn = file->highest_rrn;
     reset_geometry(file);
+    if (is_shared(file) && file->indexed()) file->highest_rrn = highest_rrn;
     file->data_block_size = blocks.data_block;
     if (contexts_allocate(file) == -1) return -1;
     const metadata_layout layout = layout_of(file);
@@ -281,6 +285,18 @@ int reinitialize(vfs_file *file)
     if (create(file, blocks) == -1) return -1;
     contexts_close(file);
     return header_read(file);
+}
+
+// Under the metadata lock, which keeps the header as it was read. With a lock of another on any byte of it the file stays
+// as it is: it can be served as well.
+int reinitialize_alone(vfs_file *file)
+{
+    if (!is_shared(file)) return reinitialize(file);
+    const lock_target whole{.file = file, .counted = &file->data, .kind = lock_file, .write = true, .try_only = true};
+    if (lock_set(whole) == -1) return 0;
+    const int result = reinitialize(file), cause = errno;
+    if (lock_clr(whole) == -1 && result == 0) return -1;
+    return result == 0 ? 0 : fail(cause);
 }
 
 } // namespace
@@ -379,7 +395,7 @@ int header_open(vfs_file *file)
         if (header_create(file) == -1) return -1;
     } else {
         if (header_read(file) == -1) return -1;
-        if (may_reinitialize(file) && reinitialize(file) == -1) return -1;
+        if (may_reinitialize(file) && reinitialize_alone(file) == -1) return -1;
     }
     if (!is_read_only(file) && file->trees() && file->tsn < 0) return session_renumber(file);
     return 0;
