@@ -90,7 +90,8 @@ int metadata_refresh(vfs_file *file)
     if (got == -1) return -1;
     file->meta.stats.bytes_read += static_cast<uint64_t>(got);
     if (static_cast<uint64_t>(got) != header->size) return fail(EINVAL);
-    const uint64_t state = image_get(std::span<const std::byte>(file->meta.header_copy, header->size), header_state_word);
+    const uint64_t state =
+        image_get(std::span<const std::byte>(file->meta.header_copy, header->size), header_state_word);
     if (redo_pending(state)) return fail(EINPROGRESS);
     // The usual case of a file that nobody else has changed: what was checked once is good.
     if (std::memcmp(header->data, file->meta.header_copy, header->size) == 0) return 0;

@@ -100,7 +100,10 @@ struct selection {
     vfs_file *file;
     uint64_t old_end;
 
-    bool has(const changed_range &range, part which) const { return (range.offset < old_end) == (which == part::below); }
+    bool has(const changed_range &range, part which) const
+    {
+        return (range.offset < old_end) == (which == part::below);
+    }
 };
 
 // Writes the ranges in place, those that touch each other with one call.
