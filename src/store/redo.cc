@@ -6,8 +6,11 @@
 //   4. the same bytes in place, the header last
 //   5. state word 0
 //
-// Where only the header's first page changes below the old end, 2, 3 and 5 drop out: a write is cut by a kill between
-// two pages, never inside one.
+// A kill cuts a write between two pages, never inside one, so that 2, 3 and 5 drop out where below the old end
+//
+//   - only the header's first page changes (an appended record of a flat file), or
+//   - one page changes and, in the header, only the counters that tell others what to read again (a record rewritten in
+//     its slot): these are written first, because raised without a change they cost a second look and nothing else.
 #include "store/redo.h"
 
 #include "io/file_calls.h"
@@ -225,21 +228,34 @@ int limit_check(uint64_t end)
     return fail(EFBIG);
 }
 
-int write_area(const selection &from, uint64_t area)
+// The area that the listed ranges need, behind the new end of file.
+struct area_plan {
+    uint64_t start, ranges, length;
+};
+
+int plan_area(const selection &from, area_plan *area)
 {
-    uint64_t count, bytes;
-    if (list_ranges(from, &count, &bytes) == -1) return -1;
+    const vfs_file *file = from.file;
+    uint64_t bytes;
+    if (list_ranges(from, &area->ranges, &bytes) == -1) return -1;
+    area->start = round_up(std::max(file->end_of_file, file->acquired_end), redo_unit);
+    area->length = redo_head_bytes + area->ranges * redo_range_bytes + bytes;
+    return 0;
+}
+
+int write_area(const selection &from, const area_plan &area)
+{
+    const uint64_t count = area.ranges;
     const change_list &list = from.file->changes;
     std::array<std::byte, redo_head_bytes> head{};
     image_put<uint64_t>(head, redo_magic, redo_magic_word);
     image_put<uint64_t>(head, redo_ranges, count);
-    image_put<uint64_t>(head, redo_length, redo_head_bytes + count * redo_range_bytes + bytes);
-    if (limit_check(area + image_get<uint64_t>(head, redo_length)) == -1) return -1;
+    image_put<uint64_t>(head, redo_length, area.length);
 
     redo_sum sum;
     sum.add(head.data(), head.size());
     sum.add(list.listed, count * redo_range_bytes);
-    area_writer writer{.file = from.file, .at = area, .pieces = {}};
+    area_writer writer{.file = from.file, .at = area.start, .pieces = {}};
     if (writer.add(head.data(), head.size()) == -1) return -1;
     if (writer.add(list.listed, count * redo_range_bytes) == -1) return -1;
     for (uint64_t i = 0; i < list.count; ++i) {
@@ -254,14 +270,34 @@ int write_area(const selection &from, uint64_t area)
     return writer.flush();
 }
 
-bool header_page_alone(const selection &from)
+// ---- Changes that a kill cannot cut ----
+
+struct uncut_change {
+    const changed_range *header = nullptr, *page = nullptr;
+};
+
+// True when what changes below the old end is one of the two cases at the top.
+bool is_uncut(const selection &from, uint64_t header_bytes, uint64_t page_bytes, uncut_change *change)
 {
+    constexpr uint64_t counters = header_tsn.offset, behind_counters = header_records.offset;
     const change_list &list = from.file->changes;
+    bool counters_alone = true;
     for (uint64_t i = 0; i < list.count; ++i) {
         const changed_range &range = list.ranges[i];
-        if (from.has(range, part::below) && range.offset + range.length > redo_unit) return false;
+        if (!from.has(range, part::below)) continue;
+        const uint64_t last = range.offset + range.length - 1;
+        if (range.offset / page_bytes != last / page_bytes) return false;
+        const changed_range *&place = range.offset < header_bytes ? change->header : change->page;
+        if (place != nullptr || (range.offset < header_bytes && range.offset >= page_bytes)) return false;
+        place = &range;
+        if (place == change->header) counters_alone = range.offset >= counters && last < behind_counters;
     }
-    return true;
+    return change->header != nullptr && (change->page == nullptr || counters_alone);
+}
+
+int write_range(vfs_file *file, const changed_range *range)
+{
+    return range == nullptr ? 0 : file_write_at(file, range->bytes(), range->length, range->offset);
 }
 
 int sync_if_asked(vfs_file *file)
@@ -393,18 +429,19 @@ int changes_commit(vfs_file *file, bool *in_doubt)
     }
     if (header_sync(file) == -1) return -1;
     const selection changed{file, file->acquired_end / word_bytes * word_bytes};
-    if (limit_check(file->end_of_file) == -1 || collect(file, changed.old_end) == -1) return -1;
-    if (write_in_place(changed, part::beyond) == -1) return -1;
+    if (collect(file, changed.old_end) == -1) return -1;
     int result;
-    if (header_page_alone(changed)) {
-        result = write_in_place(changed, part::below);
-        if (result == -1) return -1;
+    if (uncut_change uncut; is_uncut(changed, file->meta.hdrb->size, redo_unit, &uncut)) {
+        if (limit_check(file->end_of_file) == -1 || write_in_place(changed, part::beyond) == -1) return -1;
+        if (write_range(file, uncut.header) == -1 || write_range(file, uncut.page) == -1) return -1;
         *in_doubt = true;
         result = sync_if_asked(file);
     } else {
-        const uint64_t area = round_up(std::max(file->end_of_file, file->acquired_end), redo_unit);
-        std::memcpy(file->meta.hdrb->data + header_state_word.offset, &area, sizeof area);
-        if (write_area(changed, area) == -1 || state_word_write(file, area) == -1) return -1;
+        area_plan area;
+        if (plan_area(changed, &area) == -1 || limit_check(area.start + area.length) == -1) return -1;
+        if (write_in_place(changed, part::beyond) == -1) return -1;
+        std::memcpy(file->meta.hdrb->data + header_state_word.offset, &area.start, sizeof area.start);
+        if (write_area(changed, area) == -1 || state_word_write(file, area.start) == -1) return -1;
         *in_doubt = true;
         result = finish_in_place(changed);
     }
