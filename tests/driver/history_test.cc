@@ -252,7 +252,7 @@ TEST_P(Handles, OfThreadsAndProcessesAgreeOnOneOrder)
     judge(tellers, count);
 }
 
-INSTANTIATE_TEST_SUITE_P(DISABLED_Shared, Handles, testing::Values(VFS_LOCK_AUTO, VFS_LOCK_RECORD),
+INSTANTIATE_TEST_SUITE_P(Shared, Handles, testing::Values(VFS_LOCK_AUTO, VFS_LOCK_RECORD),
                          [](const testing::TestParamInfo<uint32_t> &mode) {
                              return mode.param == VFS_LOCK_RECORD ? "Records" : "Blocks";
                          });

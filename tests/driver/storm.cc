@@ -337,6 +337,10 @@ private:
             if (got.answer == told::deadlock) break;
             const auto same = [&](const storm_record &other) { return other.id == got.record.id; };
             if (got.answer == told::done && std::none_of(held.begin(), held.end(), same)) held.push_back(got.record);
+            for (uint64_t others = count == 1 ? 0 : below(12); others != 0; --others) {
+                const uint32_t other = pick();
+                look(at(other), other, &unlocking_);
+            }
         }
         for (const storm_record &was : held) {
             const bool erases = was.id >= anchor_count && chance(30);
@@ -602,20 +606,31 @@ void count_entry(const log_entry &entry, storm_report *report)
 
 using histories = std::unordered_map<uint32_t, std::vector<event>>;
 
+int64_t longest_silence(std::vector<int64_t> answers)
+{
+    std::sort(answers.begin(), answers.end());
+    int64_t longest = 0;
+    for (size_t i = 1; i < answers.size(); ++i) longest = std::max(longest, answers[i] - answers[i - 1]);
+    return longest;
+}
+
 histories collect(storm_memory &memory, storm_report *report)
 {
     histories by_id;
+    std::vector<int64_t> answers;
     for (unsigned w = 0; w < worker_count; ++w)
         for (uint64_t i = 0; i < memory.state->logs[w].count + 1; ++i) {
             const log_entry &entry = memory.entry(w, i);
             if (entry.state == entry_state::empty) continue;
             count_entry(entry, report);
             const bool answered = entry.state == entry_state::answered;
+            if (answered) answers.push_back(entry.to);
             // What was refused has done nothing; a walk that came to the end names no record.
             if (answered && entry.answer >= told::refused) continue;
             if (entry.id == UINT32_MAX) continue;
             by_id[entry.id].push_back(event_of(entry));
         }
+    report->silence_ns = longest_silence(std::move(answers));
     return by_id;
 }
 
@@ -757,7 +772,8 @@ std::ostream &operator<<(std::ostream &out, const storm_report &report)
 {
     return out << report.operations << " operations, " << report.processes << " processes, " << report.kills
                << " kills, " << report.conflicts << " conflicts, " << report.deadlocks << " deadlocks, "
-               << report.records << " records left, longest operation " << report.longest_ns / 1'000'000 << " ms";
+               << report.records << " records left, longest operation " << report.longest_ns / 1'000'000
+               << " ms, longest silence " << report.silence_ns / 1'000'000 << " ms";
 }
 
 } // namespace host

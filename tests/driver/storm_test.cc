@@ -43,11 +43,12 @@ TEST_P(Storm, EveryAnswerIsKept)
     setenv("VFS_LOCK", "9", 1); // the lock modes that the test asks for
     std::string directory = std::filesystem::temp_directory_path() / "vfs_storm_XXXXXX";
     ASSERT_NE(mkdtemp(directory.data()), nullptr);
+    const int64_t seconds = from_environment("VFS_STORM_SECONDS", 0);
     const int64_t seed = from_environment("VFS_STORM_SEED", std::random_device{}());
     const storm_report report = run_storm({.what = how.what,
                                            .lock_mode = how.lock_mode,
                                            .kills = how.kills,
-                                           .milliseconds = from_environment("VFS_STORM_SECONDS", 3) * 1000,
+                                           .milliseconds = seconds != 0 ? seconds * 1000 : 1500,
                                            .seed = static_cast<uint64_t>(seed),
                                            .directory = directory});
     std::ostringstream figures;
@@ -66,19 +67,23 @@ TEST_P(Storm, EveryAnswerIsKept)
         std::filesystem::remove_all(directory);
 }
 
-INSTANTIATE_TEST_SUITE_P(DISABLED_Calm, Storm,
+// Not yet: a walk through equal keys can pass a record twice when another process moves records about.
+INSTANTIATE_TEST_SUITE_P(DISABLED_Indexed, Storm,
                          testing::Values(weather{shape::indexed, VFS_LOCK_RECORD, false},
                                          weather{shape::indexed, VFS_LOCK_AUTO, false},
-                                         weather{shape::relative, VFS_LOCK_RECORD, false},
-                                         weather{shape::relative, VFS_LOCK_AUTO, false},
-                                         weather{shape::sequential, VFS_LOCK_RECORD, false},
-                                         weather{shape::sequential, VFS_LOCK_AUTO, false}),
+                                         weather{shape::indexed, VFS_LOCK_RECORD, true},
+                                         weather{shape::indexed, VFS_LOCK_AUTO, true}),
                          name_of_case);
 
-INSTANTIATE_TEST_SUITE_P(DISABLED_Killed, Storm,
-                         testing::Values(weather{shape::indexed, VFS_LOCK_RECORD, true},
-                                         weather{shape::indexed, VFS_LOCK_AUTO, true},
-                                         weather{shape::relative, VFS_LOCK_RECORD, true},
+INSTANTIATE_TEST_SUITE_P(Relative, Storm,
+                         testing::Values(weather{shape::relative, VFS_LOCK_RECORD, false},
+                                         weather{shape::relative, VFS_LOCK_AUTO, false},
+                                         weather{shape::relative, VFS_LOCK_RECORD, true}),
+                         name_of_case);
+
+INSTANTIATE_TEST_SUITE_P(Sequential, Storm,
+                         testing::Values(weather{shape::sequential, VFS_LOCK_RECORD, false},
+                                         weather{shape::sequential, VFS_LOCK_AUTO, false},
                                          weather{shape::sequential, VFS_LOCK_RECORD, true}),
                          name_of_case);
 
