@@ -372,7 +372,10 @@ int position_follow(vfs_file *file, const vfs_request *request)
     found.rrn = position.rrn;
     if (file->indexed()) std::memcpy(found.key, position.key, file->key_buffer_bytes);
     if (record_by_identity(file, &found) == -1) return -1;
-    if ((found.flags & VFS_FLAG_AT_END) != 0) return 0;
+    if ((found.flags & VFS_FLAG_AT_END) != 0) { // gone; its slot may have a tenant with the same key
+        position.side = position_side::gap;
+        return 0;
+    }
     position.record_offset = found.record_offset;
     position.node = found.node;
     position.item = found.item;

@@ -25,7 +25,7 @@ inline constexpr uint8_t state_unread = 2; // record state before a slot's head 
 [[nodiscard]] int record_by_identity(vfs_file *file, vfs_request *request);
 
 // A position that lost its cursor because another handle changed the file: if that handle moved the record, the
-// position goes with it. request->key is used on the way.
+// position goes with it; if it removed the record, the position becomes a gap. request->key is used on the way.
 [[nodiscard]] int position_follow(vfs_file *file, const vfs_request *request);
 // The file position: on the record of a filled request; where a step met an end (what stood there stays known, so that
 // records which come beside it are found); at an end without any record.

@@ -50,18 +50,31 @@ tree_place position_cursor(const index_tree &tree)
     return {position.node, position.item};
 }
 
+// The place in front of the entry of a record that stood behind the position, or behind the one of a record that stood
+// before it: 0, 1 when there is no such record any more, -1.
+int beside_record(const index_tree &tree, const search_key &key, uint64_t offset, bool stood_behind, bool forward,
+                  tree_place *place)
+{
+    if (offset == none || offset == 0) return 1;
+    const int found = tree_seek(tree, key, offset, place);
+    // A step forward begins on the entry before the place, a step backward on the one behind it.
+    if (found == 0 && stood_behind == forward) place->item += forward ? none : 1;
+    return found;
+}
+
 // Among equal keys whose own record is gone: the place to step from is beside the nearest record that stood on the
-// wanted side, else beside the first one written later (the last one written earlier).
+// wanted side. When that one is not found (it may have moved) the other neighbour tells as well; after both, the next
+// ones on the wanted side, else the first record written later (the last one written earlier).
 int beside_neighbour(const index_tree &tree, const search_key &key, bool forward, tree_place *place)
 {
     const file_position &position = tree.file->position;
-    for (const uint64_t offset : forward ? position.after : position.before) {
-        if (offset == none || offset == 0) break;
-        const int found = tree_seek(tree, key, offset, place);
-        if (found == 1) continue;
-        if (found == 0) place->item += forward ? none : 1;
-        return found;
-    }
+    const uint64_t *const ahead = forward ? position.after : position.before;
+    const uint64_t *const passed = forward ? position.before : position.after;
+    int found = beside_record(tree, key, ahead[0], forward, forward, place);
+    if (found == 1) found = beside_record(tree, key, passed[0], !forward, forward, place);
+    for (uint64_t i = 1; found == 1 && i < std::size(position.after) && ahead[i - 1] != none; ++i)
+        found = beside_record(tree, key, ahead[i], forward, forward, place);
+    if (found != 1) return found;
     if (tree_bound(tree, key, !forward, place) == -1) return -1;
     tree_place at = *place;
     if (forward) --at.item;
@@ -90,9 +103,9 @@ int find_again(const index_tree &tree, bool forward, tree_place *place)
     const search_key key =
         search_key_of(tree, tree.numbers ? reinterpret_cast<const std::byte *>(&position.rrn) : position.key);
     if (tree.held_duplicates()) {
-        const int found = tree_seek(tree, key, position.record_offset, place);
-        if (found == 1) return beside_neighbour(tree, key, forward, place);
-        return found;
+        const bool stands = position.side == position_side::entry;
+        const int found = stands ? tree_seek(tree, key, position.record_offset, place) : 1;
+        return found == 1 ? beside_neighbour(tree, key, forward, place) : found;
     }
     // At a gap, an equal key came in after the record had gone: before the gap, or behind it where equal keys may be.
     const bool behind = position.side == position_side::gap ? !tree.allows_duplicates() : forward;
