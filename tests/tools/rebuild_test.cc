@@ -5,6 +5,7 @@
 
 #include "store/format.h"
 
+#include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -279,6 +280,7 @@ TEST_F(Rebuild, NothingIsOverwritten)
 // Loads without end; says after each flush how many records it covered.
 [[noreturn]] void load_and_flush(const file_spec &what, int told, const std::function<std::string(int64_t)> &record)
 {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     file f{what};
     const bool keyed = what.logical == VFS_ORG_INDEXED;
     for (int64_t n = 0;; ++n) {
@@ -292,12 +294,14 @@ TEST_F(Rebuild, EveryRecordThatAFlushCoveredOutlivesItsProgram)
 {
     const auto record = [](int64_t n) { return text(n * 7919 % 100003, 60 + static_cast<size_t>(n % 50)); };
     unsigned round = 0;
-    for (const uint32_t lock_mode : {1U, 3U}) {
+    variables.set("VFS_LOCK", "9"); // as the program asks
+    for (const uint32_t lock_mode : {uint32_t{VFS_LOCK_NONE}, uint32_t{VFS_LOCK_FILE}}) {
         for (const bool keyed : {true, false}) {
             unlink(path().c_str());
             spec what = keyed ? indexed() : flat(path(), VFS_FORMAT_VARIABLE, 200);
             what.locks = vfs_lock_request{};
             what.locks->lock_mode = lock_mode;
+            what.locks->share_mode = lock_mode == VFS_LOCK_FILE ? VFS_SHARE_NONE : VFS_SHARE_ALL;
             int pipe_ends[2];
             ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
             const pid_t child = fork();
@@ -323,6 +327,63 @@ TEST_F(Rebuild, EveryRecordThatAFlushCoveredOutlivesItsProgram)
                 ASSERT_TRUE(kept.contains(record(n)))
                     << "lock mode " << lock_mode << ", record " << n << " of " << flushed;
         }
+    }
+    printed();
+}
+
+// Writes, moves and deletes records of a shared file, without flush, until it is killed.
+[[noreturn]] void work_on_shared(const file_spec &what, uint64_t seed, int told)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::mt19937_64 random{seed};
+    file f{what};
+    for (int64_t done = 0;; ++done) {
+        const auto n = static_cast<int64_t>(random() % 4000);
+        const std::string key = numbered("%08ld", n);
+        std::string record = key + (n % 2 == 0 ? "even" : "odd ") + std::string(random() % 200, 'x');
+        if (random() % 3 == 0)
+            f.erase(by_key(key));
+        else if (f.write(record, by_record()).value < 0)
+            f.rewrite(record, by_record());
+        if (write(told, &done, sizeof done) != sizeof done) _exit(1);
+    }
+}
+
+TEST_F(Rebuild, SharedFileIsSoundWhileAndAfterItsProgramsAreKilled)
+{
+    variables.set("VFS_LOCK", "9"); // as the program asks
+    spec what = indexed();
+    what.locks = vfs_lock_request{};
+    what.locks->share_mode = VFS_SHARE_ALL;
+    what.locks->lock_mode = VFS_LOCK_RECORD;
+    what.locks->wait_mode = VFS_WAIT_KERNEL;
+    for (unsigned round = 0; round < 6; ++round) {
+        int pipe_ends[2];
+        ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
+        pid_t children[2];
+        for (unsigned i = 0; i < 2; ++i)
+            if ((children[i] = fork()) == 0) work_on_shared(what, 10 * round + i, pipe_ends[1]);
+        close(pipe_ends[1]);
+        int64_t done = 0;
+        for (unsigned n = 0; n < 300; ++n)
+            ASSERT_EQ(read(pipe_ends[0], &done, sizeof done), static_cast<ssize_t>(sizeof done));
+        const run_result busy = vfsctl("check " + path());
+        EXPECT_EQ(busy.status, 0) << busy;
+        EXPECT_FALSE(busy.says("in use")) << busy;
+        for (const pid_t child : children) kill(child, SIGKILL);
+        for (const pid_t child : children) waitpid(child, nullptr, 0);
+        close(pipe_ends[0]);
+
+        const run_result after = vfsctl("check " + path());
+        EXPECT_EQ(after.status, 0) << after;
+        EXPECT_TRUE(after.says("sound")) << after;
+        const run_result result = rebuild();
+        EXPECT_EQ(result.status, 0) << result;
+        if (round % 2 == 1) {
+            EXPECT_EQ(vfsctl("check --clear " + path()).status, 1);
+            EXPECT_EQ(check_file(path()), "");
+        }
+        EXPECT_EQ(scan(path("new"), 1, false), scan(path(), 1, false));
     }
     printed();
 }

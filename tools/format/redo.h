@@ -15,7 +15,6 @@ struct redo_range {
 
 struct redo_area {
     std::string fault; // why it cannot be used; empty: it is whole
-    uint64_t bytes = 0;
     std::vector<redo_range> ranges;
 };
 

@@ -37,7 +37,7 @@ void print_findings(const std::string &file, const check_report &report)
 
 void print_bytes_behind(const std::string &file, const check_result &found, uint64_t size)
 {
-    if (found.report.problem_count() != 0 || size <= found.facts.end) return;
+    if (size <= found.facts.end || found.behind.items != 0) return;
     fmt::print(
         "{}: note: {} bytes behind the end of file; the next program that changes the file alone cuts them off\n", file,
         size - found.facts.end);
