@@ -114,11 +114,9 @@ const setting settings[] = {
     {},
     {.values = {{"VFS_LOCK", "0"}}, .reinitializes = false},
     {.values = {{"VFS_LOCK", "0"}, {"VFS_IO_MMAP", "0"}, {"VFS_DATA_COUNT", "1"}}, .reinitializes = false},
-    {.values = {{"VFS_LOCK", "3"}}, .shared = true, .reinitializes = false},
-    {.values = {{"VFS_LOCK", "4"}}, .shared = true, .reinitializes = false},
-    {.values = {{"VFS_LOCK", "4"}, {"VFS_DATA_COUNT", "2"}, {"VFS_IO_HASH", "0"}},
-     .shared = true,
-     .reinitializes = false},
+    {.values = {{"VFS_LOCK", "3"}}, .shared = true},
+    {.values = {{"VFS_LOCK", "4"}}, .shared = true},
+    {.values = {{"VFS_LOCK", "4"}, {"VFS_DATA_COUNT", "2"}, {"VFS_IO_HASH", "0"}}, .shared = true},
     {.values = {{"VFS_DATA_COUNT", "1"}, {"VFS_DATA_SIZE", "4"}}},
     {.values = {{"VFS_DATA_COUNT", "16"}, {"VFS_IO_HASH", "1"}}},
     {.values = {{"VFS_IO_CACHE", "0"}, {"VFS_IO_HASH", "0"}}},
@@ -126,7 +124,7 @@ const setting settings[] = {
     {.values = {{"VFS_IO_THREAD", "1"}}},
     {.values = {{"VFS_IO_DIO", "1"}}},
     {.values = {{"VFS_CACHE_SIZE", "4M"}}},
-    {.values = {{"VFS_SYNC", "1"}, {"VFS_LOCK", "4"}}, .shared = true, .reinitializes = false},
+    {.values = {{"VFS_SYNC", "1"}, {"VFS_LOCK", "4"}}, .shared = true},
     {.flags = O_RDONLY, .reinitializes = false},
     {.values = {{"VFS_LOCK", "0"}}, .flags = O_RDONLY, .reinitializes = false},
     {.values = {{"VFS_LOCK", "4"}}, .flags = O_RDONLY, .shared = true, .reinitializes = false},
@@ -367,14 +365,16 @@ private:
         environment_.reset();
         environment_ = std::make_unique<environment>();
         for (const auto &[name, value] : next_setting.values) environment_->set(name, value);
-        const bool again = spec_.organization != VFS_ORG_SEQUENTIAL && next_setting.reinitializes &&
-                           model_->records() == 0 && file_.closed().empty_count > 0;
+        // Sharers leave the numbers of a relative file alone, and go on with those of an indexed one.
+        const bool wanted = next_setting.reinitializes && (!next_setting.shared || spec_.logical == VFS_ORG_INDEXED);
+        const bool again = spec_.organization != VFS_ORG_SEQUENTIAL && wanted && model_->records() == 0 &&
+                           file_.closed().empty_count > 0;
         const file_spec spec = spec_.with_flags(next_setting.flags);
         if (!file_.open(spec)) return "open: errno " + std::to_string(file_.error()) + " " + printed_();
         const std::string text = printed_();
         if (text != (again ? "Re-initializing file(" + spec.path + ") for faster access!\n" : ""))
             return "open printed: '" + text + "'";
-        if (again) model_->initialized_again();
+        if (again && !next_setting.shared) model_->initialized_again();
         model_->sharing(next_setting.shared);
         model_->open(spec);
         return "";
