@@ -56,6 +56,7 @@ void after_fork()
 }
 void prepare()
 {
+    lock_watch_forks();
     pthread_atfork(before_fork, after_fork, after_fork);
 }
 

@@ -58,5 +58,8 @@ bool lock_find_record(lock_target *target);
 uint32_t lock_count(const shared_file_state *shared);
 void lock_abandon(file_state *file);
 void lock_table_free(vfs_lock_table *table);
+// Registers what fork(2) does with this room's mutex. Whoever calls this room under a mutex of its own calls this before
+// registering its own handlers, so that a fork takes the two in the same order.
+void lock_watch_forks();
 
 #endif

@@ -12,7 +12,8 @@ namespace {
 pthread_mutex_t lock_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t lock_released;
 pthread_once_t prepared = PTHREAD_ONCE_INIT;
-lock_waiting *waiters; // of all files
+lock_waiting *waiters;  // of all files
+vfs_lock_table *tables; // of all files
 
 void make_condition()
 {
@@ -34,6 +35,7 @@ void after_fork()
 void in_child() // none of the waiting threads came along
 {
     waiters = nullptr;
+    tables = nullptr; // their locks are the parent's
     make_condition();
     pthread_mutex_unlock(&lock_mutex);
 }
@@ -85,9 +87,14 @@ bool grow(vfs_lock_table *table)
 
 } // namespace
 
-lock_held::lock_held()
+void lock_watch_forks()
 {
     pthread_once(&prepared, prepare);
+}
+
+lock_held::lock_held()
+{
+    lock_watch_forks();
     error_ = pthread_mutex_lock(&lock_mutex);
     locked_ = error_ == 0;
 }
@@ -123,7 +130,10 @@ vfs_lock_table *lock_table_of(file_state *file, const lock_held &)
     vfs_lock_table *&table = file->shared->lock_table;
     if (table == nullptr) {
         table = static_cast<vfs_lock_table *>(std::calloc(1, sizeof(vfs_lock_table)));
-        if (table != nullptr) table->low = none;
+        if (table == nullptr) return nullptr;
+        table->low = none;
+        table->next = tables;
+        tables = table;
     }
     return table;
 }
@@ -131,8 +141,25 @@ vfs_lock_table *lock_table_of(file_state *file, const lock_held &)
 void lock_table_free(vfs_lock_table *table)
 {
     if (table == nullptr) return;
+    {
+        const lock_held held;
+        vfs_lock_table **place = &tables;
+        while (*place != nullptr && *place != table) place = &(*place)->next;
+        if (*place != nullptr) *place = table->next;
+    }
     std::free(table->entries);
     std::free(table);
+}
+
+bool holds_nothing(pthread_t thread, const lock_held &)
+{
+    bool nothing = true;
+    for (const vfs_lock_table *table = tables; table != nullptr && nothing; table = table->next)
+        for_each_entry(table, [&](const vfs_lock_entry &entry, uint32_t) {
+            nothing = entry.pending || pthread_equal(entry.thread, thread) == 0;
+            return nothing;
+        });
+    return nothing;
 }
 
 bool may_overlap(const vfs_lock_table *table, const lock_range &range)

@@ -53,6 +53,7 @@ struct vfs_lock_table {
     uint32_t limited; // of these, Record and Block entries
     uint32_t capacity;
     vfs_lock_entry *entries; // owned; may move when an entry is added
+    vfs_lock_table *next;    // of the process, in no order
 };
 
 // The one mutex of all lock operations of the process. A forked child finds it free.
@@ -113,6 +114,9 @@ void entry_free(vfs_lock_table *table, uint32_t index);
 
 // The locks that the wanted one waits for, directly or through other waiting handles, wait for the wanted one.
 bool closes_a_circle(const vfs_lock_table *table, const lock_wanted &wanted, const lock_held &);
+
+// Whether the thread has taken no lock that is still held, of whatever file: then nobody waits for it.
+bool holds_nothing(pthread_t thread, const lock_held &);
 
 // On the list of waiters while it lives.
 class [[nodiscard]] lock_waiting {

@@ -75,10 +75,11 @@ int report_deadlock(const lock_wanted &wanted, bool delaying)
     return fail(EDEADLK);
 }
 
-// The kernel takes the threads of a process for one owner: its deadlock on the metadata range is none, unless a lock
-// that stays (a File lock) is in the way.
+// The kernel takes the threads of a process for one owner: its deadlock is none when this thread holds nothing that
+// anybody could wait for, and on the metadata range, unless a lock that stays (a File lock) is in the way.
 bool is_false_alarm(const lock_wanted &wanted)
 {
+    if (const lock_held held; holds_nothing(wanted.thread, held)) return true;
     if (wanted.kind != lock_metadata) return false;
     const struct flock holder = holder_in_kernel(wanted);
     if (holder.l_type == F_UNLCK) return true;

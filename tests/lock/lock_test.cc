@@ -476,4 +476,27 @@ TEST_F(Lock, DeadlockBetweenProcessesReleasesTheRecords)
     EXPECT_EQ(lock_count(&shared_), 0u);
 }
 
+// To the kernel all threads of a process are one: it sees a circle where only another thread has what is waited for.
+TEST_F(Lock, AThreadThatHoldsNothingIsInNoDeadlock)
+{
+    other_process other(path_);
+    b_.lock_defaults.wait_mode = VFS_WAIT_KERNEL;
+    ASSERT_EQ(set(record(a_, 100)), 0);
+    ASSERT_EQ(other.ask(F_SETLK, F_WRLCK, 200, 10), 0);
+    other.send(F_SETLKW, F_WRLCK, 100, 10);
+    while (!is_blocked(other.pid())) std::this_thread::yield();
+    (void)texts();
+    std::atomic<int> result = -1;
+    std::thread waiter([&] { result = set(record(b_, 200)); });
+    std::string told;
+    while (count(told, "=-1 " + std::to_string(EDEADLK)) == 0) told += texts();
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(clear(record(a_, 100)), 0);
+    EXPECT_EQ(other.answer(), 0);
+    EXPECT_EQ(other.ask(F_SETLK, F_UNLCK, 0, 0), 0);
+    waiter.join();
+    EXPECT_GE(result, 1);
+    EXPECT_EQ((told + texts()).find("deadlock"), std::string::npos);
+}
+
 } // namespace
