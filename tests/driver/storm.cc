@@ -189,13 +189,28 @@ public:
     void run()
     {
         if (!file_.open(spec_)) return complain("open: errno %d", file_.error());
-        while (!memory_.state->stop && log_.count + 2000 < log_capacity)
+        while (!memory_.state->stop && log_.count + 2000 < log_capacity) {
+            if (may_reopen() && !reopen()) return;
             plan_.what == shape::sequential ? sequential_step() : tree_step();
+        }
         const int error = file_.close();
         if (error != 0) complain("close: errno %d", error);
     }
 
 private:
+    // A reader keeps its block until it goes elsewhere: where there is but one, that is for ever.
+    bool may_reopen() { return below(200) < (reads_only() && plan_.lock_mode == VFS_LOCK_AUTO ? 20 : 1); }
+
+    bool reopen()
+    {
+        const int error = file_.close();
+        if (error != 0) complain("close: errno %d", error);
+        last_seen_.clear();
+        if (file_.open(spec_)) return true;
+        complain("open again: errno %d", file_.error());
+        return false;
+    }
+
     bool reads_only() const { return number_ == worker_count - 1; }
     bool holds_several() const { return number_ >= 3 && number_ < 6; }
     uint64_t below(uint64_t limit) { return random_() % limit; }
@@ -330,7 +345,8 @@ private:
         const bool records = plan_.lock_mode == VFS_LOCK_RECORD;
         if (!records || !holds_several()) count = 1;
         std::vector<storm_record> held;
-        for (unsigned i = 0; i < count; ++i, id = anchor_count + static_cast<uint32_t>(below(contested_count))) {
+        for (unsigned i = 0; i < count;
+             ++i, id = anchor_count + static_cast<uint32_t>(below(4))) { // few: they meet each other
             if (!may_change(id)) continue;
             const seen got = look(at(id), id, records ? &holding_ : nullptr);
             if (got.answer == told::deadlock) held.clear(); // the locks are gone
@@ -595,13 +611,15 @@ event event_of(const log_entry &entry)
     return result;
 }
 
-void count_entry(const log_entry &entry, storm_report *report)
+void count_entry(const log_entry &entry, unsigned worker, storm_report *report)
 {
     ++report->operations;
     if (entry.state != entry_state::answered) return;
     report->conflicts += entry.answer == told::refused;
     report->deadlocks += entry.answer == told::deadlock;
-    report->longest_ns = std::max(report->longest_ns, entry.to - entry.from);
+    if (entry.to - entry.from <= report->longest_ns) return;
+    report->longest_ns = entry.to - entry.from;
+    report->slowest = worker;
 }
 
 using histories = std::unordered_map<uint32_t, std::vector<event>>;
@@ -622,7 +640,7 @@ histories collect(storm_memory &memory, storm_report *report)
         for (uint64_t i = 0; i < memory.state->logs[w].count + 1; ++i) {
             const log_entry &entry = memory.entry(w, i);
             if (entry.state == entry_state::empty) continue;
-            count_entry(entry, report);
+            count_entry(entry, w, report);
             const bool answered = entry.state == entry_state::answered;
             if (answered) answers.push_back(entry.to);
             // What was refused has done nothing; a walk that came to the end names no record.
@@ -773,7 +791,7 @@ std::ostream &operator<<(std::ostream &out, const storm_report &report)
     return out << report.operations << " operations, " << report.processes << " processes, " << report.kills
                << " kills, " << report.conflicts << " conflicts, " << report.deadlocks << " deadlocks, "
                << report.records << " records left, longest operation " << report.longest_ns / 1'000'000
-               << " ms, longest silence " << report.silence_ns / 1'000'000 << " ms";
+               << " ms (worker " << report.slowest << "), longest silence " << report.silence_ns / 1'000'000 << " ms";
 }
 
 } // namespace host

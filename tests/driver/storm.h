@@ -28,6 +28,7 @@ struct storm_plan {
 struct storm_report {
     uint64_t operations = 0, processes = 0, kills = 0, conflicts = 0, deadlocks = 0, records = 0;
     int64_t longest_ns = 0; // one operation of one process
+    unsigned slowest = 0;   // whose it was
     int64_t silence_ns = 0; // in which nobody was answered
     std::string anomalies;  // "" when everything can be explained
 };
