@@ -133,9 +133,7 @@ bool key_table(check_state &state)
     const uint64_t table_end = table + facts.keys.size() * key_entry_bytes;
     state.expect(header, header_key_table.offset, state.header(header_key_table), facts.flat ? 0 : table,
                  "key table offset");
-    if (!facts.flat)
-        state.expect(header, header_key_table_end.offset, state.header(header_key_table_end), table_end,
-                     "key table end");
+    state.expect(header, header_key_table_end.offset, state.header(header_key_table_end), table_end, "key table end");
     state.expect(header, 0, facts.metadata_size, round_up(table_end, metadata_unit), "metadata size");
     return table_end <= facts.metadata_size - trailer_bytes;
 }
@@ -174,8 +172,7 @@ void key_entry(check_state &state, const file_key &key, uint64_t area)
 void key_entries(check_state &state)
 {
     const file_facts &facts = state.facts;
-    if (facts.flat) return;
-    uint64_t area = facts.keys.front().entry + facts.keys.size() * key_entry_bytes;
+    uint64_t area = round_up(header_variable_part + facts.description.size(), 16) + facts.keys.size() * key_entry_bytes;
     for (const file_key &key : facts.keys) {
         key_entry(state, key, area);
         area += 2 * key.geometry.width;
@@ -185,7 +182,7 @@ void key_entries(check_state &state)
                  "allocation point");
     if (area > limit)
         state.report.problem(header, limit, "the key value areas reach beyond the metadata region");
-    else if (const uint64_t at = state.image.first_nonzero(area, limit); at != limit)
+    else if (const uint64_t at = state.image.first_nonzero(area, limit); at != limit && !facts.flat)
         state.report.problem(header, at, "a byte of the unused metadata is not zero; {}", harmless);
 }
 

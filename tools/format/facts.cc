@@ -44,14 +44,11 @@ bool read_key(std::span<const std::byte> block, uint64_t number, file_key *key, 
     return sum == key->length;
 }
 
+// The block that is stored, whatever it means for this kind of file.
 void read_description(file_facts &facts)
 {
     const uint64_t at = facts.get(header_key_description);
-    if (at == 0) { // one key of eight bytes at the beginning of the record
-        facts.keys = {{.parts = {{0, 8}}}};
-        facts.keys_known = facts.organization_known;
-        return;
-    }
+    if (at == 0) return;
     if (at != header_variable_part || at + head_bytes > facts.region.size()) {
         facts.description_fault = fmt::format("it is said to stand at {}", at);
         return;
@@ -62,31 +59,22 @@ void read_description(file_facts &facts)
         return;
     }
     const auto block = std::span<const std::byte>{facts.region}.subspan(at, total);
-    facts.keys = keys_of_description(block, &facts.primary, &facts.description_fault);
     facts.description.assign(block.begin(), block.end());
-    facts.keys_known = facts.organization_known && facts.description_fault.empty();
 }
 
 void settle_keys(file_facts &facts)
 {
+    read_description(facts);
     if (facts.flat) {
         facts.keys.clear();
-        facts.keys_known = facts.organization_known;
-        return;
-    }
-    if (facts.indexed) {
-        read_description(facts);
-    } else {
-        const uint64_t at = facts.get(header_key_description);
-        if (at == header_variable_part && at + head_bytes <= facts.region.size()) {
-            const uint64_t total = load_u64(facts.region.data() + at);
-            if (total <= facts.region.size() - at)
-                facts.description.assign(facts.region.begin() + static_cast<ptrdiff_t>(at),
-                                         facts.region.begin() + static_cast<ptrdiff_t>(at + total));
-        }
+    } else if (!facts.indexed) {
         facts.keys = {file_key{}};
-        facts.keys_known = facts.organization_known;
+    } else if (!facts.description.empty()) {
+        facts.keys = keys_of_description(facts.description, &facts.primary, &facts.description_fault);
+    } else if (facts.description_fault.empty()) {
+        facts.keys = {{.parts = {{0, 8}}}}; // none is stored: eight bytes at the beginning of the record
     }
+    facts.keys_known = facts.organization_known && facts.description_fault.empty();
     const uint64_t table = round_up(header_variable_part + facts.description.size(), 16);
     for (file_key &key : facts.keys) {
         key.entry = table + key.number * key_entry_bytes;
