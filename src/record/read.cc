@@ -61,6 +61,7 @@ int started_record(vfs_file *file, vfs_request *work, bool *there)
     const file_position &position = file->position;
     if (!position.started || position.side != position_side::entry) return 0;
     if (file->trees() && position_follow(file, work) == -1) return -1;
+    if (position.side != position_side::entry) return 0; // removed, or given another key
     vfs_request found = *work;
     found.record_offset = position.record_offset;
     const int still = record_still_there(file, &found, position.rrn);
@@ -160,7 +161,6 @@ void save_end(const operation_call &call, const vfs_request &work)
     vfs_file *file = call.file;
     save_last(file, work);
     save_current(file, work);
-    file_position &position = file->position;
     switch (work.mode) {
     case VFS_POS_AFTER_LAST: position_at_end(file, position_end::last); return;
     case VFS_POS_BEFORE_FIRST: position_at_end(file, position_end::first); return;
@@ -174,16 +174,7 @@ void save_end(const operation_call &call, const vfs_request &work)
     // A key that is not there: the position is the gap where it would stand, and the key is kept.
     file->current.mode = file->last.mode = VFS_POS_UNDEFINED;
     file->current.record_offset = file->last.record_offset = none;
-    if (!file->trees()) return;
-    position.side = position_side::gap;
-    position.end = position_end::inside;
-    position.started = false;
-    position.identified = true;
-    position.key_number = work.key_number;
-    position.node = position.item = position.record_offset = position.stamp = none;
-    position.before[0] = position.after[0] = none;
-    position.rrn = work.rrn;
-    if (file->indexed()) std::memcpy(position.key, work.key, round_up(key_length_of(file, work.key_number), 8));
+    if (file->trees()) position_to_gap(file, &work);
 }
 
 int64_t end_of_read(const operation_call &call, vfs_request *work)

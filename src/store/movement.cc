@@ -34,17 +34,6 @@ int record_of_entry(vfs_file *file, vfs_request *request)
     return 0;
 }
 
-// Whether the live record of this number begins at `offset`.
-int record_is_at(vfs_file *file, uint64_t offset, uint64_t rrn, bool *there)
-{
-    *there = false;
-    if (offset >= file->end_of_file) return 0;
-    slot_head head;
-    if (slot_head_read(file, offset, &head) == -1) return errno == ENOEXEC ? 0 : -1;
-    *there = is_record(file, head.type) && head.rrn == rrn;
-    return 0;
-}
-
 // ---- Flat files ----
 
 int flat_forward_from(vfs_file *file, vfs_request *request, uint64_t offset)
@@ -328,26 +317,23 @@ int record_still_there(vfs_file *file, vfs_request *request, uint64_t rrn)
     return is_record(file, request->record_state) && request->rrn == rrn ? 1 : 0;
 }
 
-int record_by_identity(vfs_file *file, vfs_request *request)
+int run_walk(vfs_file *file, vfs_request *request, run_visit visit, void *context)
 {
     begin(request);
     request->relation = VFS_EQUAL;
-    const uint64_t rrn = request->rrn;
     if (tree_select(file, request->key_number) == -1) return -1;
-    const bool indexed = file->indexed();
-    int found = indexed ? key_locate(file, request) : rrn_locate(file, request);
+    int found = key_locate(file, request);
     if (found == 1 || (found == -1 && errno == ESPIPE)) return nothing_found(request);
     if (found == -1) return -1;
-    if (!indexed) return record_of_entry(file, request);
 
-    // Of the equal entries, the one whose record has the number. The steps go from a position of their own.
+    // The steps go from a position of their own.
     const file_position kept = file->position;
     const scope_guard restore{[&] { file->position = kept; }};
     const uint64_t length = static_cast<uint64_t>(key_description(file, request->key_number)->length);
     std::memcpy(file->scratch_key, request->key, length);
     for (;;) {
         if (record_of_entry(file, request) == -1) return -1;
-        if (request->rrn == rrn) return 0;
+        if (visit(request, context)) return 0;
         file->position.side = position_side::entry;
         file->position.end = position_end::inside;
         file->position.key_number = request->key_number;
@@ -360,66 +346,20 @@ int record_by_identity(vfs_file *file, vfs_request *request)
     }
 }
 
-int position_follow(vfs_file *file, const vfs_request *request)
+int record_by_identity(vfs_file *file, vfs_request *request)
 {
-    file_position &position = file->position;
-    if (position.node != none || position.side != position_side::entry || !position.identified) return 0;
-    bool there;
-    if (record_is_at(file, position.record_offset, position.rrn, &there) == -1) return -1;
-    if (there) return 0;
-    vfs_request found = *request;
-    found.key_number = position.key_number;
-    found.rrn = position.rrn;
-    if (file->indexed()) std::memcpy(found.key, position.key, file->key_buffer_bytes);
-    if (record_by_identity(file, &found) == -1) return -1;
-    if ((found.flags & VFS_FLAG_AT_END) != 0) { // gone; its slot may have a tenant with the same key
-        position.side = position_side::gap;
-        return 0;
+    if (file->indexed()) {
+        uint64_t rrn = request->rrn;
+        return run_walk(
+            file, request,
+            [](const vfs_request *at, void *wanted) { return at->rrn == *static_cast<uint64_t *>(wanted); }, &rrn);
     }
-    position.record_offset = found.record_offset;
-    position.node = found.node;
-    position.item = found.item;
-    return 0;
-}
-
-void position_save(vfs_file *file, const vfs_request *request)
-{
-    file_position &position = file->position;
-    position.side = position_side::entry;
-    position.end = position_end::inside;
-    position.identified = true;
-    position.started = false;
-    position.key_number = request->key_number;
-    position.node = request->node;
-    position.item = request->item;
-    position.stamp = request->stamp;
-    position.record_offset = request->record_offset;
-    position.stored_length = request->stored_length;
-    position.rrn = request->rrn;
-    position.before[0] = position.after[0] = none;
-    if (file->indexed() && position.key != request->key)
-        std::memcpy(position.key, request->key,
-                    round_up(static_cast<uint64_t>(key_description(file, request->key_number)->length), 8));
-}
-
-void position_at_end(vfs_file *file, position_end end)
-{
-    file->position.end = end;
-    file->position.started = false;
-}
-
-void position_to_end(vfs_file *file, position_end end, uint64_t key_number)
-{
-    file_position &position = file->position;
-    position_at_end(file, end);
-    position.identified = false;
-    position.key_number = key_number;
-    position.node = position.item = position.stamp = none;
-    position.side = end == position_end::last ? position_side::after_last : position_side::before_first;
-    position.record_offset = end == position_end::last ? file->end_of_file : file->data_start;
-    // In a flat file the end is the place of the next number; none + 1 is 0.
-    position.rrn = file->trees() ? none : end == position_end::last ? file->highest_rrn + 1 : 0;
-    position.stored_length = 0;
+    begin(request);
+    request->relation = VFS_EQUAL;
+    if (tree_select(file, request->key_number) == -1) return -1;
+    const int found = rrn_locate(file, request);
+    if (found == 1 || (found == -1 && errno == ESPIPE)) return nothing_found(request);
+    return found == -1 ? -1 : record_of_entry(file, request);
 }
 
 void end_cut(vfs_file *file, uint64_t end, uint64_t highest_rrn)

@@ -24,12 +24,20 @@ inline constexpr uint8_t state_unread = 2; // record state before a slot's head 
 // Tree files: the record that has the request's key (key_number, key) and the request's rrn, wherever it lies by now.
 [[nodiscard]] int record_by_identity(vfs_file *file, vfs_request *request);
 
-// A position that lost its cursor because another handle changed the file: if that handle moved the record, the
-// position goes with it; if it removed the record, the position becomes a gap. request->key is used on the way.
+// Indexed files: every record with the request's key (key_number, key), in order, until `visit` says true: then the
+// request stands on it. At the end of the run nothing is found. The file position stays.
+using run_visit = bool (*)(const vfs_request *at, void *context);
+[[nodiscard]] int run_walk(vfs_file *file, vfs_request *request, run_visit visit, void *context);
+
+// Before a step (request->mode), for a position that lost its cursor because another handle changed the file: if that
+// handle moved the record, the position goes with it; if it removed the record, or gave it another key, the position
+// becomes a gap, among equal keys beside the nearest of the records that were passed. request->key is used on the way.
 [[nodiscard]] int position_follow(vfs_file *file, const vfs_request *request);
-// The file position: on the record of a filled request; where a step met an end (what stood there stays known, so that
-// records which come beside it are found); at an end without any record.
+// The file position: on the record of a filled request; where the request's key would stand, which is not there; where
+// a step met an end (what stood there stays known, so that records which come beside it are found); at an end without
+// any record.
 void position_save(vfs_file *file, const vfs_request *request);
+void position_to_gap(vfs_file *file, const vfs_request *request);
 void position_at_end(vfs_file *file, position_end end);
 void position_to_end(vfs_file *file, position_end end, uint64_t key_number);
 

@@ -39,6 +39,8 @@ const vfs_buffer *tree_leaf_at_hand(const vfs_file *file);
 [[nodiscard]] int rrn_locate(vfs_file *file, vfs_request *request); // relative files
 // The entry of exactly (key or rrn, record_offset): cursor on it. Never another record's entry.
 [[nodiscard]] int tree_seek_record(vfs_file *file, vfs_request *request);
+// The cursor in front of the run of the request's key, or behind it: the item is that of the entry which follows.
+[[nodiscard]] int run_edge(vfs_file *file, vfs_request *request, bool behind);
 // 1 when an acceptable entry next to the request's cursor has the same key (mode 0: only the one after it), 0, or -1.
 [[nodiscard]] int tree_has_duplicate(vfs_file *file, const vfs_request *request);
 

@@ -250,6 +250,17 @@ int tree_seek_record(vfs_file *file, vfs_request *request)
     return 0;
 }
 
+int run_edge(vfs_file *file, vfs_request *request, bool behind)
+{
+    index_tree tree;
+    if (tree_open(file, request->key_number, &tree) == -1) return -1;
+    tree_place place;
+    if (tree_bound(tree, request_key(tree, request), behind, &place) == -1) return -1;
+    request->node = place.node;
+    request->item = place.item;
+    return 0;
+}
+
 int entry_set_address(vfs_file *file, vfs_request *request, uint64_t offset)
 {
     index_tree tree;

@@ -30,6 +30,15 @@ enum class position_side : uint8_t {
 
 enum class position_end : uint8_t { inside, first, last };
 
+// Records of one key that the file position has passed, nearest first; complete: as far as the edge of the run.
+struct passed_records {
+    struct {
+        uint64_t offset, rrn;
+    } records[8];
+    uint64_t count;
+    bool complete;
+};
+
 // The file position: the identity of a record (key, offset, rrn), a cursor that leads to its entry at once, and the
 // side on which it stands. `node` is none when the cursor was lost: the identity then finds the place again. The
 // tree primitives keep the cursor right whenever they change or move entries of its leaf. Failed operations leave
@@ -49,6 +58,8 @@ struct file_position {
     // Records of the same key around it, nearest first, as they were when the cursor was lost (written and read by the
     // trees alone; none: no more).
     uint64_t before[8], after[8];
+    passed_records
+        passed[2]; // before and after it in its run of equal keys, as its own steps met them (store/position.cc)
 };
 
 // What consecutive reads beside the file position have in common (record/read_beside.h). Good as long as nothing else
