@@ -382,7 +382,8 @@ private:
         return plan_.what == shape::indexed ? spec_.keys[k].of(what.bytes) : numbered("%08ld", what.record.id);
     }
 
-    // A few steps both ways from a record, with changes of the worker's own between them.
+    // A few steps both ways from a record, with changes of the worker's own between them. The current record is known by
+    // its key of reference: one whose key and place others may change at the same time need not be found again.
     void browse(uint32_t id)
     {
         const uint64_t k = plan_.what == shape::indexed ? below(3) : 0;
@@ -409,7 +410,8 @@ private:
             if (reads_only() || !chance(15)) continue;
             const uint32_t mine =
                 anchor_count + contested_count + number_ * own_count + static_cast<uint32_t>(below(own_count));
-            if (got.record.id >= anchor_count && may_change(got.record.id) && chance(50))
+            if (got.record.id >= (k == 0 ? anchor_count : anchor_count + contested_count) &&
+                may_change(got.record.id) && chance(50))
                 change(act::remove, operation::erase, current(), got.record);
             else
                 change(act::insert, operation::write, target(mine), fresh(mine));
