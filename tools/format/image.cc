@@ -8,6 +8,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace {
+
+constexpr uint64_t look_for_holes = 1024 * 1024; // how often
+
+} // namespace
+
 file_image::file_image(int descriptor) : descriptor_(descriptor), blocks_(block_count)
 {
     struct stat status {};
@@ -113,6 +119,9 @@ uint64_t file_image::first_nonzero(uint64_t from, uint64_t to)
 {
     to = std::min(to, size_);
     while (from < to) {
+        if (from % look_for_holes == 0 && replaced_.empty())
+            from = std::max(from, next_data(from)); // holes are zeros; they may be huge
+        if (from >= to) return to;
         const block &here = fetch(from / block_bytes);
         const uint64_t at = from % block_bytes;
         if (at >= here.bytes.size()) return to;
