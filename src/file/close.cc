@@ -4,6 +4,7 @@
 #include "file/registry.h"
 #include "file/small_operations.h"
 #include "lock/lock.h"
+#include "record/locking.h"
 #include "store/header.h"
 #include "store/tree.h"
 #include "util/errors.h"
@@ -35,13 +36,7 @@ void locks_release(vfs_file *file)
     if (file->shared == nullptr) return;
     if (file->lock_defaults.lock_mode == VFS_LOCK_RECORD) keep(file, lock_release_records(file));
     const bool write = !is_read_only(file);
-    if (file->block_lock != none)
-        keep(file, lock_clr({.file = file,
-                             .counted = &file->data,
-                             .kind = lock_block,
-                             .write = write,
-                             .start = file->block_lock,
-                             .length = file->data.block_size}));
+    keep(file, block_unlock(file));
     if (file->file_lock_state != file_lock_none)
         keep(file, lock_clr({.file = file, .counted = &file->data, .kind = lock_file, .write = write}));
     if (file->exclusive_held)

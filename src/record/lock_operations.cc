@@ -72,6 +72,7 @@ int unlock_all_kinds(const operation_call &call)
     vfs_file *file = call.file;
     switch (file->lock_defaults.lock_mode) {
     case VFS_LOCK_RECORD: return lock_release_records(file);
+    case VFS_LOCK_AUTO: return block_unlock(file); // who stays in a block would keep all others out of it
     case VFS_LOCK_FILE: {
         const lock_target target{.file = file, .counted = &file->data, .kind = lock_file, .write = !is_read_only(file)};
         // What was changed is in the file before the lock goes.

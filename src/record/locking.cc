@@ -27,18 +27,6 @@ lock_target target_of(const operation_call &call, const vfs_request &work)
     return target;
 }
 
-void block_unlock(vfs_file *file)
-{
-    if (file->block_lock == none) return;
-    lock_clr({.file = file,
-              .counted = &file->data,
-              .kind = lock_block,
-              .write = !is_read_only(file),
-              .start = file->block_lock,
-              .length = file->data.block_size});
-    file->block_lock = none;
-}
-
 // The handle has this lock already, from an earlier operation or from waiting.
 bool already_held(const operation_call &call, const lock_target &target, uint64_t rrn, const operation_lock &lock)
 {
@@ -53,7 +41,10 @@ bool already_held(const operation_call &call, const lock_target &target, uint64_
 
 void release_previous(vfs_file *file, const lock_target &target)
 {
-    if (target.kind == lock_block) return block_unlock(file);
+    if (target.kind == lock_block) {
+        (void)block_unlock(file); // what is not held cannot be given up
+        return;
+    }
     if (several_allowed(file) || file->single_record_lock.l_type == F_UNLCK) return;
     lock_clr(target);
 }
@@ -114,6 +105,19 @@ int prepare(const operation_call &call, const vfs_request &work, lock_target *ta
 }
 
 } // namespace
+
+int block_unlock(vfs_file *file)
+{
+    if (file->block_lock == none) return 0;
+    const lock_target held{.file = file,
+                           .counted = &file->data,
+                           .kind = lock_block,
+                           .write = !is_read_only(file),
+                           .start = file->block_lock,
+                           .length = file->data.block_size};
+    file->block_lock = none;
+    return lock_clr(held);
+}
 
 lock_outcome record_lock(const operation_call &call, const vfs_request &work, operation_lock *lock)
 {

@@ -33,4 +33,7 @@ void record_unlock_all_of(const operation_call &call, const vfs_request &work, o
 [[nodiscard]] int record_lock_move(const operation_call &call, const vfs_request &from, const vfs_request &to,
                                    operation_lock *lock);
 
+// Lock mode 4: gives up the block of the handle's current record.
+int block_unlock(vfs_file *file);
+
 #endif

@@ -148,9 +148,7 @@ int place_in_run(vfs_file *file, const vfs_request *request)
     return found == -1 ? -1 : 0;
 }
 
-} // namespace
-
-int position_follow(vfs_file *file, const vfs_request *request)
+int find_position(vfs_file *file, const vfs_request *request)
 {
     file_position &position = file->position;
     if (position.node != none || !position.identified) return 0;
@@ -159,7 +157,7 @@ int position_follow(vfs_file *file, const vfs_request *request)
     if (position.side != position_side::entry) return 0;
     bool there;
     if (record_is_at(file, position.record_offset, position.rrn, &there) == -1) return -1;
-    if (there && !runs) return 0;
+    if (there && !file->indexed()) return 0; // its number is its key
     vfs_request found = at_position(file, request);
     found.rrn = position.rrn;
     found.record_offset = position.record_offset;
@@ -173,6 +171,16 @@ int position_follow(vfs_file *file, const vfs_request *request)
     }
     position.side = position_side::gap;
     return runs ? place_in_run(file, request) : 0;
+}
+
+} // namespace
+
+int position_follow(vfs_file *file, const vfs_request *request)
+{
+    const int before_search = errno;
+    if (find_position(file, request) == -1) return -1;
+    errno = before_search; // what was not found on the way is no failure
+    return 0;
 }
 
 void position_save(vfs_file *file, const vfs_request *request)

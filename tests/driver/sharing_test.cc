@@ -447,6 +447,29 @@ TEST_F(Sharing, TheCurrentRecordIsFoundAgainOrGone)
     }
 }
 
+// What start found is the next record of its key: another process gives it another key, in its place.
+TEST_F(Sharing, AStartedRecordThatGotAnotherKeyIsNotReturned)
+{
+    file_spec by_two_keys = spec(form::indexed);
+    by_two_keys.keys[1].duplicates = false;
+    for (const bool duplicates : {false, true}) {
+        by_two_keys.keys[1].duplicates = duplicates;
+        unlink(path().c_str());
+        file f{shared(by_two_keys)};
+        for (const int64_t n : {1, 2, 3, 4, 5}) ASSERT_GE(f.write(record(n, 10, 2 * n), by_record()).value, 0);
+        if (duplicates) {
+            ASSERT_GE(f.write(record(6, 10, 8), by_record()).value, 0);
+        }
+        peer other{shared(by_two_keys)};
+        ASSERT_EQ(f.start(by_key("06", 1)).error, 0);
+        ASSERT_GE(other.run(operation::rewrite, at(form::indexed, 3), record(3, 10, 1), &passing).value, 0);
+        const outcome stepped = f.read(next(), &passing);
+        EXPECT_TRUE(stepped.found(record(4, 10, 8))) << stepped;
+        ASSERT_EQ(f.start(by_key("01", 1)).error, 0);
+        EXPECT_TRUE(f.read(next(), &passing).found(record(3, 10, 1)));
+    }
+}
+
 // One process browses, the other changes the file between any two steps, at the position and beside it. Every record
 // that stayed comes once, none comes twice, and all come in order.
 class browse_test {

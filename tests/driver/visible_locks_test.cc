@@ -246,6 +246,10 @@ TEST_F(VisibleLocks, TheBlockOfTheCurrentRecord)
     ASSERT_GE(update.rewrite(numbered("%08ld", 2) + std::string(500, 'n'), at(2)).value, 0);
     EXPECT_EQ(kernel.all().size(), 1U);
     EXPECT_NE(kernel.all()[0].start, *before);
+    EXPECT_EQ(update.run(operation::unlock, first()).value, 0);
+    EXPECT_TRUE(kernel.all().empty());
+    ASSERT_GE(update.read(at(7)).value, 0);
+    EXPECT_EQ(kernel.all().size(), 1U);
     EXPECT_EQ(update.close(), 0);
     EXPECT_TRUE(kernel.all().empty());
 }
