@@ -114,11 +114,10 @@ int check_inside(vfs_lock_table *table, lock_attempt *attempt, bool blocking, co
     attempt->same_thread = pthread_equal(entry.thread, wanted.thread) != 0;
     attempt->by_file = entry.kind == lock_file;
     if (attempt->same_thread) return fail(EAGAIN);
+    if (!blocking) return fail(EAGAIN); // who does not wait is in no circle
     if (closes_a_circle(table, wanted, held)) return fail(EDEADLK);
-    if (blocking) {
-        const lock_waiting waiting(table, wanted, held);
-        held.wait_for_release(longest_wait_inside);
-    }
+    const lock_waiting waiting(table, wanted, held);
+    held.wait_for_release(longest_wait_inside);
     return fail(EAGAIN);
 }
 

@@ -152,6 +152,10 @@ int64_t delete_record(const operation_call &call)
         record_unlock(&lock);
         return delete_failed(call, work);
     }
+    if (bracket_publish(file) == -1) {
+        record_unlock(&lock);
+        return delete_failed(call, work);
+    }
     save_last(file, work);
     record_unlock_all_of(call, work, &lock);
     if (bracket_end(file) == -1 || change_end(file) == -1) return delete_failed(call, work);

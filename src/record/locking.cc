@@ -147,9 +147,29 @@ int record_lock_try(const operation_call &call, const vfs_request &work, operati
 
 void record_unlock(operation_lock *lock)
 {
+    if (lock->moving) { // the record stays where it was, and its lock too
+        lock->moving = false;
+        lock_clr(lock->reached);
+        lock->reached.file->single_record_lock = lock->left_single;
+        lock->target = lock->left;
+    }
     if (!lock->taken) return;
     lock->taken = false;
     lock_clr(lock->target);
+}
+
+void record_lock_settle(const operation_call &call, operation_lock *lock)
+{
+    if (lock->moving) {
+        vfs_file *file = call.file;
+        lock->moving = false;
+        const struct flock moved = file->single_record_lock;
+        file->single_record_lock = lock->left_single; // what a release without several locks goes by
+        lock_clr(lock->left);
+        file->single_record_lock = moved;
+        lock->target = lock->reached; // whoever took the old one gives the new one back
+    }
+    if (call.lock->hold == 0) record_unlock(lock);
 }
 
 void record_unlock_all_of(const operation_call &call, const vfs_request &work, operation_lock *lock)
@@ -170,12 +190,10 @@ int record_lock_move(const operation_call &call, const vfs_request &from, const 
     if (held && stale.start == fresh.start && stale.length == fresh.length) return 0;
     fresh.try_only = true; // the bracket is in hand
     if (lock_set(fresh) == -1) return -1;
-    if (held) {
-        const struct flock moved = file->single_record_lock;
-        file->single_record_lock = single; // what a release without several locks goes by
-        lock_clr(stale);
-        file->single_record_lock = moved;
-    }
-    if (lock->taken) lock->target = fresh; // whoever took the old one gives the new one back
+    if (!held) return 0;
+    lock->moving = true;
+    lock->left = stale;
+    lock->reached = fresh;
+    lock->left_single = single;
     return 0;
 }

@@ -20,16 +20,22 @@ struct operation_lock {
     bool taken = false; // by this operation
     uint64_t rrn = none;
     bool left_bracket = false; // cursors found before it are stale
+    bool moving = false;       // the record's new place is locked beside the old one until the operation is in the file
+    lock_target left, reached;
+    struct flock left_single;
 };
 
 [[nodiscard]] lock_outcome record_lock(const operation_call &call, const vfs_request &work, operation_lock *lock);
 // The same, but where it is refused nothing happens at all: EAGAIN.
 [[nodiscard]] int record_lock_try(const operation_call &call, const vfs_request &work, operation_lock *lock);
-// Gives back what this operation took; after a success only when the host does not hold it.
+// After a failure: gives back what this operation took.
 void record_unlock(operation_lock *lock);
+// The operation is in the file: the place that its record left is given up, and, unless the host holds it, the record.
+void record_lock_settle(const operation_call &call, operation_lock *lock);
 // delete gives the lock of its record back in any case, also one that an earlier operation took.
 void record_unlock_all_of(const operation_call &call, const vfs_request &work, operation_lock *lock);
-// The record moved, or its slot has grown: its lock goes with it (the new one is taken before the old one goes).
+// The record moves, or its slot has grown: its lock goes with it. The new one is taken now, the old one goes when the
+// operation is settled.
 [[nodiscard]] int record_lock_move(const operation_call &call, const vfs_request &from, const vfs_request &to,
                                    operation_lock *lock);
 

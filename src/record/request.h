@@ -78,6 +78,11 @@ inline void skip_clear(vfs_request *request)
 {
     return metadata_bracket(file) ? metadata_acquire(file, change) : 0;
 }
+// What the operation changed is in the file; its record locks may go.
+[[nodiscard]] inline int bracket_publish(vfs_file *file)
+{
+    return file->acquired ? metadata_publish(file) : 0;
+}
 [[nodiscard]] inline int bracket_end(vfs_file *file)
 {
     return file->acquired ? metadata_release(file) : 0;

@@ -308,8 +308,12 @@ int64_t rewrite_record(const operation_call &call)
         record_unlock(&lock);
         return rewrite_failed(call, work);
     }
+    if (bracket_publish(file) == -1) {
+        record_unlock(&lock);
+        return rewrite_failed(call, work);
+    }
     save_last(file, work);
-    if (call.lock->hold == 0) record_unlock(&lock);
+    record_lock_settle(call, &lock);
     if (bracket_end(file) == -1 || change_end(file) == -1) return rewrite_failed(call, work);
     if (status_fill(call, &work, true) == -1) return -1;
     return length;

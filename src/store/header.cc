@@ -41,7 +41,7 @@ metadata_layout layout_of(const vfs_file *file)
 }
 
 // The sequence numbers go on from those of the file that is made anew: numbers that began again would make the
-// stale blocks of another handle look current.
+// stale blocks of another handle look current, and a record that it remembers look like a new one.
 void continue_counters(vfs_file *file, uint64_t disk_size)
 {
     file->tsn = 0;
@@ -56,6 +56,7 @@ void continue_counters(vfs_file *file, uint64_t disk_size)
     if (header_check_fixed(old, disk_size) == -1) return;
     const auto next = static_cast<int64_t>(static_cast<uint64_t>(image_get(old, header_tsn)) + 1);
     file->tsn = next < 1 ? 1 : next;
+    file->highest_rrn = image_get(old, header_highest_rrn);
     file->dsn = image_get(old, header_dsn) + 1;
     file->asn = image_get(old, header_asn) + 1;
 }

@@ -38,6 +38,8 @@ inline bool metadata_bracket(const vfs_file *file)
 }
 [[nodiscard]] int metadata_acquire(vfs_file *file, bool change);
 [[nodiscard]] int metadata_release(vfs_file *file);
+// The first half of the release: what changed is in the file, the lock still held. Nothing outside a bracket.
+[[nodiscard]] int metadata_publish(vfs_file *file);
 // The end of the bracket of an operation that failed. In a shared file nothing that it changed is written: the file is
 // as it was before. Elsewhere what the operation undid by hand stands, as after metadata_release.
 [[nodiscard]] int metadata_abandon(vfs_file *file);

@@ -132,7 +132,11 @@ int lock_and_refresh(vfs_file *file, const lock_target &target)
         const int cause = errno;
         lock_clr(target);
         if (cause != EINPROGRESS) return fail(cause);
-        if (redo_replay_under(file, target) == -1) return -1;
+        if (redo_replay_under(file, target) == -1) {
+            // A reader that may not write can be served again once somebody else has completed the commit.
+            if (errno == ENOEXEC && !is_read_only(file)) store_error(file, ENOEXEC);
+            return -1;
+        }
     }
 }
 
@@ -146,21 +150,25 @@ int metadata_acquire(vfs_file *file, bool change)
     return 0;
 }
 
+int metadata_publish(vfs_file *file)
+{
+    if (!file->acquired || !file->acquired_for_change || is_read_only(file)) return 0;
+    bool in_doubt = true;
+    const int result = is_shared(file) ? changes_commit(file, &in_doubt) : session_publish(file);
+    if (result == 0) return 0;
+    const int cause = errno; // none of it may reach the file once the lock is given away
+    if (in_doubt)
+        changes_drop(file);
+    else
+        changes_take_back(file);
+    return fail(cause);
+}
+
 int metadata_release(vfs_file *file)
 {
     if (!file->acquired) return 0;
+    const int result = metadata_publish(file), cause = errno;
     file->acquired = false;
-    int result = 0;
-    bool in_doubt = true;
-    if (file->acquired_for_change && !is_read_only(file))
-        result = is_shared(file) ? changes_commit(file, &in_doubt) : session_publish(file);
-    const int cause = errno;
-    if (result == -1) { // none of it may reach the file once the lock is given away
-        if (in_doubt)
-            changes_drop(file);
-        else
-            changes_take_back(file);
-    }
     if (lock_clr(bracket_lock(file, file->acquired_for_change)) == -1 && result == 0) return -1;
     return result == 0 ? 0 : fail(cause);
 }

@@ -276,6 +276,7 @@ int session_publish(vfs_file *file)
     if (file->error != 0) return fail(static_cast<int>(file->error));
     if (set_words(file, state_clean, header_get(file, header_boot_word)) == -1) return -1;
     mark_session(file, false);
+    file->session_booted = false; // others may leave bytes behind the end until the lock is ours again
     return 0;
 }
 
