@@ -237,6 +237,26 @@ TEST_F(SharedOpen, TruncationUnderSharersIsRefusedWhileTheyHoldLocksAndSeenByThe
     EXPECT_EQ(check_file(path()), "");
 }
 
+TEST_F(SharedOpen, ARememberedRecordIsNotMetAgainInAFileMadeAnew)
+{
+    make(3);
+    file sharer(spec(VFS_LOCK_RECORD));
+    const outcome remembered = sharer.read(by_key("00000000"));
+    ASSERT_TRUE(remembered.found(record(0)));
+    ASSERT_EQ(elsewhere([&] {
+                  file maker(spec(VFS_LOCK_RECORD, O_RDWR | O_CREAT | O_TRUNC));
+                  const bool written = maker.write(record(500)).value > 0;
+                  const outcome made = maker.read(by_key("00000500"));
+                  return written && made.offset == remembered.offset && made.rrn != remembered.rrn &&
+                         maker.close() == 0;
+              }),
+              0);
+    EXPECT_TRUE(sharer.rewrite(record(0, "lost")).failed(ESPIPE));
+    EXPECT_TRUE(sharer.read(by_key("00000500")).found(record(500)));
+    EXPECT_EQ(sharer.close(), 0);
+    EXPECT_EQ(check_file(path()), "");
+}
+
 TEST_F(SharedOpen, AFileMadeAnewWithAnotherDescriptionStopsSharers)
 {
     make(50);

@@ -6,6 +6,7 @@
 #include "processes.h"
 
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -252,6 +253,41 @@ TEST_F(VisibleLocks, TheBlockOfTheCurrentRecord)
     EXPECT_EQ(kernel.all().size(), 1U);
     EXPECT_EQ(update.close(), 0);
     EXPECT_TRUE(kernel.all().empty());
+}
+
+// The new place is locked before the operation is in the file, the old one given up after that: where it fails, the
+// host has the lock that it had.
+TEST_F(VisibleLocks, AFailedMoveLeavesTheLockWhereTheRecordIs)
+{
+    make();
+    observer kernel(path());
+    const vfs_lock_request held = holding();
+    for (const uint32_t flags : {0U, uint32_t{VFS_LOCK_SEVERAL}}) {
+        file one(spec(VFS_LOCK_RECORD, O_RDWR, flags));
+        const uint64_t offset = one.read(at(3), &held).offset;
+        const std::vector before{mine(F_WRLCK, offset, slot_bytes)};
+        ASSERT_EQ(kernel.all(), before);
+        const std::string longer = numbered("%08ld", 3) + std::string(560, 'm');
+        rlimit limit{}, none_left{};
+        getrlimit(RLIMIT_FSIZE, &limit);
+        none_left = limit;
+        none_left.rlim_cur = 4096;
+        setrlimit(RLIMIT_FSIZE, &none_left);
+        const outcome failed = one.run(operation::rewrite, at(3), longer, &held);
+        setrlimit(RLIMIT_FSIZE, &limit);
+        EXPECT_TRUE(failed.failed(EFBIG)) << failed;
+        EXPECT_EQ(kernel.all(), before);
+        EXPECT_GE(one.run(operation::rewrite, at(3), longer, &held).value, 0);
+        const std::vector<seen_lock> moved = kernel.all();
+        ASSERT_EQ(moved.size(), 1U);
+        EXPECT_NE(moved[0].start, offset);
+        EXPECT_EQ(one.run(operation::unlock, first()).value, 0);
+        EXPECT_TRUE(kernel.all().empty());
+        EXPECT_GE(one.rewrite(numbered("%08ld", 3) + std::string(500, 'r'), at(3)).value, 0);
+        ASSERT_GE(one.erase(at(3)).value, 0);
+        ASSERT_GE(one.write(numbered("%08ld", 3) + std::string(500, 'r')).value, 0);
+        EXPECT_EQ(one.close(), 0);
+    }
 }
 
 // What a process waits for, from the system's list: the line of a waiter begins with "->" behind its number.

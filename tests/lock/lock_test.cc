@@ -454,6 +454,23 @@ TEST_F(Lock, CircleOfHandlesIsADeadlockForOneOfThem)
     EXPECT_EQ(lock_count(&shared_), 2u); // the loser gave up its record, the winner has both
 }
 
+TEST_F(Lock, WhoDoesNotWaitIsInNoCircle)
+{
+    a_.lock_defaults.wait_mode = VFS_WAIT_KERNEL;
+    EXPECT_EQ(set(record(b_, 200)), 0);
+    std::atomic<int> result = -1;
+    std::thread waiter([&] {
+        EXPECT_EQ(set(record(a_, 100)), 0);
+        result = set(record(a_, 200));
+    });
+    while (count(texts(), " Delaying due to") == 0) std::this_thread::yield();
+    EXPECT_EQ(set(record(b_, 100)), -EAGAIN); // and keeps what it has
+    EXPECT_TRUE(holds_record(&b_, 200, true));
+    EXPECT_EQ(clear(record(b_, 200)), 0);
+    waiter.join();
+    EXPECT_GE(result, 1);
+}
+
 bool is_blocked(pid_t pid) // as the kernel tells: a waiter has an arrow
 {
     std::ifstream locks("/proc/locks");
