@@ -1,0 +1,310 @@
+// vfs_bench_sharing: what it costs that several processes use one file at once, for the driver, SQLite and LMDB, in one
+// run and interleaved. Owns the arguments, the processes and the clock; must not know the stores' inside.
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <random>
+#include <vector>
+
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "store.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const store *stores[] = {&vfs_store, &sqlite_store, &lmdb_store};
+constexpr std::array process_counts{1U, 2U, 4U};
+
+struct options {
+    unsigned rounds = 3;
+    uint64_t records = 100'000;
+    uint64_t operations = 20'000;
+    uint64_t seed = 1;
+    std::string lock = "4";
+    std::string directory = fs::temp_directory_path();
+    std::string json;
+};
+
+enum class job { read, update, insert };
+constexpr std::array jobs{job::read, job::update, job::insert};
+
+const char *name_of(job which)
+{
+    return which == job::read ? "read" : which == job::update ? "update" : "insert";
+}
+
+// What process p of n inserts in its i-th step: a number of its own, anywhere among those that are there.
+uint64_t inserted_number(const options &wanted, unsigned measured, unsigned processes, unsigned process, uint64_t step)
+{
+    const uint64_t index = measured * process_counts.back() * wanted.operations + step * processes + process;
+    // An odd factor takes each number below a power of two to another one.
+    return index * UINT64_C(0x9e3779b97f4a7c15) % (all_numbers / 2) * 2 + 1;
+}
+
+struct measured_work {
+    const options &wanted;
+    job which;
+    unsigned processes, measured;
+};
+
+void work(const store &engine, connection *file, const measured_work &of, unsigned process)
+{
+    std::mt19937_64 random(of.wanted.seed + process);
+    record bytes;
+    for (uint64_t i = 0; i < of.wanted.operations; ++i) {
+        const uint64_t number = loaded_number(random() % of.wanted.records, of.wanted.records);
+        switch (of.which) {
+        case job::read: {
+            char key[key_bytes];
+            make_key(number, key);
+            if (!engine.get(file, key, bytes)) throw store_error("a record is missing");
+            break;
+        }
+        case job::update: engine.update(file, number); break;
+        case job::insert:
+            make_record(inserted_number(of.wanted, of.measured, of.processes, process, i), 0, bytes);
+            engine.insert(file, bytes);
+            break;
+        }
+    }
+}
+
+class pipe_ends {
+public:
+    pipe_ends()
+    {
+        if (pipe(ends_) == -1) throw store_error(std::string("pipe: ") + strerror(errno));
+    }
+    ~pipe_ends()
+    {
+        for (const int end : ends_) close(end);
+    }
+    pipe_ends(const pipe_ends &) = delete;
+    pipe_ends &operator=(const pipe_ends &) = delete;
+    void put() const
+    {
+        const char byte = 0;
+        if (write(ends_[1], &byte, 1) != 1) throw store_error("a pipe broke");
+    }
+    void take() const
+    {
+        char byte;
+        if (read(ends_[0], &byte, 1) != 1) throw store_error("a pipe broke");
+    }
+
+private:
+    int ends_[2];
+};
+
+[[noreturn]] void be_child(const char *name, const std::function<void()> &body)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    try {
+        body();
+    } catch (const std::exception &error) {
+        fmt::print(stderr, "vfs_bench_sharing: {}: {}\n", name, error.what());
+        _exit(1);
+    }
+    _exit(0);
+}
+
+pid_t start_child(const char *name, const std::function<void()> &body)
+{
+    fflush(stdout);
+    const pid_t id = fork();
+    if (id == -1) throw store_error(std::string("fork: ") + strerror(errno));
+    if (id == 0) be_child(name, body);
+    return id;
+}
+
+void wait_for(const char *name, pid_t id)
+{
+    int status = 0;
+    while (waitpid(id, &status, 0) == -1 && errno == EINTR) {}
+    if (status != 0) throw store_error(std::string(name) + " failed");
+}
+
+// Seconds from the moment when all have the file open until the last one has closed it.
+double measure(const store &engine, const std::string &path, const measured_work &of)
+{
+    const pipe_ends ready, go;
+    std::vector<pid_t> children;
+    for (unsigned p = 0; p < of.processes; ++p)
+        children.push_back(start_child(engine.name, [&, p] {
+            connection *file = engine.open(path);
+            ready.put();
+            go.take();
+            work(engine, file, of, p);
+            engine.close(file);
+        }));
+    for (unsigned p = 0; p < of.processes; ++p) ready.take();
+    const auto begin = std::chrono::steady_clock::now();
+    for (unsigned p = 0; p < of.processes; ++p) go.put();
+    for (const pid_t id : children) wait_for(engine.name, id);
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+// Every record is there, once under its key, and as some process wrote it.
+void verify(const store &engine, const std::string &path, const options &wanted)
+{
+    connection *file = engine.open(path);
+    record bytes, expected;
+    const auto look = [&](uint64_t number) {
+        char key[key_bytes];
+        make_key(number, key);
+        if (!engine.get(file, key, bytes)) throw store_error(fmt::format("record {} is missing", number));
+        make_record(number, static_cast<uint64_t>(bytes[summed_byte - 1] - '0'), expected);
+        if (bytes != expected) throw store_error(fmt::format("record {} is in pieces", number));
+    };
+    for (uint64_t i = 0; i < wanted.records; ++i) look(loaded_number(i, wanted.records));
+    for (unsigned measured = 0; measured < process_counts.size(); ++measured)
+        for (unsigned p = 0; p < process_counts[measured]; ++p)
+            for (uint64_t i = 0; i < wanted.operations; ++i)
+                look(inserted_number(wanted, measured, process_counts[measured], p, i));
+    engine.close(file);
+}
+
+// Samples of thousand operations per second.
+using samples = std::map<std::tuple<const store *, job, unsigned>, std::vector<double>>;
+
+void run_round(const std::string &directory, const options &wanted, unsigned number, samples &all)
+{
+    std::map<const store *, std::string> paths;
+    for (const store *engine : stores) {
+        const fs::path place = fs::path(directory) / engine->name;
+        fs::create_directory(place);
+        paths[engine] = (place / "data").string();
+        wait_for(engine->name, start_child(engine->name, [&] { engine->load(paths[engine], wanted.records); }));
+    }
+    for (const job which : jobs)
+        for (unsigned measured = 0; measured < process_counts.size(); ++measured)
+            for (size_t i = 0; i < std::size(stores); ++i) {
+                const store &engine = *stores[(i + number) % std::size(stores)];
+                const unsigned processes = process_counts[measured];
+                sync(); // nothing of an earlier job is left to be written
+                const double seconds = measure(engine, paths[&engine], {wanted, which, processes, measured});
+                all[{&engine, which, processes}].push_back(static_cast<double>(wanted.operations) * processes /
+                                                           seconds / 1000);
+            }
+    for (const store *engine : stores) {
+        wait_for(engine->name, start_child(engine->name, [&] { verify(*engine, paths[engine], wanted); }));
+        fs::remove_all(fs::path(directory) / engine->name);
+    }
+}
+
+double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    const size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+std::string report(const options &wanted, samples &all)
+{
+    std::string text =
+        fmt::format("{} records of {} bytes with a key of {}; {} operations in each process; median of "
+                    "{} round(s); VFS_LOCK={}\n",
+                    wanted.records, record_bytes, key_bytes, wanted.operations, wanted.rounds, wanted.lock);
+    for (const store *engine : stores) text += fmt::format("  {:<8} {}\n", engine->title, engine->configuration);
+    text += fmt::format(
+        "\nThousand operations per second, all processes together; above 1 the driver is faster\n{:<20}", "");
+    for (const store *engine : stores) text += fmt::format("{:>10}", engine->title);
+    text += fmt::format("{:>18}\n", "driver / peer");
+    for (const job which : jobs)
+        for (const unsigned processes : process_counts) {
+            text += fmt::format("{:<20}",
+                                fmt::format("{}, {} process{}", name_of(which), processes, processes == 1 ? "" : "es"));
+            double peer = 0;
+            for (const store *engine : stores) {
+                const double value = median(all.at({engine, which, processes}));
+                text += fmt::format("{:>10.1f}", value);
+                if (engine != &vfs_store) peer = std::max(peer, value);
+            }
+            text += fmt::format("{:>18.2f}\n", median(all.at({&vfs_store, which, processes})) / peer);
+        }
+    return text;
+}
+
+void write_json(const options &wanted, const samples &all)
+{
+    nlohmann::ordered_json out;
+    out["records"] = wanted.records;
+    out["operations"] = wanted.operations;
+    out["rounds"] = wanted.rounds;
+    out["VFS_LOCK"] = wanted.lock;
+    for (const auto &[what, values] : all) {
+        const auto &[engine, which, processes] = what;
+        out["thousand_per_second"][name_of(which)][std::to_string(processes)][engine->name] = values;
+    }
+    std::ofstream file{wanted.json};
+    file << out.dump(2) << '\n';
+    file.close();
+    if (!file) throw store_error(wanted.json + " could not be written");
+}
+
+int run(const options &wanted)
+{
+    setenv("VFS_LOCK", wanted.lock.c_str(), 1);
+    std::string directory = wanted.directory + "/vfs_bench_sharing-XXXXXX";
+    if (mkdtemp(directory.data()) == nullptr) throw store_error(directory + ": " + strerror(errno));
+    samples all;
+    try {
+        for (unsigned number = 0; number < wanted.rounds; ++number) run_round(directory, wanted, number, all);
+    } catch (...) {
+        fs::remove_all(directory);
+        throw;
+    }
+    fs::remove_all(directory);
+    fmt::print("{}", report(wanted, all));
+    if (!wanted.json.empty()) write_json(wanted, all);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    CLI::App app{"Measures sharing one file between processes: the driver beside SQLite and LMDB.",
+                 "vfs_bench_sharing"};
+    options wanted;
+    app.add_option("--rounds", wanted.rounds, "Rounds; medians are reported")
+        ->check(CLI::Range(1U, 1000U))
+        ->capture_default_str();
+    app.add_option("--records", wanted.records, "Records in the file before the jobs")
+        ->check(CLI::Range(uint64_t{1}, uint64_t{10'000'000}))
+        ->capture_default_str();
+    app.add_option("--operations", wanted.operations, "Operations of each process")
+        ->check(CLI::Range(uint64_t{1}, uint64_t{10'000'000}))
+        ->capture_default_str();
+    app.add_option("--lock", wanted.lock, "VFS_LOCK of the driver's processes")
+        ->check(CLI::IsMember({"3", "4"}))
+        ->capture_default_str();
+    app.add_option("--seed", wanted.seed, "Seed of the random orders")->capture_default_str();
+    app.add_option("--directory", wanted.directory, "Where the files are made, and removed afterwards")
+        ->check(CLI::ExistingDirectory)
+        ->capture_default_str();
+    app.add_option("--json", wanted.json, "File to write every sample to as well");
+    CLI11_PARSE(app, argc, argv);
+    try {
+        return run(wanted);
+    } catch (const std::exception &error) {
+        fmt::print(stderr, "vfs_bench_sharing: {}\n", error.what());
+        return 1;
+    }
+}

@@ -1,0 +1,150 @@
+// The driver under test, as a host sees it, shared with record locks (VFS_LOCK in the environment). May include <vfs.h>
+// only; must not know what lies behind it.
+#include "store.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+
+#include <fcntl.h>
+
+#include <vfs.h>
+
+namespace {
+
+struct vfs_connection : connection {
+    vfs_file *handle = nullptr;
+};
+
+// One key of one part: the first bytes of the record.
+struct one_key {
+    vfs_key_desc head;
+    vfs_key_desc_entry entry;
+    vfs_key_part part;
+};
+
+const vfs_ops &ops()
+{
+    return vfs()->ops;
+}
+
+vfs_file *handle_of(connection *file)
+{
+    return static_cast<vfs_connection *>(file)->handle;
+}
+
+[[noreturn]] void fail(const char *operation)
+{
+    throw store_error(std::string(operation) + ": " + strerror(errno));
+}
+
+vfs_file *open_file(const std::string &path, uint32_t access, int flags)
+{
+    const one_key keys{
+        .head = {.total_size = sizeof(one_key), .count = 1, .max_extent = key_bytes, .primary_key = 0, .flags = 0},
+        .entry = {.length = key_bytes,
+                  .part_count = 1,
+                  .part_list = offsetof(one_key, part),
+                  .flags = VFS_KEY_PRIMARY,
+                  .unused = {}},
+        .part = {.offset = 0, .length = key_bytes, .unused = 0}};
+    vfs_open_block block{};
+    block.path = path.c_str();
+    block.max_record_length = record_bytes;
+    block.keys = &keys.head;
+    block.organization = block.logical_organization = VFS_ORG_INDEXED;
+    block.record_format = VFS_FORMAT_VARIABLE;
+    block.access_mode = access;
+    block.open_flags = static_cast<uint32_t>(flags);
+    vfs_file *handle = ops().open(&block);
+    if (handle == nullptr) fail("open");
+    return handle;
+}
+
+void write_record(vfs_file *handle, const record &bytes)
+{
+    vfs_record written{.length = record_bytes, .bytes = const_cast<char *>(bytes.data())}; // only read
+    if (ops().write(handle, &written, nullptr, nullptr, nullptr, VFS_POS_KEY, static_cast<const void *>(nullptr),
+                    int64_t{0}, int64_t{0}) == -1)
+        fail("write");
+}
+
+int64_t read_record(vfs_file *handle, const char *key, record &bytes, const vfs_lock_request *lock)
+{
+    vfs_record area{.length = record_bytes, .bytes = bytes.data()};
+    const int64_t got = ops().read(handle, &area, nullptr, nullptr, lock, VFS_POS_KEY, static_cast<const void *>(key),
+                                   static_cast<int64_t>(key_bytes), int64_t{0});
+    if (got == -1) fail("read");
+    return got;
+}
+
+void vfs_load(const std::string &path, uint64_t records)
+{
+    // Alone; the sharers' setting comes back for them.
+    const char *kept = getenv("VFS_LOCK");
+    const std::string setting = kept != nullptr ? kept : "4";
+    setenv("VFS_LOCK", "2", 1);
+    vfs_file *handle = open_file(path, VFS_ACCESS_SEQUENTIAL, O_RDWR | O_CREAT | O_TRUNC);
+    setenv("VFS_LOCK", setting.c_str(), 1);
+    record bytes;
+    for (uint64_t i = 0; i < records; ++i) {
+        make_record(loaded_number(i, records), 0, bytes);
+        write_record(handle, bytes);
+    }
+    if (ops().close(handle, nullptr) == -1) fail("close");
+}
+
+connection *vfs_open(const std::string &path)
+{
+    auto file = std::make_unique<vfs_connection>();
+    file->handle = open_file(path, VFS_ACCESS_DYNAMIC, O_RDWR);
+    return file.release();
+}
+
+// As a program that only looks: without a lock on the record.
+bool vfs_get(connection *file, const char *key, record &bytes)
+{
+    vfs_lock_request looking{};
+    looking.request_kind = VFS_KIND_NO_LOCK;
+    looking.wait_mode = VFS_WAIT_KERNEL;
+    return read_record(handle_of(file), key, bytes, &looking) == static_cast<int64_t>(record_bytes);
+}
+
+void vfs_insert(connection *file, const record &bytes)
+{
+    write_record(handle_of(file), bytes);
+}
+
+void vfs_update(connection *file, uint64_t number)
+{
+    vfs_lock_request holding{};
+    holding.hold = 1;
+    holding.wait_mode = VFS_WAIT_KERNEL;
+    char key[key_bytes];
+    make_key(number, key);
+    record bytes;
+    if (read_record(handle_of(file), key, bytes, &holding) != static_cast<int64_t>(record_bytes))
+        throw store_error("read: a record is missing");
+    make_record(number, next_generation(bytes), bytes);
+    vfs_record written{.length = record_bytes, .bytes = bytes.data()};
+    if (ops().rewrite(handle_of(file), &written, nullptr, nullptr, &holding, VFS_POS_CURRENT) == -1) fail("rewrite");
+    if (ops().unlock(handle_of(file), nullptr, nullptr, nullptr, nullptr, VFS_POS_FIRST) == -1) fail("unlock");
+}
+
+void vfs_close(connection *file)
+{
+    const std::unique_ptr<vfs_connection> owned{static_cast<vfs_connection *>(file)};
+    if (ops().close(owned->handle, nullptr) == -1) fail("close");
+}
+
+} // namespace
+
+const store vfs_store{.name = "vfs",
+                      .title = "driver",
+                      .configuration = "indexed file, one key; reads without, updates with a record lock",
+                      .load = vfs_load,
+                      .open = vfs_open,
+                      .get = vfs_get,
+                      .insert = vfs_insert,
+                      .update = vfs_update,
+                      .close = vfs_close};
