@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -36,13 +37,16 @@ struct store {
     void (*insert)(connection *, const record &bytes);
     // Reads the record and writes it back with the next generation; nobody else changes it in between.
     void (*update)(connection *, uint64_t number);
+    // Hands over every record in the order of the keys.
+    void (*visit)(connection *, const std::function<void(const record &)> &see);
     void (*close)(connection *); // everything that this process wrote is on the disk
 };
 
 // Updates count from 0 to 9 and begin again.
+inline constexpr uint64_t generations = 10;
 inline uint64_t next_generation(const record &bytes)
 {
-    return static_cast<uint64_t>(bytes[summed_byte - 1] - '0' + 1) % 10;
+    return static_cast<uint64_t>(bytes[summed_byte - 1] - '0' + 1) % generations;
 }
 
 extern const store vfs_store;

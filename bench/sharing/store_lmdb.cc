@@ -76,7 +76,7 @@ connection *lmdb_open(const std::string &path)
 {
     auto file = std::make_unique<lmdb_connection>();
     check(mdb_env_create(&file->env), "mdb_env_create");
-    check(mdb_env_set_mapsize(file->env, size_t{1} << 30), "mdb_env_set_mapsize");
+    check(mdb_env_set_mapsize(file->env, size_t{1} << 34), "mdb_env_set_mapsize");
     check(mdb_env_open(file->env, path.c_str(), MDB_NOSUBDIR | MDB_NOSYNC, 0666), "mdb_env_open");
     transaction first(*file, 0);
     check(mdb_dbi_open(first.get(), nullptr, 0, &file->dbi), "mdb_dbi_open");
@@ -130,6 +130,25 @@ void lmdb_update(connection *opaque, uint64_t number)
     writing.commit();
 }
 
+void lmdb_visit(connection *opaque, const std::function<void(const record &)> &see)
+{
+    const transaction reading(of(opaque), MDB_RDONLY);
+    MDB_cursor *cursor = nullptr;
+    check(mdb_cursor_open(reading.get(), of(opaque).dbi, &cursor), "mdb_cursor_open");
+    const std::unique_ptr<MDB_cursor, decltype(&mdb_cursor_close)> owned(cursor, mdb_cursor_close);
+    record bytes;
+    for (;;) {
+        MDB_val key{}, data{};
+        const int error = mdb_cursor_get(cursor, &key, &data, MDB_NEXT);
+        if (error == MDB_NOTFOUND) return;
+        check(error, "mdb_cursor_get");
+        if (key.mv_size != key_bytes || data.mv_size != data_bytes) throw store_error("a record has another length");
+        memcpy(bytes.data(), key.mv_data, key_bytes);
+        memcpy(bytes.data() + key_bytes, data.mv_data, data_bytes);
+        see(bytes);
+    }
+}
+
 } // namespace
 
 const store lmdb_store{.name = "lmdb",
@@ -140,4 +159,5 @@ const store lmdb_store{.name = "lmdb",
                        .get = lmdb_get,
                        .insert = lmdb_insert,
                        .update = lmdb_update,
+                       .visit = lmdb_visit,
                        .close = lmdb_close};

@@ -9,7 +9,7 @@
 
 namespace {
 
-enum statement { begin, commit, select, insert, update, statement_count };
+enum statement { begin, commit, select, insert, update, select_all, statement_count };
 
 struct sqlite_connection : connection {
     sqlite3 *db = nullptr;
@@ -63,9 +63,12 @@ bool find(sqlite_connection &file, const char *key, record &bytes)
 
 connection *sqlite_open(const std::string &path)
 {
-    static constexpr const char *texts[statement_count] = {
-        "BEGIN IMMEDIATE", "COMMIT", "SELECT data FROM records WHERE key = ?1", "INSERT INTO records VALUES (?1, ?2)",
-        "UPDATE records SET data = ?2 WHERE key = ?1"};
+    static constexpr const char *texts[statement_count] = {"BEGIN IMMEDIATE",
+                                                           "COMMIT",
+                                                           "SELECT data FROM records WHERE key = ?1",
+                                                           "INSERT INTO records VALUES (?1, ?2)",
+                                                           "UPDATE records SET data = ?2 WHERE key = ?1",
+                                                           "SELECT key, data FROM records ORDER BY key"};
     auto file = std::make_unique<sqlite_connection>();
     if (sqlite3_open(path.c_str(), &file->db) != SQLITE_OK) fail(*file, "sqlite3_open");
     sqlite3_busy_timeout(file->db, 60'000);
@@ -122,6 +125,21 @@ void sqlite_update(connection *opaque, uint64_t number)
     change(file, commit, nullptr, nullptr);
 }
 
+void sqlite_visit(connection *opaque, const std::function<void(const record &)> &see)
+{
+    sqlite3_stmt *const prepared = of(opaque).statements[select_all];
+    record bytes;
+    while (step(of(opaque), select_all, nullptr, nullptr) == SQLITE_ROW) {
+        if (sqlite3_column_bytes(prepared, 0) != static_cast<int>(key_bytes) ||
+            sqlite3_column_bytes(prepared, 1) != static_cast<int>(data_bytes))
+            throw store_error("a record has another length");
+        memcpy(bytes.data(), sqlite3_column_blob(prepared, 0), key_bytes);
+        memcpy(bytes.data() + key_bytes, sqlite3_column_blob(prepared, 1), data_bytes);
+        see(bytes);
+    }
+    sqlite3_reset(prepared);
+}
+
 } // namespace
 
 const store sqlite_store{.name = "sqlite",
@@ -132,4 +150,5 @@ const store sqlite_store{.name = "sqlite",
                          .get = sqlite_get,
                          .insert = sqlite_insert,
                          .update = sqlite_update,
+                         .visit = sqlite_visit,
                          .close = sqlite_close};

@@ -131,6 +131,24 @@ void vfs_update(connection *file, uint64_t number)
     if (ops().unlock(handle_of(file), nullptr, nullptr, nullptr, nullptr, VFS_POS_FIRST) == -1) fail("unlock");
 }
 
+void vfs_visit(connection *file, const std::function<void(const record &)> &see)
+{
+    vfs_lock_request looking{};
+    looking.request_kind = VFS_KIND_NO_LOCK;
+    looking.wait_mode = VFS_WAIT_KERNEL;
+    record bytes;
+    vfs_record area{.length = record_bytes, .bytes = bytes.data()};
+    int mode = VFS_POS_FIRST; // takes a number of a key; the next ones do not look at it
+    for (;;) {
+        const int64_t got = ops().read(handle_of(file), &area, nullptr, nullptr, &looking, mode, int64_t{0});
+        if (got == -1) fail("read");
+        if (got == 0) return;
+        if (got != static_cast<int64_t>(record_bytes)) throw store_error("read: a record has another length");
+        see(bytes);
+        mode = VFS_POS_NEXT;
+    }
+}
+
 void vfs_close(connection *file)
 {
     const std::unique_ptr<vfs_connection> owned{static_cast<vfs_connection *>(file)};
@@ -147,4 +165,5 @@ const store vfs_store{.name = "vfs",
                       .get = vfs_get,
                       .insert = vfs_insert,
                       .update = vfs_update,
+                      .visit = vfs_visit,
                       .close = vfs_close};
