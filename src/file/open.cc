@@ -577,9 +577,9 @@ void size_data_cache(vfs_file *file)
     } else if (served_by_one_buffer(file)) {
         data.min = data.max = 1;
         data.readahead = data.writebehind = 0;
-    } else if (const uint64_t budget = data_budget(file) / data.block_size; budget > data.max) {
-        data.max = budget > UINT32_MAX / 2 ? UINT32_MAX / 2 : static_cast<uint32_t>(budget);
     }
+    if (const uint64_t budget = data_budget(file) / data.block_size; budget > data.max && !served_by_one_buffer(file))
+        data.max = budget > UINT32_MAX / 2 ? UINT32_MAX / 2 : static_cast<uint32_t>(budget);
     data.block_mask = ~(data.block_size - 1);
     if ((file->kind_flags & kind_character) != 0) {
         data.min = data.max = 1;
