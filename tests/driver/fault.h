@@ -1,6 +1,4 @@
-// fault.h: makes the driver's own system calls and allocations fail. The test executable defines the functions and
-// exports them; the loaded library binds to these, and they pass on to the next definition unless the plan says
-// otherwise. Calls from anywhere but the library always pass.
+// fault.h: makes the driver's own system calls and allocations fail, at the seam of seam.h.
 #ifndef TESTS_DRIVER_FAULT_H
 #define TESTS_DRIVER_FAULT_H
 

@@ -250,7 +250,7 @@ TEST_P(Fault, FailedOpenLeavesTheFileAlone)
     sweep({.call = "open", .error = EIO},
           [](const report &told, const std::string &where) { tolerated(told, where, EIO); });
     if (strcmp(GetParam(), "0") != 0)
-        sweep({.call = "fcntl", .error = EIO},
+        sweep({.call = "lock", .error = EIO},
               [](const report &told, const std::string &where) { tolerated(told, where, EIO); });
     if (strcmp(GetParam(), "0") == 0) {
         prepare();

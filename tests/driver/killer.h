@@ -1,6 +1,5 @@
 // killer.h: ends the process at a chosen system call of the driver: in front of it, or, for a write, with only the
-// first pages of it done (a kill cuts a write between two pages of the file). The test executable defines the calls and
-// exports them, as in fault.h. Calls from anywhere but the library always pass and are not counted.
+// first pages of it done (a kill cuts a write between two pages of the file). At the seam of seam.h.
 #ifndef TESTS_DRIVER_KILLER_H
 #define TESTS_DRIVER_KILLER_H
 
