@@ -226,7 +226,7 @@ int64_t read_record(const operation_call &call)
         if (outcome != lock_outcome::held) continue;
         const int64_t length = deliver(call, &work, &lock);
         if (length == -1) break;
-        if (file->acquired && bracket_end(file) == -1) return operation_failed(file, work, true);
+        if (file->acquired && bracket_end(file) == -1) break;
         if (status_fill(call, &work, true) == -1) return -1;
         if (length == 0) errno = 0;
         return length;

@@ -1,5 +1,6 @@
 // Stepping through the leaves in key order, and the step of a sequential read from the file position. See tree.h.
 #include "store/node.h"
+#include "store/slots.h"
 #include "store/tree.h"
 #include "util/errors.h"
 
@@ -64,7 +65,8 @@ int beside_record(const index_tree &tree, const search_key &key, uint64_t offset
 
 // Among equal keys whose own record is gone: the place to step from is beside the nearest record that stood on the
 // wanted side. When that one is not found (it may have moved) the other neighbour tells as well; after both, the next
-// ones on the wanted side, else the first record written later (the last one written earlier).
+// ones on the wanted side, else the first record with a higher number, which was written later (the last one with a
+// lower number).
 int beside_neighbour(const index_tree &tree, const search_key &key, bool forward, tree_place *place)
 {
     const file_position &position = tree.file->position;
@@ -88,8 +90,9 @@ int beside_neighbour(const index_tree &tree, const search_key &key, bool forward
             if (forward) --place->item;
             return 0;
         }
-        const uint64_t offset = entry_address(leaf, at.item);
-        if (forward ? offset > position.record_offset : offset < position.record_offset) {
+        slot_head head;
+        if (slot_head_read(tree.file, entry_address(leaf, at.item), &head) == -1) return -1;
+        if (forward ? head.rrn > position.rrn : head.rrn < position.rrn) {
             *place = {at.node, forward ? at.item - 1 : at.item + 1};
             return 0;
         }
