@@ -27,6 +27,7 @@ struct scene {
     void (*change)(file &f); // the operation
     uint32_t gaps = 0;       // delete every n-th of them at the start
     uint32_t lock_mode = VFS_LOCK_RECORD;
+    bool synced = false; // every operation is on the disk when it returns
 };
 
 void PrintTo(const scene &which, std::ostream *out)
@@ -89,6 +90,7 @@ const scene scenes[] = {
     {"IndexedRewriteThatMoves", keyed, 20, replace<keyed, 12, true>},
     {"IndexedDeleteWithListedSlots", keyed, 90, remove<keyed, 12>, 7},
     {"IndexedInsertInBlockMode", keyed, 51, insert<keyed, 51>, 0, VFS_LOCK_AUTO},
+    {"IndexedInsertThatIsSynced", keyed, 51, insert<keyed, 51>, 0, VFS_LOCK_RECORD, true},
     {"RelativeWrite", numbered_file, 20, insert<numbered_file, 13>},
     {"RelativeRewriteThatMoves", numbered_file, 20, replace<numbered_file, 12, true>},
     {"RelativeDelete", numbered_file, 20, remove<numbered_file, 12>},
@@ -103,6 +105,7 @@ const scene scenes[] = {
 const scene completed_scenes[] = {
     {"IndexedRewriteThatMoves", keyed, 20, replace<keyed, 12, true>},
     {"RelativeWrite", numbered_file, 20, insert<numbered_file, 13>},
+    {"FlatRewriteThatMoves", flat_file, 20, replace<flat_file, 12, true>},
 };
 
 // ---- What a file holds -------------------------------------------------------------------------------------------
@@ -156,6 +159,7 @@ protected:
     {
         for (const char *name : {"VFS_DEBUG", "VFS_SYNC", "VFS_CACHE_SIZE"}) unsetenv(name);
         setenv("VFS_LOCK", "9", 1);
+        if (GetParam().synced) setenv("VFS_SYNC", "1", 1);
         std::string pattern = std::filesystem::temp_directory_path() / "vfs_kill_XXXXXX";
         directory_ = mkdtemp(pattern.data());
         spec_ = storm_spec(GetParam().what, directory_ + "/file", GetParam().lock_mode);
