@@ -1,13 +1,11 @@
 // The driver under test, as a host sees it. May include <vfs.h> only; must not know what lies behind it.
 #include "engine.h"
+#include "vfs_calls.h"
 
 #include <cerrno>
 #include <memory>
 
-#include <fcntl.h>
 #include <unistd.h>
-
-#include <vfs.h>
 
 namespace {
 
@@ -17,18 +15,6 @@ struct vfs_session : session {
     purpose use{};
     int32_t step = VFS_POS_NEXT;
 };
-
-// One key of one part: the first bytes of the record.
-struct one_key {
-    vfs_key_desc head;
-    vfs_key_desc_entry entry;
-    vfs_key_part part;
-};
-
-const vfs_ops &ops()
-{
-    return vfs()->ops;
-}
 
 vfs_session &of(session *file)
 {
@@ -55,27 +41,11 @@ int flags_for(purpose use)
 
 session *vfs_open(const std::string &path, purpose use, const engine_settings &)
 {
-    const one_key keys{
-        .head = {.total_size = sizeof(one_key), .count = 1, .max_extent = key_bytes, .primary_key = 0, .flags = 0},
-        .entry = {.length = key_bytes,
-                  .part_count = 1,
-                  .part_list = offsetof(one_key, part),
-                  .flags = VFS_KEY_PRIMARY,
-                  .unused = {}},
-        .part = {.offset = 0, .length = key_bytes, .unused = 0}};
     auto file = std::make_unique<vfs_session>();
     file->path = path;
     file->use = use;
-    vfs_open_block block{};
-    block.path = path.c_str();
-    block.max_record_length = record_bytes;
-    block.keys = &keys.head;
-    block.organization = block.logical_organization = VFS_ORG_INDEXED;
-    block.record_format = VFS_FORMAT_VARIABLE;
     const bool sequential = use == purpose::load_ascending || use == purpose::scan;
-    block.access_mode = sequential ? VFS_ACCESS_SEQUENTIAL : VFS_ACCESS_DYNAMIC;
-    block.open_flags = static_cast<uint32_t>(flags_for(use));
-    file->handle = ops().open(&block);
+    file->handle = open_indexed(path, sequential ? VFS_ACCESS_SEQUENTIAL : VFS_ACCESS_DYNAMIC, flags_for(use));
     if (file->handle == nullptr) fail("open");
     return file.release();
 }
@@ -88,10 +58,7 @@ vfs_record record_of(const record &bytes)
 
 void vfs_put(session *opaque, const record &bytes)
 {
-    vfs_record written = record_of(bytes);
-    if (ops().write(of(opaque).handle, &written, nullptr, nullptr, nullptr, VFS_POS_KEY,
-                    static_cast<const void *>(nullptr), int64_t{0}, int64_t{0}) == -1)
-        fail("write");
+    if (!write_by_key(of(opaque).handle, bytes)) fail("write");
 }
 
 bool vfs_get(session *opaque, const char *key, record &bytes)

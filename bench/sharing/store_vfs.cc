@@ -1,32 +1,17 @@
 // The driver under test, as a host sees it, shared with record locks (VFS_LOCK in the environment). May include <vfs.h>
 // only; must not know what lies behind it.
+#include "../vfs_calls.h"
 #include "store.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
 
-#include <fcntl.h>
-
-#include <vfs.h>
-
 namespace {
 
 struct vfs_connection : connection {
     vfs_file *handle = nullptr;
 };
-
-// One key of one part: the first bytes of the record.
-struct one_key {
-    vfs_key_desc head;
-    vfs_key_desc_entry entry;
-    vfs_key_part part;
-};
-
-const vfs_ops &ops()
-{
-    return vfs()->ops;
-}
 
 vfs_file *handle_of(connection *file)
 {
@@ -40,33 +25,14 @@ vfs_file *handle_of(connection *file)
 
 vfs_file *open_file(const std::string &path, uint32_t access, int flags)
 {
-    const one_key keys{
-        .head = {.total_size = sizeof(one_key), .count = 1, .max_extent = key_bytes, .primary_key = 0, .flags = 0},
-        .entry = {.length = key_bytes,
-                  .part_count = 1,
-                  .part_list = offsetof(one_key, part),
-                  .flags = VFS_KEY_PRIMARY,
-                  .unused = {}},
-        .part = {.offset = 0, .length = key_bytes, .unused = 0}};
-    vfs_open_block block{};
-    block.path = path.c_str();
-    block.max_record_length = record_bytes;
-    block.keys = &keys.head;
-    block.organization = block.logical_organization = VFS_ORG_INDEXED;
-    block.record_format = VFS_FORMAT_VARIABLE;
-    block.access_mode = access;
-    block.open_flags = static_cast<uint32_t>(flags);
-    vfs_file *handle = ops().open(&block);
+    vfs_file *handle = open_indexed(path, access, flags);
     if (handle == nullptr) fail("open");
     return handle;
 }
 
 void write_record(vfs_file *handle, const record &bytes)
 {
-    vfs_record written{.length = record_bytes, .bytes = const_cast<char *>(bytes.data())}; // only read
-    if (ops().write(handle, &written, nullptr, nullptr, nullptr, VFS_POS_KEY, static_cast<const void *>(nullptr),
-                    int64_t{0}, int64_t{0}) == -1)
-        fail("write");
+    if (!write_by_key(handle, bytes)) fail("write");
 }
 
 int64_t read_record(vfs_file *handle, const char *key, record &bytes, const vfs_lock_request *lock)

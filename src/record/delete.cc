@@ -18,13 +18,7 @@ vfs_request delete_request(const operation_call &call)
 
 int position_for_delete(const operation_call &call, vfs_request *work)
 {
-    vfs_file *file = call.file;
-    if (call.mode == VFS_POS_END || (call.mode >= VFS_POS_BEFORE_FIRST && call.mode <= VFS_POS_UNDEFINED))
-        return fail(EINVAL);
-    if (call.mode == VFS_POS_KEY) {
-        if (key_number_check(file, call.arguments.key_number) == -1) return -1;
-        if (key_allows_duplicates(file, call.arguments.key_number)) return fail(EINVAL);
-    }
+    if (one_record_named(call) == -1) return -1;
     const uint64_t length = call.arguments.key_length != 0 ? call.arguments.key_length : work->record_length;
     if (key_from_arguments(call, work, work->record, length) == -1) return -1;
     return record_wanted(call, work);

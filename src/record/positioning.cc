@@ -129,3 +129,13 @@ int record_wanted(const operation_call &call, vfs_request *work)
     if (mode_known(call) == -1 || position_request(call.file, work) == -1) return -1;
     return (work->flags & VFS_FLAG_AT_END) != 0 ? fail(ESPIPE) : 0;
 }
+
+int one_record_named(const operation_call &call)
+{
+    vfs_file *file = call.file;
+    if (call.mode == VFS_POS_END || (call.mode >= VFS_POS_BEFORE_FIRST && call.mode <= VFS_POS_UNDEFINED))
+        return fail(EINVAL);
+    if (call.mode != VFS_POS_KEY) return 0;
+    if (key_number_check(file, call.arguments.key_number) == -1) return -1;
+    return key_allows_duplicates(file, call.arguments.key_number) ? fail(EINVAL) : 0;
+}

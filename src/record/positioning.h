@@ -23,4 +23,7 @@
 // position_request for operations that need a record: nothing found is -1 with ESPIPE.
 [[nodiscard]] int record_wanted(const operation_call &call, vfs_request *work);
 
+// rewrite and delete change one record: a mode that names several, or none, is EINVAL.
+[[nodiscard]] int one_record_named(const operation_call &call);
+
 #endif
