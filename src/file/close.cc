@@ -113,7 +113,7 @@ void free_memory(vfs_file *file)
     std::free(file->checkpoints);
     std::free(file->contexts);
     std::free(file->changes.ranges);
-    std::free(file->changes.listed);
+    std::free(file->changes.chunk);
     std::free(file);
 }
 

@@ -212,6 +212,9 @@ inline constexpr auto redo_length = field_of<uint64_t>(redo_rows, "length");
 inline constexpr auto redo_checksum = field_of<uint64_t>(redo_rows, "checksum");
 inline constexpr uint64_t redo_head_bytes = 32, redo_range_bytes = 16; // a range: offset, length
 inline constexpr uint64_t redo_unit = 4096;                            // the area begins at a multiple of it
+// The bytes of the ranges stand there inverted: the area's place is later filled with items, and what is left of it
+// between them after a stop of the machine must not look like some.
+inline constexpr uint64_t redo_mask = ~uint64_t{0};
 inline constexpr uint64_t redo_magic_word = 0x314F444552534656;        // "VFSREDO1" read as a little-endian word
 // Checksum: four lanes, each begun with the basis; word i of the area (8 bytes; the checksum itself counts as 0) goes
 // to lane i mod 4: lane = (lane ^ word) * prime. The sum: basis, then for each lane in turn (sum ^ lane) * prime; the

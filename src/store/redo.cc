@@ -139,15 +139,18 @@ int write_in_place(const selection &from, part which)
 // See format.h.
 class redo_sum {
 public:
-    void add(const std::byte *bytes, uint64_t length)
+    // Of words that stand in the area as they are, or inverted.
+    void add(const std::byte *bytes, uint64_t length, uint64_t mask = 0)
     {
         assert(length % word_bytes == 0);
         uint64_t done = 0;
-        while (done < length && count_ % 4 != 0) step(bytes, &done);
+        while (done < length && count_ % 4 != 0) step(bytes, mask, &done);
         for (; length - done >= 4 * word_bytes; done += 4 * word_bytes)
-            for (uint64_t lane = 0; lane < 4; ++lane)
-                lanes_[lane] = (lanes_[lane] ^ load_u64(bytes + done + lane * word_bytes)) * redo_sum_prime;
-        while (done < length) step(bytes, &done);
+            for (uint64_t lane = 0; lane < 4; ++lane) {
+                const uint64_t word = load_u64(bytes + done + lane * word_bytes) ^ mask;
+                lanes_[lane] = (lanes_[lane] ^ word) * redo_sum_prime;
+            }
+        while (done < length) step(bytes, mask, &done);
     }
     uint64_t value() const
     {
@@ -157,10 +160,10 @@ public:
     }
 
 private:
-    void step(const std::byte *bytes, uint64_t *done)
+    void step(const std::byte *bytes, uint64_t mask, uint64_t *done)
     {
         uint64_t &lane = lanes_[count_++ % 4];
-        lane = (lane ^ load_u64(bytes + *done)) * redo_sum_prime;
+        lane = (lane ^ load_u64(bytes + *done) ^ mask) * redo_sum_prime;
         *done += word_bytes;
     }
 
@@ -173,52 +176,56 @@ struct listed_range { // as it stands in the area
 };
 static_assert(sizeof(listed_range) == redo_range_bytes);
 
-struct area_writer {
-    vfs_file *file;
-    uint64_t at; // where the next piece goes
-    std::array<iovec, 64> pieces;
-    size_t count = 0;
-    uint64_t pending = 0;
+constexpr uint64_t chunk_bytes = 65536;
 
-    int flush()
+void copy_words(std::byte *to, const std::byte *from, uint64_t length, uint64_t mask)
+{
+    for (uint64_t at = 0; at < length; at += word_bytes) store_u64(to + at, load_u64(from + at) ^ mask);
+}
+
+// Gathers the area in the handle's chunk of memory and writes it, mostly with one call.
+class area_writer {
+public:
+    area_writer(vfs_file *file, uint64_t start) : file_(file), start_(start), at_(start) {}
+
+    int add(const std::byte *bytes, uint64_t length, uint64_t mask = 0)
     {
-        if (count == 0) return 0;
-        const int result = file_write_pieces(file, {pieces.data(), count}, at);
-        at += pending;
-        count = pending = 0;
-        return result;
-    }
-    int add(const void *bytes, uint64_t length)
-    {
-        if (count == pieces.size() && flush() == -1) return -1;
-        pieces[count++] = {const_cast<void *>(bytes), length};
-        pending += length;
+        sum_.add(bytes, length, mask);
+        for (uint64_t done = 0; done < length;) {
+            const uint64_t some = std::min(length - done, chunk_bytes - gathered_);
+            copy_words(file_->changes.chunk + gathered_, bytes + done, some, mask);
+            gathered_ += some;
+            done += some;
+            if (gathered_ == chunk_bytes && flush() == -1) return -1;
+        }
         return 0;
     }
-};
-
-// The list of the area lies in the handle's own memory until the area is written.
-int list_ranges(const selection &from, uint64_t *count, uint64_t *bytes)
-{
-    change_list &list = from.file->changes;
-    *count = *bytes = 0;
-    for (uint64_t i = 0; i < list.count; ++i) {
-        const changed_range &range = list.ranges[i];
-        if (!from.has(range, part::below)) continue;
-        if (*count == list.listed_room) {
-            const uint64_t room = list.listed_room == 0 ? 64 : 2 * list.listed_room;
-            void *moved = std::realloc(list.listed, room * redo_range_bytes);
-            if (moved == nullptr) return fail(ENOMEM);
-            list.listed = static_cast<std::byte *>(moved);
-            list.listed_room = room;
+    // The head was added first, without its checksum.
+    int finish()
+    {
+        const uint64_t sum = sum_.value();
+        if (at_ == start_) {
+            store_u64(file_->changes.chunk + redo_checksum.offset, sum);
+            return flush();
         }
-        const listed_range row{range.offset, range.length};
-        std::memcpy(list.listed + *count * redo_range_bytes, &row, sizeof row);
-        ++*count;
-        *bytes += range.length;
+        if (flush() == -1) return -1;
+        return file_write_at(file_, &sum, sizeof sum, start_ + redo_checksum.offset);
     }
-    return 0;
-}
+
+private:
+    int flush()
+    {
+        const int result = file_write_at(file_, file_->changes.chunk, gathered_, at_);
+        at_ += gathered_;
+        gathered_ = 0;
+        return result;
+    }
+
+    vfs_file *file_;
+    uint64_t start_, at_; // of the area, and of what comes next
+    uint64_t gathered_ = 0;
+    redo_sum sum_;
+};
 
 // A write that passed the file size limit would end the process.
 int limit_check(uint64_t end)
@@ -235,39 +242,41 @@ struct area_plan {
 
 int plan_area(const selection &from, area_plan *area)
 {
-    const vfs_file *file = from.file;
-    uint64_t bytes;
-    if (list_ranges(from, &area->ranges, &bytes) == -1) return -1;
+    vfs_file *file = from.file;
+    change_list &list = file->changes;
+    if (list.chunk == nullptr) list.chunk = static_cast<std::byte *>(std::malloc(chunk_bytes));
+    if (list.chunk == nullptr) return fail(ENOMEM);
     area->start = round_up(std::max(file->end_of_file, file->acquired_end), redo_unit);
-    area->length = redo_head_bytes + area->ranges * redo_range_bytes + bytes;
+    area->ranges = 0;
+    area->length = redo_head_bytes;
+    for (uint64_t i = 0; i < list.count; ++i) {
+        if (!from.has(list.ranges[i], part::below)) continue;
+        ++area->ranges;
+        area->length += redo_range_bytes + list.ranges[i].length;
+    }
     return 0;
 }
 
 int write_area(const selection &from, const area_plan &area)
 {
-    const uint64_t count = area.ranges;
     const change_list &list = from.file->changes;
-    std::array<std::byte, redo_head_bytes> head{};
+    alignas(word_bytes) std::array<std::byte, redo_head_bytes> head{};
     image_put<uint64_t>(head, redo_magic, redo_magic_word);
-    image_put<uint64_t>(head, redo_ranges, count);
+    image_put<uint64_t>(head, redo_ranges, area.ranges);
     image_put<uint64_t>(head, redo_length, area.length);
-
-    redo_sum sum;
-    sum.add(head.data(), head.size());
-    sum.add(list.listed, count * redo_range_bytes);
-    area_writer writer{.file = from.file, .at = area.start, .pieces = {}};
+    area_writer writer{from.file, area.start};
     if (writer.add(head.data(), head.size()) == -1) return -1;
-    if (writer.add(list.listed, count * redo_range_bytes) == -1) return -1;
     for (uint64_t i = 0; i < list.count; ++i) {
         const changed_range &range = list.ranges[i];
-        if (from.has(range, part::below)) sum.add(range.bytes(), range.length);
+        if (!from.has(range, part::below)) continue;
+        const listed_range row{range.offset, range.length};
+        if (writer.add(reinterpret_cast<const std::byte *>(&row), sizeof row) == -1) return -1;
     }
-    image_put<uint64_t>(head, redo_checksum, sum.value());
     for (uint64_t i = 0; i < list.count; ++i) {
         const changed_range &range = list.ranges[i];
-        if (from.has(range, part::below) && writer.add(range.bytes(), range.length) == -1) return -1;
+        if (from.has(range, part::below) && writer.add(range.bytes(), range.length, redo_mask) == -1) return -1;
     }
-    return writer.flush();
+    return writer.finish();
 }
 
 // ---- Changes that a kill cannot cut ----
@@ -340,8 +349,6 @@ struct redo_area {
     uint64_t bytes() const { return list() + ranges * redo_range_bytes; }
 };
 
-constexpr uint64_t chunk_bytes = 65536;
-
 // Head and checksum. ENOEXEC: not a redo area, or not all of one.
 int area_check(vfs_file *file, std::byte *chunk, uint64_t start, redo_area *area)
 {
@@ -378,7 +385,8 @@ template <typename Visit> int for_each_range(vfs_file *file, const redo_area &ar
     for (uint64_t i = 0; i < area.ranges; ++i) {
         listed_range range;
         if (read_exactly(file, &range, sizeof range, area.list() + i * redo_range_bytes) == -1) return -1;
-        if (range.length > end - from || range.offset > area.start || range.length > area.start - range.offset)
+        if (range.length % word_bytes != 0 || range.length > end - from || range.offset > area.start ||
+            range.length > area.start - range.offset)
             return fail(ENOEXEC);
         if (visit(range, from) == -1) return -1;
         from += range.length;
@@ -392,6 +400,7 @@ int apply(vfs_file *file, std::byte *chunk, const redo_area &area)
         for (uint64_t done = 0; done < range.length;) {
             const uint64_t count = std::min(chunk_bytes, range.length - done);
             if (read_exactly(file, chunk, count, from + done) == -1) return -1;
+            copy_words(chunk, chunk, count, redo_mask);
             if (file_write_at(file, chunk, count, range.offset + done) == -1) return -1;
             done += count;
         }

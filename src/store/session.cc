@@ -233,8 +233,8 @@ int changes_write_out(vfs_file *file)
 int session_flush(vfs_file *file)
 {
     if (is_read_only(file) || file->meta.hdrb == nullptr) return 0;
-    if (is_shared(file) || (!file->session_marked && !changes_pending(file)))
-        return file->unsynced ? sync_or_store(file) : 0;
+    if (is_shared(file)) return sync_or_store(file); // what other handles changed is covered as well
+    if (!file->session_marked && !changes_pending(file)) return file->unsynced ? sync_or_store(file) : 0;
     if (second_writer_check(file) == -1) return -1;
     if (changes_write_out(file) == -1 || sync_or_store(file) == -1) return -1;
     if (file->error != 0) return fail(static_cast<int>(file->error));

@@ -78,8 +78,7 @@ struct read_run {
 struct change_list {
     changed_range *ranges; // owned
     uint64_t count, room;
-    std::byte *listed; // owned: the list of the redo area, offset and length of each range
-    uint64_t listed_room;
+    std::byte *chunk; // owned: where redo areas are gathered; null before the first
 };
 
 struct vfs_file : file_state {

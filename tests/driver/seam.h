@@ -17,12 +17,14 @@ struct driver_call {
     int descriptor = -1;
     uint64_t offset = 0, bytes = 0;     // of reads and writes; offset also the length of ftruncate
     std::span<const iovec> pieces = {}; // of reads and writes
+    const char *path = nullptr;         // of open
 };
 
 struct call_answer {
     int error = 0;               // not 0: the call fails with it
     uint64_t bytes = UINT64_MAX; // reads and writes transfer no more than these
     bool dies = false;           // the process ends here, with those bytes transferred
+    const char *path = nullptr;  // open opens this one instead
 };
 
 // Runs inside calls of any thread and inside the allocator: it allocates nothing. `done` (may be null) is told of reads,

@@ -49,7 +49,7 @@ std::string redo_area(const std::vector<range> &ranges)
     std::string list, bytes;
     for (const range &one : ranges) {
         list += word(one.offset) + word(one.bytes.size());
-        bytes += one.bytes;
+        for (const char each : one.bytes) bytes += static_cast<char>(~each);
     }
     const uint64_t length = 32 + list.size() + bytes.size();
     std::string area = "VFSREDO1" + word(ranges.size()) + word(length) + word(0) + list + bytes;

@@ -281,7 +281,7 @@ std::string committed(std::string before, std::string after)
         const std::string piece = after.substr(page, 512);
         if (page < before.size() && before.substr(page, 512) == piece) continue;
         list += as_bytes(page) + as_bytes(piece.size());
-        bytes += piece;
+        for (const char each : piece) bytes += static_cast<char>(~each);
         ++count;
     }
     std::string area =

@@ -43,7 +43,7 @@ check_result check_image(file_image &image, const check_options &options)
     result.words = read_session(image);
     if (result.words.redo.fault.empty())
         for (const redo_range &range : result.words.redo.ranges)
-            image.replace(range.offset, range.length, range.source);
+            image.replace_inverted(range.offset, range.length, range.source);
     result.facts = read_facts(image);
     check_state state{image, options, result};
     const bool readable = check_header(state);

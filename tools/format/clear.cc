@@ -18,6 +18,7 @@ int copy_range(int descriptor, const redo_range &range)
         const ssize_t got = pread(descriptor, bytes.data(), count, static_cast<off_t>(range.source + done));
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) return got < 0 ? errno : EIO;
+        for (std::byte &each : std::span{bytes}.first(static_cast<size_t>(got))) each = ~each;
         for (ssize_t written = 0; written < got;) {
             const ssize_t put = pwrite(descriptor, bytes.data() + written, static_cast<size_t>(got - written),
                                        static_cast<off_t>(range.offset + done) + written);

@@ -54,6 +54,7 @@ void file_image::fill(block &target, uint64_t number)
             target.bytes.clear();
             return;
         }
+        for (std::byte &each : place) each = ~each;
     }
     target.number = number;
 }
@@ -86,7 +87,7 @@ uint64_t file_image::word(uint64_t offset)
     return get(offset, &value) ? value : 0;
 }
 
-void file_image::replace(uint64_t offset, uint64_t length, uint64_t source)
+void file_image::replace_inverted(uint64_t offset, uint64_t length, uint64_t source)
 {
     if (length == 0) return;
     const uint64_t end = offset + length;

@@ -22,8 +22,9 @@ public:
     }
     uint64_t word(uint64_t offset); // 0 where nothing can be read
 
-    // From now on the bytes at `source` are also those at `offset`. A later call wins over an earlier one.
-    void replace(uint64_t offset, uint64_t length, uint64_t source);
+    // From now on the bytes at `source`, inverted as a pending change has them, are also those at `offset`. A later call
+    // wins over an earlier one.
+    void replace_inverted(uint64_t offset, uint64_t length, uint64_t source);
 
     // The first byte at or behind `offset` that is not in a hole of the file system; size() when there is none.
     uint64_t next_data(uint64_t offset) const;

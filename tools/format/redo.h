@@ -10,7 +10,7 @@
 
 struct redo_range {
     uint64_t offset, length; // where the bytes belong
-    uint64_t source;         // where they stand now
+    uint64_t source;         // where they stand now, inverted
 };
 
 struct redo_area {
