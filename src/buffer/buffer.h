@@ -22,11 +22,14 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
+#include <linux/aio_abi.h>
 #include <span>
 #include <sys/times.h>
 
 struct vfs_buffer;
 struct vfs_cache;
+struct io_engine;     // io/io.h
+struct buffer_server; // io/servers.cc
 
 enum : uint8_t { cache_data = 0, cache_index = 1, cache_meta = 2 }; // bufftype
 
@@ -58,7 +61,6 @@ enum : uint8_t { // vfs_cache::state bits
     cache_fallocate_usable = 1,
     cache_ftruncate_fallback = 2,
     cache_warned = 4, // the allocation warning was printed
-    cache_has_threads = 8,
 };
 
 enum : uint8_t {              // vfs_buffer::state bits
@@ -73,11 +75,10 @@ enum : uint8_t {              // vfs_buffer::state bits
 enum : uint8_t { buffer_reading = 1 }; // vfs_buffer::rstate
 enum : uint8_t {                       // vfs_buffer::flags2
     buffer_speculative = 1,            // being read ahead of need: a failure is not recorded
+    buffer_no_context = 2,             // the kernel refused a context for asynchronous transfers
     buffer_timing = 4,
     buffer_hashed = 8,
-    buffer_has_semaphore = 16,
 };
-enum : uint8_t { buffer_zero_fill = 1, buffer_in_flight = 2, buffer_has_thread = 4 }; // vfs_buffer::iostate
 
 enum : uint32_t { transfer_read = 0, transfer_write = 1, transfer_none = 2 };
 
@@ -86,14 +87,24 @@ struct vfs_queue {
     uint32_t count;
 };
 
-// One transfer between a buffer's area and the file.
+// One transfer between a buffer's area and the file. While it is under way it belongs to the engine: a server thread
+// touches nothing else.
 struct vfs_transfer {
     int descriptor;
     uint32_t operation; // transfer_...
     std::byte *area;
-    uint64_t length; // bytes asked for
-    uint64_t offset; // in the file
-    uint64_t moved;  // bytes transferred
+    uint64_t length;  // bytes asked for
+    uint64_t offset;  // in the file
+    uint64_t moved;   // bytes transferred
+    uint64_t retries; // system calls repeated
+    int error;        // 0: none
+    bool direct;      // past the page cache: behind a count that is no whole unit lies the end of the file
+    bool device;      // wait for it when it has nothing to give or to take
+    bool drop_behind; // the pages are not wanted afterwards
+    int status;       // of the kernel's queue (io/kernel_queue.h)
+    int64_t result;
+    aio_context_t context; // 0: none
+    iocb control;          // what the kernel was given
 };
 
 struct vfs_buffer {
@@ -112,7 +123,7 @@ struct vfs_buffer {
     uint64_t changed_from, changed_to; // changed byte range [from, to) in the file; empty when from >= to
     uint64_t opnum;                    // the handle's operation number when the block was read
     uint32_t opcode;                   // transfer_...
-    uint8_t state, rstate, flags2, iostate;
+    uint8_t state, rstate, flags2;
     uint32_t idled;   // 1 while on the idle list
     bool checked;     // the store verified the block since it was read; cleared by reset and by every read
     vfs_cache *cache; // owner
@@ -125,6 +136,8 @@ struct vfs_buffer {
     std::atomic<bool> cancelled;
     HashTable_Entry hash_entry; // the table's entry for this buffer
     vfs_transfer transfer;
+    const io_engine *at_work; // engine of the transfer under way, null when none is (io/io.h)
+    buffer_server *server;    // owned: the thread that performs this buffer's transfers, or null (io/servers.cc)
     clock_t timing_ticks;
     rusage timing_usage;
 };

@@ -4,7 +4,7 @@
 namespace {
 
 // The block of the position cached or being read; null when that would cost a block in use, or failed.
-vfs_buffer *prefetch_block(vfs_cache *cache, uint64_t position)
+vfs_buffer *prefetch_block(vfs_cache *cache, uint64_t position, awaited when)
 {
     if (cache->max <= 1 || (cache->bufftype == cache_data && cache->block_mask == none)) return nullptr;
     vfs_buffer *trigger = cache->curr != nullptr ? cache->curr : cache->lru_head;
@@ -19,7 +19,7 @@ vfs_buffer *prefetch_block(vfs_cache *cache, uint64_t position)
     ++cache->stats.prefetch;
     buffer->flags2 |= buffer_speculative;
     buffer_read_hint(buffer);
-    const bool failed = buffer_start_read(buffer) == -1;
+    const bool failed = buffer_start_read(buffer, when) == -1;
     if (buffer->done != 0) buffer->flags2 &= static_cast<uint8_t>(~buffer_speculative);
     if (!failed) return buffer;
     buffer_discard(buffer);
@@ -30,7 +30,7 @@ vfs_buffer *prefetch_block(vfs_cache *cache, uint64_t position)
 // reaching the last one starts the next batch.
 bool prefetch_of_batch(vfs_cache *cache, uint64_t position, uint32_t left)
 {
-    vfs_buffer *buffer = prefetch_block(cache, position);
+    vfs_buffer *buffer = prefetch_block(cache, position, awaited::later);
     if (buffer == nullptr) return false;
     if (left > 1) buffer->state |= buffer_ahead_started;
     return true;
@@ -101,7 +101,7 @@ int write_block(vfs_cache *cache, uint64_t position, bool behind)
 {
     if (cache_lookup(cache, position) == 0 || !is_dirty(cache->last_found)) return 0;
     vfs_buffer *buffer = cache->last_found;
-    if (buffer_start_write(buffer) == -1) return -1;
+    if (buffer_start_write(buffer, awaited::later) == -1) return -1;
     if (behind) buffer->state |= buffer_written_behind;
     return 0;
 }
@@ -117,10 +117,10 @@ vfs_buffer *fetch_ahead_at(vfs_cache *cache, const vfs_request *request, uint64_
     return buffer;
 }
 
-void cache_prefetch(vfs_cache *cache, uint64_t position)
+void cache_prefetch(vfs_cache *cache, uint64_t position, awaited when)
 {
     const int cause = errno;
-    (void)prefetch_block(cache, position);
+    (void)prefetch_block(cache, position, when);
     errno = cause;
 }
 

@@ -20,7 +20,7 @@ bool starts_writes_behind(const vfs_buffer *buffer)
 int write_behind(vfs_buffer *buffer)
 {
     if (!starts_writes_behind(buffer)) return 0;
-    if (buffer_start_write(buffer) == -1) return -1;
+    if (buffer_start_write(buffer, awaited::later) == -1) return -1;
     buffer->state |= buffer_written_behind;
     return 0;
 }

@@ -8,6 +8,7 @@
 #define VFS_CACHE_CACHE_H
 
 #include "buffer/buffer.h"
+#include "io/io.h"
 
 #include <cstring>
 
@@ -63,7 +64,7 @@ void cache_drop_block(vfs_cache *cache, uint64_t position);
 
 // Starts reading the block if it is not cached; never evicts `curr`, `wcurr` or a pinned block, and gives up when
 // nothing else is left. A failure is dropped: the fetch reports it.
-void cache_prefetch(vfs_cache *cache, uint64_t position);
+void cache_prefetch(vfs_cache *cache, uint64_t position, awaited when = awaited::later);
 
 // ---- The same on requests: the three entries that hosts reach, and the reads of the record operations ----
 
@@ -105,7 +106,9 @@ void cache_discard(vfs_cache *cache);
 void cache_discard_changes(vfs_cache *cache);
 // What is dirty, the header buffer included, has been written by other means: it is clean now.
 void cache_changes_written(vfs_cache *cache);
-int cache_cancel_reads(vfs_cache *cache, uint64_t from, uint64_t to);
+int cache_cancel_reads(vfs_cache *cache, uint64_t from, uint64_t to); // all of the cache, whatever the range
+// In a forked child: transfers under way belong to the parent.
+void cache_forget_transfers(vfs_cache *cache);
 
 // ---- The header buffer of the Meta cache ----
 

@@ -4,7 +4,6 @@
 #define VFS_CACHE_INTERNAL_H
 
 #include "cache/cache.h"
-#include "io/io.h"
 #include "util/errors.h"
 
 // Whether a buffer is wanted for a block that is needed, or for one that may be.

@@ -79,7 +79,7 @@ int cache_write_dirty(vfs_cache *cache, uint64_t from, uint64_t to)
     for_each_queued(&cache->dirty_queue, [&](vfs_buffer *buffer) {
         if (!overlaps(buffer, from, to)) return;
         ++cache->stats.flush;
-        all.add(buffer_start_write(buffer) == 0);
+        all.add(buffer_start_write(buffer, awaited::later) == 0);
     });
     return all.result();
 }
@@ -126,8 +126,8 @@ int cache_invalidate(vfs_cache *cache, uint64_t from, uint64_t to)
     if (cache->dirty_queue.count != 0) all.add_failure(cache_write_dirty(cache, from, to) == -1);
     if (cache->pending_reads != 0) all.add_failure(cache_cancel_reads(cache, from, to) == -1);
     if (cache->pending_writes != 0) all.add_failure(cache_wait_writes(cache, from, to) == -1);
-    const bool whole = from == 0 && to == none;
-    if (whole || cache->hash == nullptr || cache->block_mask == none)
+    const bool more_than_cached = (to - from) / cache->block_size >= cache->lru_count;
+    if (more_than_cached || cache->hash == nullptr || cache->block_mask == none)
         release_list(cache, from, to, &all);
     else
         release_by_probes(cache, from, to, &all);
@@ -163,13 +163,18 @@ void cache_changes_written(vfs_cache *cache)
 
 int cache_cancel_reads(vfs_cache *cache, uint64_t, uint64_t)
 {
+    for (vfs_buffer *buffer = cache->read_queue.head; buffer != nullptr; buffer = buffer->qnext) buffer_cancel(buffer);
     outcome all;
     while (cache->read_queue.head != nullptr) {
         vfs_buffer *buffer = cache->read_queue.head;
-        buffer->cancelled.store(true, std::memory_order_relaxed);
-        ++cache->stats.cancel;
         (void)buffer_wait(buffer); // nobody wanted its bytes
         all.add_failure(buffer_release(buffer) == -1);
     }
     return all.result();
+}
+
+void cache_forget_transfers(vfs_cache *cache)
+{
+    while (cache->read_queue.head != nullptr) buffer_forget_transfer(cache->read_queue.head);
+    while (cache->write_queue.head != nullptr) buffer_forget_transfer(cache->write_queue.head);
 }

@@ -50,7 +50,6 @@ void buffer_reset(vfs_buffer *buffer)
     buffer->size = cache->block_size;
     buffer->error = 0;
     buffer->checked = false;
-    buffer->iostate &= static_cast<uint8_t>(~buffer_in_flight);
     buffer->cancelled.store(false, std::memory_order_relaxed);
     buffer->mask = cache->block_mask;
     buffer->readahead = cache->readahead;
@@ -181,7 +180,6 @@ vfs_buffer *buffer_alloc(vfs_cache *cache)
     buffer->writebehind = cache->writebehind;
     buffer->engine = cache->engine;
     if ((cache->flags & cache_drop_behind) != 0) buffer->state |= buffer_drop_behind;
-    if ((cache->flags & cache_zero_fill) != 0) buffer->iostate |= buffer_zero_fill;
     if ((cache->engine & engine_mmap) == 0) {
         buffer->area = buffer->data = area_alloc(cache, buffer->size);
         if (buffer->area == nullptr) {
@@ -192,6 +190,7 @@ vfs_buffer *buffer_alloc(vfs_cache *cache)
     buffer_reset(buffer);
     ++cache->count;
     idle_push_tail(buffer);
+    if ((cache->mode & cache_threads) != 0 && cache->count <= cache->max) server_start(buffer);
     return buffer;
 }
 
@@ -201,6 +200,7 @@ void buffer_free(vfs_buffer *buffer)
     if (buffer->cache->last_found == buffer) buffer->cache->last_found = nullptr;
     list_unlink(buffer);
     --buffer->cache->count;
+    server_stop(buffer);
     std::free(buffer->area);
     std::free(buffer);
 }

@@ -27,13 +27,18 @@ void settle_counts(vfs_cache *cache)
     if (cache->preread_count > 1) cache->preread_count = 1;
 }
 
+// Server threads are for record bytes; index blocks come one at a time.
 void settle_engine(vfs_cache *cache)
 {
-    cache->engine &= static_cast<uint8_t>(~engine_direct);
-    if ((cache->file->mode_flags & mode_direct) != 0) cache->engine |= engine_direct;
-    if ((cache->file->mode_flags & mode_mapped) != 0) cache->engine |= engine_mmap;
+    const uint8_t modes = cache->file->mode_flags;
+    cache->engine &= engine_fifo | engine_socket;
+    if ((modes & mode_direct) != 0) cache->engine |= engine_direct;
+    if ((modes & mode_mapped) != 0) cache->engine |= engine_mmap;
+    if ((modes & mode_asynchronous) != 0) cache->engine |= engine_aio;
+    cache->mode = 0;
+    if ((modes & mode_threads) != 0 && cache->bufftype == cache_data && cache->max > 1) cache->mode |= cache_threads;
+    if ((modes & mode_asynchronous) == 0 && (cache->mode & cache_threads) == 0) cache->mode |= cache_synchronous;
     cache->mmap_base = cache->file->map_base;
-    if (!starts_asynchronously(cache)) cache->mode |= cache_synchronous;
 }
 
 // Whether no further block lies in the direction of the pre-read.
@@ -140,7 +145,6 @@ int cache_close(vfs_cache *cache)
     hash_close(cache);
     while (cache->idle_head != nullptr) buffer_free(cache->idle_head);
     cache_header_free(cache);
-    cache->state &= static_cast<uint8_t>(~cache_has_threads);
     cache->curr = cache->wcurr = cache->last_found = nullptr;
     cache->pending_reads = cache->pending_writes = 0;
     cache->miss = 0;

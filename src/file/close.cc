@@ -117,10 +117,19 @@ void free_memory(vfs_file *file)
     std::free(file);
 }
 
+void transfers_forget(vfs_file *file)
+{
+    cache_forget_transfers(&file->data);
+    cache_forget_transfers(&file->meta);
+    for (uint64_t key = 0; file->contexts != nullptr && key < file->tree_count; ++key)
+        cache_forget_transfers(&file->contexts[key].cache);
+}
+
 // In a forked child the file belongs to the parent: memory is given back, nothing else is touched.
 void release_inherited(vfs_file *file)
 {
     file->debug = false;
+    transfers_forget(file);
     changes_drop(file);
     caches_close(file);
     unmap(file);

@@ -268,6 +268,9 @@ void choose_engines(vfs_file *file)
         file->open_flags |= O_DIRECT;
         file->setup_flags = static_cast<uint8_t>(file->setup_flags & ~setup_caching);
     }
+    // Sharers write and read between two locks: nothing may be under way when they give one up.
+    if (!is_shared(file) && file->settings.asynchronous_io) file->mode_flags |= mode_asynchronous;
+    if (!is_shared(file) && file->settings.io_threads == tri_state::on) file->mode_flags |= mode_threads;
     if (!file->settings.caching && file->debug) std::fprintf(stderr, "No caching...\n");
     file->preallocates = !is_shared(file) && !is_read_only(file);
 }
@@ -521,7 +524,7 @@ void map_file(vfs_file *file)
     }
     file->map_base = static_cast<std::byte *>(at);
     file->map_length = file->size_at_open;
-    file->mode_flags |= mode_mapped;
+    file->mode_flags = static_cast<uint8_t>((file->mode_flags & ~(mode_asynchronous | mode_threads)) | mode_mapped);
 }
 
 // ---- The Data cache, and where the file stands ----

@@ -1,5 +1,6 @@
 // The life of a transfer: started, waited for, completed; which engine performs it; which bytes a write carries.
 // May use buffer/ for queues and states; must not know which block is wanted or why, nor how an engine works.
+#include "io/file_calls.h"
 #include "io/io.h"
 #include "util/errors.h"
 
@@ -47,18 +48,9 @@ void clear_padding(vfs_buffer *buffer, const byte_range &range)
     std::memset(buffer->data + buffer->bytes, 0, range.to - valid_to);
 }
 
-void count_pending(vfs_cache *cache, uint32_t &pending, int change)
-{
-    const auto by = static_cast<uint32_t>(change);
-    if ((cache->state & cache_has_threads) != 0)
-        __atomic_add_fetch(&pending, by, __ATOMIC_RELAXED);
-    else
-        pending += by;
-}
-
 void take_off_flight(vfs_buffer *buffer)
 {
-    buffer->iostate &= static_cast<uint8_t>(~buffer_in_flight);
+    buffer->at_work = nullptr;
     buffer->done = 1;
     queue_remove(buffer);
 }
@@ -104,14 +96,30 @@ int read_complete(vfs_buffer *buffer)
     }
     buffer->state &= static_cast<uint8_t>(~buffer_ahead_started);
     take_off_flight(buffer);
-    count_pending(buffer->cache, buffer->cache->pending_reads, -1);
+    --buffer->cache->pending_reads;
     return result_of(buffer);
+}
+
+void report_failed_write(const vfs_buffer *buffer)
+{
+    if (!buffer->file->debug) return;
+    const auto error = static_cast<int>(buffer->error);
+    if (!is_mapped(buffer)) {
+        fprintf(stderr, "I/O Write Error 3 (short) %ld vs %ld @0x%lx: %d %s\n",
+                static_cast<long>(buffer->transfer.moved), static_cast<long>(buffer->transfer.length),
+                buffer->transfer.offset, error, strerror(error));
+    }
+    fprintf(stderr, "I/O Write Error %p @0x%lx: %d %s\n", static_cast<const void *>(buffer), buffer->offset, error,
+            strerror(error));
+    fprintf(stderr, "*** %s ***\n", "error");
 }
 
 int write_complete(vfs_buffer *buffer)
 {
     take_off_flight(buffer);
-    count_pending(buffer->cache, buffer->cache->pending_writes, -1);
+    --buffer->cache->pending_writes;
+    if (buffer->file->map_base != nullptr && !is_mapped(buffer) && buffer->transfer.moved > 0)
+        buffer->file->positioned_writes = true;
     if (buffer->error == 0) {
         buffer->cache->stats.bytes_written += buffer->transfer.moved;
         buffer->state &= static_cast<uint8_t>(~buffer_end_of_data);
@@ -120,16 +128,36 @@ int write_complete(vfs_buffer *buffer)
     }
     dirty_add(buffer); // the change is not lost: whoever writes it next may have more luck
     record_error(buffer->cache, static_cast<int>(buffer->error));
-    if (buffer->file->debug) {
-        fprintf(stderr, "I/O Write Error %p @0x%lx: %d %s\n", static_cast<void *>(buffer), buffer->offset,
-                static_cast<int>(buffer->error), strerror(static_cast<int>(buffer->error)));
-        fprintf(stderr, "*** %s ***\n", "error");
-    }
+    report_failed_write(buffer);
     return result_of(buffer);
+}
+
+// Some file systems take O_DIRECT at open and refuse every transfer: go on through the page cache.
+void drop_direct(vfs_buffer *buffer)
+{
+    vfs_transfer &transfer = buffer->transfer;
+    if (transfer.error != EINVAL || !transfer.direct) return;
+    const int flags = fcntl(transfer.descriptor, F_GETFL);
+    if (flags == -1 || fcntl(transfer.descriptor, F_SETFL, flags & ~O_DIRECT) == -1) return;
+    buffer->engine &= static_cast<uint8_t>(~engine_direct);
+    buffer->cache->engine &= static_cast<uint8_t>(~engine_direct);
+    buffer->file->mode_flags &= static_cast<uint8_t>(~mode_direct);
+    transfer.direct = false;
+    transfer.error = 0;
+    transfer_perform(&transfer);
+}
+
+// What the engine left in the transfer becomes the buffer's and the cache's.
+void take_outcome(vfs_buffer *buffer)
+{
+    drop_direct(buffer);
+    buffer->error = static_cast<uint32_t>(buffer->transfer.error);
+    buffer->cache->stats.retries += buffer->transfer.retries;
 }
 
 int complete(vfs_buffer *buffer)
 {
+    take_outcome(buffer);
     switch (buffer->transfer.operation) {
     case transfer_read: return read_complete(buffer);
     case transfer_write: return write_complete(buffer);
@@ -142,39 +170,76 @@ int complete(vfs_buffer *buffer)
     }
 }
 
-int start(vfs_buffer *buffer)
+// Past the file size limit the kernel would not only refuse the write but kill the host with SIGXFSZ.
+bool passes_limit(const vfs_buffer *buffer)
 {
-    const io_engine &engine = engine_of(buffer);
-    if (engine.asynchronous) {
-        buffer->iostate |= buffer_in_flight;
-        ++buffer->cache->stats.async;
-        engine.start(buffer);
-        return 0;
-    }
-    if (!buffer->file->debug) {
-        engine.start(buffer);
-        return complete(buffer);
-    }
-    timing_start(buffer);
-    engine.start(buffer);
-    timing_stop(buffer);
-    return complete(buffer);
+    const vfs_transfer &transfer = buffer->transfer;
+    return transfer.operation == transfer_write && is_regular(buffer->file) && !is_mapped(buffer) &&
+           transfer.offset + transfer.length > buffer->cache->write_limit;
 }
 
-void prepare(vfs_buffer *buffer, uint32_t operation, const byte_range &range)
+void report_refusal(const vfs_buffer *buffer)
 {
+    const int error = buffer->transfer.error;
+    if (!buffer->file->debug || error == EFBIG || error == EOVERFLOW || error == ECANCELED) return;
+    const bool reads = buffer->transfer.operation == transfer_read;
+    fprintf(stderr, "AIO %s Error %p @0x%lx: %d %s\n", reads ? "Read" : "Write", static_cast<const void *>(buffer),
+            buffer->offset, error, strerror(error));
+    if (!reads) fprintf(stderr, "*** %s ***\n", "oops");
+}
+
+// Whether the transfer is under way; else it has ended.
+bool begin(vfs_buffer *buffer, const io_engine &engine)
+{
+    const bool timed = &engine == &sync_engine && buffer->file->debug;
+    if (timed) timing_start(buffer);
+    const bool under_way = engine.start(buffer);
+    if (timed) timing_stop(buffer);
+    if (&engine != &sync_engine) ++buffer->cache->stats.async;
+    if (&engine == &kernel_engine && buffer->transfer.status != 0 && buffer->transfer.error != 0)
+        report_refusal(buffer);
+    return under_way;
+}
+
+int start(vfs_buffer *buffer, const io_engine &engine)
+{
+    if (passes_limit(buffer)) {
+        buffer->transfer.error = EFBIG;
+        return complete(buffer);
+    }
+    if (!begin(buffer, engine)) return complete(buffer);
+    buffer->at_work = &engine;
+    return 0;
+}
+
+// The hint about pages that are not wanted afterwards is given once.
+bool takes_drop_behind(vfs_buffer *buffer, uint32_t operation, const io_engine &engine)
+{
+    if ((buffer->state & buffer_drop_behind) == 0 || (buffer->engine & engine_direct) != 0) return false;
+    if (&engine == &kernel_engine || (is_mapped(buffer) && operation == transfer_read)) return false;
+    buffer->state &= static_cast<uint8_t>(~buffer_drop_behind);
+    return true;
+}
+
+void prepare(vfs_buffer *buffer, uint32_t operation, const byte_range &range, const io_engine &engine)
+{
+    assert(buffer->at_work == nullptr);
     buffer->error = 0;
     buffer->flags2 &= static_cast<uint8_t>(~buffer_timing);
-    buffer->iostate &= static_cast<uint8_t>(~buffer_in_flight);
     buffer->cancelled.store(false, std::memory_order_relaxed);
     buffer->done = 0;
     buffer->opcode = operation;
-    buffer->transfer = {.descriptor = operation == transfer_read ? buffer->rfd : buffer->wfd,
-                        .operation = operation,
-                        .area = buffer->data + (range.from - buffer->offset),
-                        .length = range.to - range.from,
-                        .offset = range.from,
-                        .moved = 0};
+    vfs_transfer &transfer = buffer->transfer;
+    transfer.descriptor = operation == transfer_read ? buffer->rfd : buffer->wfd;
+    transfer.operation = operation;
+    transfer.area = buffer->data + (range.from - buffer->offset);
+    transfer.length = range.to - range.from;
+    transfer.offset = range.from;
+    transfer.moved = transfer.retries = 0;
+    transfer.error = transfer.status = 0;
+    transfer.direct = (buffer->engine & engine_direct) != 0;
+    transfer.device = !is_regular(buffer->file);
+    transfer.drop_behind = takes_drop_behind(buffer, operation, engine);
 }
 
 // With a write-behind depth of one, the neighbour toward the tail finishes first.
@@ -196,14 +261,12 @@ void skip_write(vfs_buffer *buffer)
 
 } // namespace
 
-const io_engine &engine_of(const vfs_buffer *)
+const io_engine &engine_for(const vfs_buffer *buffer, awaited when)
 {
-    return sync_engine;
-}
-
-bool starts_asynchronously(const vfs_cache *)
-{
-    return sync_engine.asynchronous;
+    if (when == awaited::at_once || is_mapped(buffer)) return sync_engine;
+    if (buffer->server != nullptr) return server_engine;
+    const bool synchronous = (buffer->cache->mode & cache_synchronous) != 0;
+    return synchronous || (buffer->flags2 & buffer_no_context) != 0 ? sync_engine : kernel_engine;
 }
 
 void record_error(vfs_cache *cache, int error)
@@ -212,19 +275,20 @@ void record_error(vfs_cache *cache, int error)
     store_error(cache->file, error);
 }
 
-int buffer_start_read(vfs_buffer *buffer)
+int buffer_start_read(vfs_buffer *buffer, awaited when)
 {
     assert(buffer->queue == nullptr && buffer->done != 0 && buffer->data != nullptr);
-    prepare(buffer, transfer_read, {buffer->offset, buffer->end + 1});
+    const io_engine &engine = engine_for(buffer, when);
+    prepare(buffer, transfer_read, {buffer->offset, buffer->end + 1}, engine);
     buffer->bytes = 0;
     buffer->valid_end = buffer->offset - 1;
     buffer->checked = false;
     queue_append(&buffer->cache->read_queue, buffer);
-    count_pending(buffer->cache, buffer->cache->pending_reads, 1);
-    return start(buffer);
+    ++buffer->cache->pending_reads;
+    return start(buffer, engine);
 }
 
-int buffer_start_write(vfs_buffer *buffer)
+int buffer_start_write(vfs_buffer *buffer, awaited when)
 {
     const byte_range range = range_to_write(buffer);
     if (!is_dirty(buffer) || buffer->bytes == 0 || range.from >= range.to) {
@@ -240,21 +304,50 @@ int buffer_start_write(vfs_buffer *buffer)
     if (wait_for_neighbour(buffer) == -1) return -1;
     if (cache->wcurr == buffer) cache->wcurr = nullptr;
     queue_remove(buffer); // keeps the range, for a write that fails
-    prepare(buffer, transfer_write, range);
+    const io_engine &engine = engine_for(buffer, when);
+    prepare(buffer, transfer_write, range, engine);
     buffer->file->modified = buffer->file->unsynced = true;
     queue_append(&cache->write_queue, buffer);
-    count_pending(cache, cache->pending_writes, 1);
-    return start(buffer);
+    ++cache->pending_writes;
+    return start(buffer, engine);
 }
 
 int buffer_wait(vfs_buffer *buffer)
 {
     if (buffer->done != 0) return result_of(buffer);
-    ++buffer->cache->stats.wait;
-    if (buffer->file->debug) timing_start(buffer);
-    engine_of(buffer).wait(buffer);
+    const io_engine &engine = *buffer->at_work;
+    if (!engine.ended(buffer)) {
+        ++buffer->cache->stats.wait;
+        if (buffer->file->debug) timing_start(buffer);
+    }
+    engine.wait(buffer);
     timing_stop(buffer);
     return complete(buffer);
+}
+
+void buffer_cancel(vfs_buffer *buffer)
+{
+    if (buffer->cancelled.load(std::memory_order_relaxed)) return;
+    if (buffer->at_work == &kernel_engine) {
+        if (kernel_engine.ended(buffer)) return;
+        if (buffer->file->debug) {
+            fprintf(stderr, "cancelling AIO read @0x%lx  total=%ld\n", buffer->offset,
+                    static_cast<long>(buffer->transfer.length));
+        }
+    }
+    buffer->cancelled.store(true, std::memory_order_relaxed);
+    ++buffer->cache->stats.cancel;
+}
+
+void buffer_forget_transfer(vfs_buffer *buffer)
+{
+    if (buffer->done != 0) return;
+    vfs_cache *cache = buffer->cache;
+    --(buffer->transfer.operation == transfer_read ? cache->pending_reads : cache->pending_writes);
+    take_off_flight(buffer);
+    buffer->bytes = 0;
+    buffer->valid_end = buffer->offset - 1;
+    buffer->changed_from = buffer->changed_to = 0;
 }
 
 int buffer_read_rest(vfs_buffer *buffer)
@@ -262,16 +355,25 @@ int buffer_read_rest(vfs_buffer *buffer)
     assert(buffer->done != 0);
     if (buffer->bytes >= buffer->size) return 0;
     const uint64_t valid_to = buffer->offset + buffer->bytes;
-    prepare(buffer, transfer_read, {valid_to, buffer->end + 1});
+    prepare(buffer, transfer_read, {valid_to, buffer->end + 1}, sync_engine);
+    vfs_transfer &transfer = buffer->transfer;
     buffer->checked = false;
-    sync_engine.start(buffer);
+    if (transfer.direct && !is_mapped(buffer)) { // it begins anywhere
+        const int64_t count = file_read_at(buffer->file, transfer.area, transfer.length, transfer.offset);
+        transfer.moved = count == -1 ? 0 : static_cast<uint64_t>(count);
+        transfer.error = count == -1 ? errno : 0;
+        transfer.direct = false;
+    } else {
+        (void)sync_engine.start(buffer);
+    }
+    take_outcome(buffer);
     buffer->done = 1;
     if (buffer->error != 0) {
         record_error(buffer->cache, static_cast<int>(buffer->error));
         return result_of(buffer);
     }
-    buffer->cache->stats.bytes_read += buffer->transfer.moved;
-    buffer->bytes += buffer->transfer.moved;
+    buffer->cache->stats.bytes_read += transfer.moved;
+    buffer->bytes += transfer.moved;
     buffer->valid_end = buffer->offset + buffer->bytes - 1;
     return 0;
 }

@@ -54,7 +54,7 @@ int context_open(vfs_file *file, uint64_t key)
     context.open = true;
     // Every search begins here. A failure is the failure of the search.
     const uint64_t root = key_entry_get(file, key, key_entry_root);
-    if (root != 0) cache_prefetch(cache, root);
+    if (root != 0) cache_prefetch(cache, root, awaited::at_once);
     return 0;
 }
 

@@ -34,7 +34,9 @@ void read_ahead(const index_tree &tree, uint64_t from, tree_place place, bool fo
     const vfs_buffer *leaf = node_fetch(tree, place.node);
     if (leaf == nullptr) return;
     const uint64_t beyond = node_get(leaf, forward ? node_right : node_left);
-    if (beyond != 0 && address_check(tree.file, beyond, index_block_bytes) == 0) cache_prefetch(tree.cache(), beyond);
+    const bool aligned = beyond % metadata_unit == 0;
+    if (beyond != 0 && aligned && address_check(tree.file, beyond, index_block_bytes) == 0)
+        cache_prefetch(tree.cache(), beyond);
 }
 
 // The cursor of the file position, when it still stands where its identity says: node none when it does not.

@@ -1,0 +1,247 @@
+// Transfers that go on while the caller does something else: read ahead, written behind and flushed through the
+// kernel's queue, by server threads, and by threads that use the queue, through the page cache and past it.
+#include "cache_fixture.h"
+#include "util/process.h"
+
+#include <dirent.h>
+#include <sys/wait.h>
+
+namespace {
+
+struct engine_choice {
+    const char *name;
+    uint8_t modes;
+    const io_engine *expected;
+};
+
+const engine_choice choices[] = {{"Queue", mode_asynchronous, &kernel_engine},
+                                 {"Threads", mode_threads, &server_engine},
+                                 {"ThreadsWithQueue", mode_asynchronous | mode_threads, &server_engine}};
+
+size_t threads_of_process()
+{
+    size_t count = 0;
+    DIR *folder = opendir("/proc/self/task");
+    while (const dirent *entry = readdir(folder)) count += entry->d_name[0] != '.' ? 1 : 0;
+    closedir(folder);
+    return count;
+}
+
+} // namespace
+
+class Engine : public CacheTest, public testing::WithParamInterface<std::tuple<engine_choice, bool>> {
+protected:
+    void SetUp() override
+    {
+        CacheTest::SetUp();
+        file.mode_flags |= std::get<0>(GetParam()).modes;
+        if (!std::get<1>(GetParam())) return;
+        const int direct = open(path.c_str(), O_RDWR | O_CLOEXEC | O_DIRECT);
+        if (direct == -1) GTEST_SKIP() << "no direct I/O here";
+        close(file.fd);
+        file.fd = direct;
+        file.mode_flags |= mode_direct;
+    }
+    const io_engine *expected() const { return std::get<0>(GetParam()).expected; }
+};
+
+INSTANTIATE_TEST_SUITE_P(All, Engine, testing::Combine(testing::ValuesIn(choices), testing::Bool()),
+                         [](const auto &chosen) {
+                             return std::string{std::get<0>(chosen.param).name} +
+                                    (std::get<1>(chosen.param) ? "Direct" : "Cached");
+                         });
+
+TEST_P(Engine, BlocksReadAheadAreUnderWayAndThenRight)
+{
+    fill(10);
+    set_up(&data, 4, 4);
+    data.readahead = 3;
+    vfs_request request{};
+    request.mode = VFS_POS_NEXT;
+    request.operation = VFS_OP_READ;
+    ASSERT_EQ(cache_fetch_ahead(&data, &request), 0);
+    check();
+    EXPECT_EQ(data.stats.async, 3U) << "the block asked for is awaited at once, the others are not";
+    EXPECT_EQ(data.pending_reads, 3U);
+    for (const vfs_buffer *buffer = data.read_queue.head; buffer != nullptr; buffer = buffer->qnext)
+        EXPECT_EQ(buffer->at_work, expected());
+    for (uint64_t k = 0; k < 10; ++k) {
+        request.record_offset = k * block + 1;
+        ASSERT_EQ(cache_fetch_ahead(&data, &request), 0);
+        check();
+        EXPECT_EQ(static_cast<char>(data.curr->data[block - 1]), static_cast<char>('a' + k));
+        EXPECT_EQ(data.curr->bytes, block);
+    }
+    EXPECT_EQ(data.miss, 10U);
+    EXPECT_EQ(data.stats.prefetch, 9U);
+    EXPECT_EQ(data.stats.bytes_read, 10 * block);
+}
+
+TEST_P(Engine, FullBlockIsWrittenBehindTheWriterOnce)
+{
+    set_up(&data, 4, 4);
+    data.writebehind = 3;
+    ASSERT_EQ(write(0, std::string(3 * block, 'w')), static_cast<int64_t>(3 * block));
+    EXPECT_EQ(data.stats.async, 3U);
+    file.end_of_file = 3 * block;
+    EXPECT_EQ(read(10, 4), "wwww") << "the image of a block is good while it is being written";
+    ASSERT_EQ(write(5, "again"), 5) << "changed only when the write is over";
+    EXPECT_EQ(on_disk(0, 12), "wwwwwwwwwwww");
+    ASSERT_EQ(write(block - 1, "x"), 1);
+    EXPECT_EQ(data.stats.async, 3U) << "written behind once, whatever comes later";
+    ASSERT_EQ(cache_write_out(&data, 0, none), 0);
+    check();
+    EXPECT_EQ(data.pending_writes, 0U);
+    EXPECT_EQ(on_disk(0, 12), "wwwwwagainww");
+    EXPECT_EQ(data.stats.spill, 0U);
+    EXPECT_EQ(on_disk(3 * block - 1, 5).substr(0, 1), "w");
+}
+
+TEST_P(Engine, DepthOfOneWritesOneBlockAtATime)
+{
+    set_up(&data, 4, 4);
+    for (vfs_buffer *buffer = data.idle_head; buffer != nullptr; buffer = buffer->next) buffer->writebehind = 1;
+    data.writebehind = 1;
+    for (uint64_t k = 0; k < 4; ++k) {
+        ASSERT_EQ(write(k * block, std::string(block, 'o')), static_cast<int64_t>(block));
+        EXPECT_LE(data.pending_writes, 1U);
+    }
+    ASSERT_EQ(cache_write_out(&data, 0, none), 0);
+    EXPECT_EQ(size_on_disk(), 4 * block);
+}
+
+TEST_P(Engine, FlushStartsEveryWriteBeforeItWaits)
+{
+    fill(4);
+    set_up(&data, 4, 4);
+    for (uint64_t k = 0; k < 4; ++k) ASSERT_EQ(write(k * block + 100, "flushed"), 7);
+    EXPECT_EQ(cache_write_dirty(&data, 0, none), 4);
+    check();
+    EXPECT_EQ(data.pending_writes, 4U);
+    EXPECT_EQ(cache_wait_writes(&data, 0, none), 4);
+    check();
+    for (uint64_t k = 0; k < 4; ++k) EXPECT_EQ(on_disk(k * block + 100, 7), "flushed");
+}
+
+TEST_P(Engine, CancelledReadsCountAsNothingReadAndCloseWaits)
+{
+    fill(6);
+    set_up(&data, 4, 4);
+    cache_prefetch(&data, 0);
+    cache_prefetch(&data, block);
+    EXPECT_EQ(cache_invalidate(&data, 5 * block, none), 0) << "reads anywhere are given up";
+    check();
+    EXPECT_EQ(data.pending_reads, 0U);
+    EXPECT_FALSE(cached(&data, 0));
+    EXPECT_EQ(read(0, 3), "aaa");
+    cache_prefetch(&data, 3 * block);
+    EXPECT_EQ(cache_close(&data), 0);
+    EXPECT_EQ(data.count, 0U);
+}
+
+TEST_P(Engine, FailedReadAheadIsReportedByTheFetchThatNeedsIt)
+{
+    fill(4);
+    set_up(&data, 2, 2);
+    const int wrong = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    data.idle_head->rfd = wrong;
+    cache_prefetch(&data, block);
+    check();
+    EXPECT_EQ(file.error, 0U);
+    EXPECT_EQ(cache_fetch_at(&data, block), nullptr);
+    EXPECT_EQ(errno, EBADF);
+    check();
+    EXPECT_EQ(file.error, static_cast<uint32_t>(EBADF));
+    close(wrong);
+}
+
+TEST_P(Engine, FailedWriteBehindIsKeptAndReported)
+{
+    fill(2);
+    set_up(&data, 2, 2);
+    data.writebehind = 1;
+    const int wrong = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    data.idle_head->wfd = wrong;
+    testing::internal::CaptureStderr();
+    (void)write(0, std::string(block, 'f'));
+    EXPECT_EQ(cache_write_out(&data, 0, none), -1);
+    (void)testing::internal::GetCapturedStderr();
+    check();
+    EXPECT_EQ(file.error, static_cast<uint32_t>(EBADF));
+    vfs_buffer *buffer = data.dirty_queue.head;
+    ASSERT_NE(buffer, nullptr) << "the change is not lost";
+    buffer->wfd = file.fd;
+    EXPECT_EQ(cache_write_out(&data, 0, none), 0);
+    EXPECT_EQ(on_disk(0, 3), "fff");
+    close(wrong);
+}
+
+TEST_P(Engine, EndOfFileInsideABlockIsReadRight)
+{
+    fill(2);
+    change_on_disk(2 * block, "tail");
+    file.end_of_file += 4;
+    set_up(&data, 4, 4);
+    cache_prefetch(&data, 2 * block);
+    EXPECT_EQ(read(2 * block, 100), "tail");
+    EXPECT_EQ(data.curr->bytes, 4U);
+    EXPECT_NE(data.curr->state & buffer_end_of_data, 0);
+    EXPECT_EQ(static_cast<char>(data.curr->data[4]), '\0');
+    EXPECT_NE(fcntl(file.fd, F_GETFL) & O_DIRECT, std::get<1>(GetParam()) ? 0 : O_DIRECT) << "still direct";
+}
+
+TEST_P(Engine, ForkedChildLeavesTransfersToItsParent)
+{
+    ASSERT_EQ(process_generation_watch(), 0);
+    fill(4);
+    set_up(&data, 4, 4);
+    cache_prefetch(&data, block);
+    ASSERT_EQ(write(0, std::string(block, 'p')), static_cast<int64_t>(block));
+    ASSERT_EQ(cache_write_dirty(&data, 0, none), 1);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(20);
+        cache_forget_transfers(&data);
+        cache_discard(&data);
+        _exit(cache_close(&data) == 0 && data.count == 0 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(read(block, 1), "b");
+    EXPECT_EQ(cache_write_out(&data, 0, none), 0);
+    EXPECT_EQ(on_disk(block - 1, 2), "pb");
+}
+
+class Servers : public CacheTest {};
+
+TEST_F(Servers, EachDataBufferHasAThreadAndNoneOutlivesItsBuffer)
+{
+    const size_t before = threads_of_process();
+    fill(8);
+    file.mode_flags |= mode_threads;
+    set_up(&data, 4, 4);
+    set_up(&index, 4, 4);
+    for (uint64_t k = 0; k < 4; ++k) ASSERT_NE(cache_fetch_at(&data, k * block), nullptr);
+    ASSERT_NE(cache_fetch_at(&index, 0), nullptr);
+    EXPECT_EQ(threads_of_process(), before + 4) << "index blocks come one at a time";
+    {
+        std::vector<pinned_buffer> pins;
+        for (vfs_buffer *buffer = data.lru_head; buffer != nullptr; buffer = buffer->next) pins.emplace_back(buffer);
+        ASSERT_NE(cache_fetch_at(&data, 6 * block), nullptr);
+        EXPECT_EQ(data.count, 5U);
+        EXPECT_EQ(threads_of_process(), before + 4) << "a buffer above the maximum has none";
+    }
+    ASSERT_EQ(cache_close(&data), 0);
+    EXPECT_EQ(threads_of_process(), before);
+}
+
+TEST_F(Servers, OneBufferNeedsNone)
+{
+    const size_t before = threads_of_process();
+    fill(2);
+    file.mode_flags |= mode_threads;
+    set_up(&data, 1, 1);
+    EXPECT_EQ(read(0, 1), "a");
+    EXPECT_EQ(threads_of_process(), before);
+}
