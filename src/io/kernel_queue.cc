@@ -179,7 +179,10 @@ int lio_listio(int mode, vfs_transfer *transfer)
     case transfer_write:
         if (aio_write(transfer) == -1) return -1;
         break;
-    case transfer_none: transfer->status = 0; transfer->result = 0; return 0;
+    case transfer_none:
+        transfer->status = 0;
+        transfer->result = 0;
+        return 0;
     default: return fail(EINVAL);
     }
     if (mode == lio_no_wait) return 0;

@@ -45,15 +45,13 @@ void pause_briefly()
 int take_post(sem_t *semaphore, const char *place)
 {
     int result;
-    do
-        result = sem_trywait(semaphore);
+    do result = sem_trywait(semaphore);
     while (result == -1 && errno == EINTR);
     if (result == 0) return 0;
     const char *call = "sem_trywait";
     if (errno == EAGAIN) {
         call = "sem_wait";
-        do
-            result = sem_wait(semaphore);
+        do result = sem_wait(semaphore);
         while (result == -1 && (errno == EINTR || errno == EAGAIN || errno == ETIMEDOUT));
         if (result == 0) return 0;
     }

@@ -32,9 +32,8 @@ ssize_t move_some(vfs_transfer *transfer)
     std::byte *area = transfer->area + transfer->moved;
     const auto offset = static_cast<off_t>(transfer->offset + transfer->moved);
     return retry_call(&transfer->retries, [&] {
-        const ssize_t result = transfer->operation == transfer_read
-                                   ? pread(transfer->descriptor, area, bytes, offset)
-                                   : pwrite(transfer->descriptor, area, bytes, offset);
+        const ssize_t result = transfer->operation == transfer_read ? pread(transfer->descriptor, area, bytes, offset)
+                                                                    : pwrite(transfer->descriptor, area, bytes, offset);
         if (result == -1 && errno == EAGAIN && transfer->device) wait_for_device(transfer);
         return result;
     });
