@@ -34,7 +34,8 @@ void settle_engine(vfs_cache *cache)
     cache->engine &= engine_fifo | engine_socket;
     if ((modes & mode_direct) != 0) cache->engine |= engine_direct;
     if ((modes & mode_mapped) != 0) cache->engine |= engine_mmap;
-    if ((modes & mode_asynchronous) != 0) cache->engine |= engine_aio;
+    const bool queue = (modes & mode_direct) != 0 || cache->file->settings.queue_asked;
+    if ((modes & mode_asynchronous) != 0 && queue) cache->engine |= engine_aio;
     cache->mode = 0;
     if ((modes & mode_threads) != 0 && cache->bufftype == cache_data && cache->max > 1) cache->mode |= cache_threads;
     if ((modes & mode_asynchronous) == 0 && (cache->mode & cache_threads) == 0) cache->mode |= cache_synchronous;

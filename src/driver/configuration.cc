@@ -40,6 +40,7 @@ void parse_mapping(const char *value, open_settings *out)
 void parse_asynchronous(const char *value, open_settings *out)
 {
     out->asynchronous_io = on_unless_zero(value);
+    out->queue_asked = value != nullptr && out->asynchronous_io;
 }
 void parse_direct(const char *value, open_settings *out)
 {

@@ -18,9 +18,10 @@ struct io_engine {
     bool (*ended)(vfs_buffer *buffer); // a look, without waiting
     void (*wait)(vfs_buffer *buffer);  // returns when it has ended
 };
-extern const io_engine sync_engine;                                  // the calling thread
-extern const io_engine kernel_engine;                                // the kernel's queue
-extern const io_engine server_engine;                                // the buffer's server thread
+extern const io_engine sync_engine;     // the calling thread
+extern const io_engine announce_engine; // the system's page cache, which is told what will be wanted
+extern const io_engine kernel_engine;   // the kernel's queue
+extern const io_engine server_engine;   // the buffer's server thread
 const io_engine &engine_for(const vfs_buffer *buffer, awaited when); // the one place that chooses
 
 // Performs the transfer, or what is left of it, in the calling thread, with positioned reads and writes.

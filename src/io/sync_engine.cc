@@ -1,4 +1,4 @@
-// The engine that performs a transfer in the calling thread: positioned reads and writes, and blocks inside the
+// The engines that perform a transfer in the calling thread: positioned reads and writes, and blocks inside the
 // file's mapping, whose bytes need no moving. Must not know queues, states or completions.
 #include "io/io.h"
 #include "util/errors.h"
@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -97,12 +98,39 @@ bool sync_start(vfs_buffer *buffer)
     return false;
 }
 
-// Never asked: it has ended when it was started.
+// Nothing is to be waited for.
 bool sync_ended(vfs_buffer *)
 {
     return true;
 }
 void sync_wait(vfs_buffer *) {}
+
+// Takes what the page cache has already; the system does not begin to read for this.
+void take_cached(vfs_transfer *transfer)
+{
+    const iovec piece{transfer->area, transfer->length};
+    const ssize_t count = preadv2(transfer->descriptor, &piece, 1, static_cast<off_t>(transfer->offset), RWF_NOWAIT);
+    if (count > 0) transfer->moved = static_cast<uint64_t>(count);
+}
+
+// Through the page cache the system itself reads and writes while the caller goes on: pages that are there are copied
+// at once; it is told which others will be wanted, and they are copied when they are. The kernel's queue gains nothing
+// here, because what is submitted to it is copied before the call returns.
+bool announce_start(vfs_buffer *buffer)
+{
+    vfs_transfer &transfer = buffer->transfer;
+    if (transfer.operation != transfer_read) return sync_start(buffer);
+    take_cached(&transfer);
+    if (transfer.moved == transfer.length) return false;
+    (void)posix_fadvise(transfer.descriptor, static_cast<off_t>(transfer.offset + transfer.moved),
+                        static_cast<off_t>(transfer.length - transfer.moved), POSIX_FADV_WILLNEED);
+    return true;
+}
+
+void announce_wait(vfs_buffer *buffer)
+{
+    if (!buffer->cancelled.load(std::memory_order_relaxed)) transfer_perform(&buffer->transfer);
+}
 
 } // namespace
 
@@ -116,3 +144,5 @@ void transfer_perform(vfs_transfer *transfer)
 }
 
 const io_engine sync_engine{.name = "PIO", .start = sync_start, .ended = sync_ended, .wait = sync_wait};
+const io_engine announce_engine{
+    .name = "announce", .start = announce_start, .ended = sync_ended, .wait = announce_wait};

@@ -265,8 +265,9 @@ const io_engine &engine_for(const vfs_buffer *buffer, awaited when)
 {
     if (when == awaited::at_once || is_mapped(buffer)) return sync_engine;
     if (buffer->server != nullptr) return server_engine;
-    const bool synchronous = (buffer->cache->mode & cache_synchronous) != 0;
-    return synchronous || (buffer->flags2 & buffer_no_context) != 0 ? sync_engine : kernel_engine;
+    if ((buffer->cache->mode & cache_synchronous) != 0) return sync_engine;
+    if ((buffer->engine & engine_aio) == 0) return announce_engine;
+    return (buffer->flags2 & buffer_no_context) != 0 ? sync_engine : kernel_engine;
 }
 
 void record_error(vfs_cache *cache, int error)

@@ -10,6 +10,7 @@ struct open_settings {
     bool debug;            // VFS_DEBUG
     bool memory_mapping;   // VFS_IO_MMAP
     bool asynchronous_io;  // VFS_IO_AIO
+    bool queue_asked;      // VFS_IO_AIO asks for the kernel's queue: also where only the page cache is behind it
     bool direct_io;        // VFS_IO_DIO
     tri_state io_threads;  // VFS_IO_THREAD
     bool caching;          // VFS_IO_CACHE
