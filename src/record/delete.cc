@@ -87,6 +87,8 @@ int delete_in_flat_file(vfs_file *file, vfs_request *work)
     const bool moved = work->record_state == item_moved;
     const bool last = work->record_offset + work->stored_length == file->end_of_file;
     if (last && !moved && !is_shared(file)) { // in a shared file another handle may stand on it
+        // Behind the end it would be a record again to whoever has to go by the items alone.
+        if (mark_deleted(file, work->record_offset, work->rrn) == -1) return -1;
         // Every number below the last one has a slot, so the one before it is the highest now (none before 0).
         end_cut(file, work->record_offset, work->rrn - 1);
         return 0;

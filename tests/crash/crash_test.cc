@@ -87,13 +87,13 @@ public:
             if (dice < 4) {
                 flushed([&] { return f.flush(); });
             } else if (dice < 6) {
-                flushed([&] { return f.close(); });
+                closed(f);
                 if (!f.open(spec_.with_flags(O_RDWR))) return failed("open again", f.error());
             } else {
                 change_one(f);
             }
         }
-        flushed([&] { return f.close(); });
+        closed(f);
         record_changes(nullptr, nullptr);
     }
 
@@ -111,6 +111,16 @@ private:
         const uint64_t begin = now();
         if (flush() != 0) return failed("flush or close", errno);
         book_.flushes[book_.flush_count++] = {begin, now()};
+    }
+
+    // The close of a handle that changed nothing covers nothing.
+    void closed(file &f)
+    {
+        if (!changed_)
+            (void)f.close();
+        else
+            flushed([&] { return f.close(); });
+        changed_ = false;
     }
 
     place at(uint32_t id) const
@@ -135,6 +145,7 @@ private:
         else
             got = f.write(bytes, load_.what == shape::sequential ? end() : at(id));
         if (got.value < 0) return failed(erases ? "delete" : before != 0 ? "rewrite" : "write", got.error);
+        changed_ = true;
         if (before == 0) places_[id] = got.rrn;
         versions_[id] = erases ? 0 : version;
         book_.operations[number].end = now();
@@ -147,6 +158,7 @@ private:
     unsigned number_;
     std::mt19937_64 random_;
     uint64_t count_ = 0;
+    bool changed_ = false; // since the last open
     std::map<uint32_t, uint64_t> versions_, places_;
 };
 
