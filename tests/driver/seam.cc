@@ -5,7 +5,9 @@
 
 #include <dlfcn.h>
 #include <link.h>
+#include <linux/aio_abi.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -254,6 +256,36 @@ int fcntl(int descriptor, int command, ...)
     const bool locks = command == F_SETLK || command == F_SETLKW || command == F_GETLK;
     const char *name = command == F_GETLK ? "F_GETLK" : "F_SETLK";
     return locks && refused({name, "lock", descriptor}, CALLER) ? -1 : next_call(descriptor, command, argument);
+}
+
+// Transfers through the kernel's queue count as reads and writes when they are submitted; a cut one is a short one.
+long syscall(long number, ...) noexcept
+{
+    NEXT(syscall);
+    va_list list;
+    va_start(list, number);
+    long given[6];
+    for (long &each : given) each = va_arg(list, long);
+    va_end(list);
+    const auto call = [&] { return next_call(number, given[0], given[1], given[2], given[3], given[4], given[5]); };
+    if (number == SYS_io_setup) return refused({"io_setup", "queue"}, CALLER) ? -1 : call();
+    if (number == SYS_io_getevents) return refused({"io_getevents", "queue"}, CALLER) ? -1 : call();
+    if (number == SYS_io_cancel) return refused({"io_cancel", "queue"}, CALLER) ? -1 : call();
+    if (number != SYS_io_submit) return call();
+    iocb *const control = reinterpret_cast<iocb **>(given[2])[0];
+    const iovec piece{reinterpret_cast<void *>(control->aio_buf), control->aio_nbytes};
+    const char *family = control->aio_lio_opcode == IOCB_CMD_PWRITE ? "write" : "read";
+    const ssize_t submitted = transferred({"io_submit",
+                                           family,
+                                           static_cast<int>(control->aio_fildes),
+                                           static_cast<uint64_t>(control->aio_offset),
+                                           0,
+                                           {&piece, 1}},
+                                          CALLER, [&](std::span<const iovec> some) {
+                                              control->aio_nbytes = some[0].iov_len;
+                                              return call() == 1 ? static_cast<ssize_t>(some[0].iov_len) : -1;
+                                          });
+    return submitted >= 0 ? 1 : -1;
 }
 
 void *malloc(size_t bytes) noexcept
