@@ -181,13 +181,11 @@ protected:
 
 TEST_P(Fault, FailedWriteIsReportedAndNothingLeaks)
 {
-    for (const int error : {EIO, ENOSPC})
-        for (const bool lasting : {false, true})
-            sweep({.call = "write", .error = error, .lasting = lasting},
-                  [&](const report &told, const std::string &where) {
-                      // A write that is tried again at close may succeed then.
-                      lasting ? as_given(told, where, error) : tolerated(told, where, error);
-                  });
+    // A write that is tried again at close may succeed then.
+    sweep({.call = "write", .error = EIO},
+          [](const report &told, const std::string &where) { tolerated(told, where, EIO); });
+    sweep({.call = "write", .error = ENOSPC, .lasting = true},
+          [](const report &told, const std::string &where) { as_given(told, where, ENOSPC); });
 }
 
 TEST_P(Fault, InterruptedAndShortTransfersAreContinued)

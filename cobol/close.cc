@@ -1,0 +1,113 @@
+// CLOSE in its forms, and the files that are open: found again when the control block has gone, and closed when the
+// program ends without closing them.
+#include "bridge.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+struct locked_file { // closed WITH LOCK: not to be opened again by this SELECT
+    std::string path;
+    const void *record_area;
+};
+
+struct all_files {
+    std::vector<open_file *> open;
+    std::vector<locked_file> locked;
+
+    // A program may end without closing: what it wrote is not to be lost.
+    ~all_files() { forget_all(); }
+};
+all_files files;
+
+} // namespace
+
+open_file::~open_file()
+{
+    std::erase(files.open, this);
+    if (handle != nullptr) (void)ops().close(handle, nullptr);
+}
+
+open_file *file_of(const control_block &fcd)
+{
+    if (fcd.handle() != nullptr) return static_cast<open_file *>(fcd.handle());
+    for (open_file *each : files.open) // CLOSE REEL has left it open
+        if (each->kept_open && each->record_area == fcd.record() && each->name == name_in_program(fcd)) return each;
+    return nullptr;
+}
+
+open_file *file_of(const cob_file *owner)
+{
+    for (open_file *each : files.open)
+        if (each->owner == owner) return each;
+    return nullptr;
+}
+
+bool file_was_locked(const std::string &path, const void *record_area)
+{
+    return std::any_of(files.locked.begin(), files.locked.end(),
+                       [&](const locked_file &each) { return each.path == path && each.record_area == record_area; });
+}
+
+void remember(open_file *file)
+{
+    files.open.push_back(file);
+}
+
+void forget(open_file *file)
+{
+    delete file;
+}
+
+void forget_file(const cob_file *owner)
+{
+    if (open_file *file = file_of(owner); file != nullptr) forget(file);
+}
+
+void forget_all()
+{
+    while (!files.open.empty()) forget(files.open.back());
+}
+
+file_status unlock(open_file *file)
+{
+    if (file->handle != nullptr && file->shared) (void)ops().unlock_all(file->handle);
+    return {};
+}
+
+void unlock_everything(bool flush)
+{
+    for (open_file *each : files.open) {
+        if (each->handle == nullptr) continue;
+        if (flush) (void)ops().flush(each->handle);
+        unlock(each);
+    }
+}
+
+bool give_back_unwritten(open_file *file)
+{
+    if (file->mode != open_mode::output || file->kind != organization::sequential || file->written) return false;
+    const std::string path = file->path;
+    forget(file);
+    return ops().unlink(path.c_str()) == 0 || errno == ENOENT;
+}
+
+file_status file_close(control_block *fcd, open_file *file, int how)
+{
+    if (how == COB_CLOSE_UNIT || how == COB_CLOSE_UNIT_REMOVAL) {
+        file->kept_open = true;
+        return status_of(7);
+    }
+    if (how == COB_CLOSE_LOCK) files.locked.push_back({file->path, file->record_area});
+    const organization kind = file->kind;
+    int error = 0;
+    if (file->handle != nullptr && ops().close(std::exchange(file->handle, nullptr), nullptr) == -1) error = errno;
+    fcd->set_handle(nullptr);
+    forget(file);
+    if (error != 0) return status_of_error(error, asked::write, kind);
+    return status_of(how == COB_CLOSE_NO_REWIND ? 7 : 0);
+}
