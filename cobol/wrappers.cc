@@ -11,7 +11,7 @@
 #include <vector>
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
-#define NEXT(name) static const auto next = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name))
+#define NEXT(name) static const auto next = reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
 
 namespace {
 
@@ -200,6 +200,15 @@ EXPORTED void cob_delete_file(cob_file *file, cob_field *status)
     NEXT(cob_delete_file);
     errno = 0; // the runtime makes a status of what an earlier call has left
     next(file, status);
+}
+
+// CANCEL closes what the program has left open, past the handler.
+EXPORTED void cob_close(cob_file *file, cob_field *status, const int option, const int remove)
+{
+    NEXT(cob_close);
+    if (file_of(file) == nullptr) return next(file, status, option, remove);
+    forget_file(file);
+    file->open_mode = COB_OPEN_CLOSED;
 }
 
 // CANCEL gives the file records of a program back.

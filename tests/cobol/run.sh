@@ -1,0 +1,28 @@
+#!/bin/sh
+# One COBOL program with the statuses that it expects: compiled with the bridge, and, where the runtime's own handling has
+# to answer alike, without it; run in an empty directory. Usage: run.sh BUILD PROGRAM SCRATCH [bridge | both]
+set -eu
+build=$1 program=$2 scratch=$3 handlings=${4:-both}
+here=$(cd "$(dirname "$0")" && pwd)
+[ "$handlings" = both ] && handlings="own bridge"
+
+# Whatever the caller's programs are told, these are not.
+for variable in $(env | sed -n 's/^\(COB_[A-Z_]*\|DD_[A-Za-z_]*\|VFS_[A-Z_]*\)=.*/\1/p'); do unset "$variable"; done
+for handling in $handlings; do
+    rm -rf "${scratch:?}/$handling"
+    mkdir -p "$scratch/$handling"
+    (
+        cd "$scratch/$handling"
+        if [ "$handling" = own ]; then
+            cobc -x -free -o program "$here/$program.cob" "$here/expect.cob"
+        else
+            cobc -x -free -fcallfh=vfs_extfh -Q "-L$build -lvfs_extfh -Wl,-rpath,$build" -o program \
+                "$here/$program.cob" "$here/expect.cob"
+        fi
+        HANDLING=$handling ./program >output 2>&1 || echo "not as expected: it ended with status $?" >>output
+        if grep "not as expected" output >&2; then
+            echo "$program with $handling handling failed; all that it said is in $PWD/output" >&2
+            exit 1
+        fi
+    )
+done
