@@ -215,7 +215,7 @@ inline constexpr uint64_t redo_unit = 4096;                            // the ar
 // The bytes of the ranges stand there inverted: the area's place is later filled with items, and what is left of it
 // between them after a stop of the machine must not look like some.
 inline constexpr uint64_t redo_mask = ~uint64_t{0};
-inline constexpr uint64_t redo_magic_word = 0x314F444552534656;        // "VFSREDO1" read as a little-endian word
+inline constexpr uint64_t redo_magic_word = 0x314F444552534656; // "VFSREDO1" read as a little-endian word
 // Checksum: four lanes, each begun with the basis; word i of the area (8 bytes; the checksum itself counts as 0) goes
 // to lane i mod 4: lane = (lane ^ word) * prime. The sum: basis, then for each lane in turn (sum ^ lane) * prime; the
 // upper half is at last folded into the lower one (sum ^ sum >> 32). The step is that of FNV-1a, over words.
