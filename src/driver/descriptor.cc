@@ -1,6 +1,7 @@
 // The driver's descriptor and its tables: what `vfs` returns. The slots are the operations of the floors below.
 #include "cache/cache.h"
 #include "driver/configuration.h"
+#include "driver/resolve.h"
 #include "file/open.h"
 #include "file/small_operations.h"
 #include "record/operations.h"
@@ -92,16 +93,10 @@ constexpr vfs_driver driver{
         },
 };
 
-// Every name is served by this driver, as it stands.
-const vfs_driver *resolve(const char *, const char *, const char *name, const char **resolved_out)
+const vfs_driver *resolve(const char *type_word, const char *assignment_name, const char *name,
+                          const char **resolved_out)
 {
-    errno = 0;
-    if (name == nullptr) {
-        errno = EINVAL;
-        return nullptr;
-    }
-    if (resolved_out != nullptr) *resolved_out = name;
-    return &driver;
+    return resolve_name(driver, type_word, assignment_name, name, resolved_out);
 }
 
 } // namespace
