@@ -191,6 +191,11 @@ void queue_append(vfs_queue *queue, vfs_buffer *buffer); // at the tail; the buf
 void dirty_add(vfs_buffer *buffer);    // at the tail of its cache's dirty queue; no effect when dirty already
 void dirty_remove(vfs_buffer *buffer); // drops the change: the range is empty then; no effect when clean
 
+// ---- Text, on standard error: a diagnosis ----
+
+void cache_dump(const vfs_cache *cache, bool with_buffers);
+void caches_dump(const file_state *file); // the three of them, with buffers
+
 // ---- Lists ----
 
 void list_unlink(vfs_buffer *buffer);    // from the LRU or the idle list

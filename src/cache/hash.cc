@@ -78,6 +78,7 @@ void hash_leave(vfs_buffer *buffer)
     if (HashTable_Remove(table, &pos, &buffer->offset, sizeof buffer->offset) != entry) {
         fprintf(stderr, "Hash remove error on buffer %p - 0x%lx  hash %p\n", static_cast<void *>(buffer),
                 buffer->offset, static_cast<void *>(table));
+        cache_dump(buffer->cache, true);
         HashTable_Dump(table);
         std::abort(); // lookups would find a block in a buffer that holds another
     }

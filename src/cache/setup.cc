@@ -108,6 +108,7 @@ int cache_init(vfs_cache *cache)
     if (cache->name == nullptr) cache->name = cache->file->path;
     if (cache->max == 0) return 0;
     if (cache->count != 0 && (cache->engine & (engine_fifo | engine_socket)) != 0) return 0;
+    cache->file->caches[cache->bufftype] = cache;
     settle_counts(cache);
     settle_engine(cache);
     refresh_write_limit(cache);
@@ -137,6 +138,7 @@ int cache_close(vfs_cache *cache)
 #ifndef NDEBUG
     cache_check(cache);
 #endif
+    if (file->debug && cache->count != 0) cache_dump(cache, true);
     write_or_drop(cache);
     cache_delay_lines(cache);
     add_times(&file->io_wait, cache->io_wait);
@@ -151,5 +153,6 @@ int cache_close(vfs_cache *cache)
     cache->miss = 0;
     cache->stats = {};
     cache->io_wait = cache->lock_wait = {};
+    if (file->caches[cache->bufftype] == cache) file->caches[cache->bufftype] = nullptr;
     return file->error == 0 ? 0 : fail(static_cast<int>(file->error));
 }

@@ -76,6 +76,7 @@ void report_empty_read(const vfs_buffer *buffer)
     if (!buffer->file->debug || is_mapped(buffer) || buffer->transfer.moved != 0) return;
     fprintf(stderr, "I/O Read of 0(%ld) @0x%lx size=0x%lx append=0x%lx: %d %s\n", static_cast<long>(buffer->size),
             buffer->offset, buffer->cache->filesize, buffer->file->end_of_file, 0, strerror(0));
+    caches_dump(buffer->file);
 }
 
 int read_complete(vfs_buffer *buffer)
@@ -112,6 +113,7 @@ void report_failed_write(const vfs_buffer *buffer)
     fprintf(stderr, "I/O Write Error %p @0x%lx: %d %s\n", static_cast<const void *>(buffer), buffer->offset, error,
             strerror(error));
     fprintf(stderr, "*** %s ***\n", "error");
+    caches_dump(buffer->file);
 }
 
 int write_complete(vfs_buffer *buffer)
@@ -185,7 +187,9 @@ void report_refusal(const vfs_buffer *buffer)
     const bool reads = buffer->transfer.operation == transfer_read;
     fprintf(stderr, "AIO %s Error %p @0x%lx: %d %s\n", reads ? "Read" : "Write", static_cast<const void *>(buffer),
             buffer->offset, error, strerror(error));
-    if (!reads) fprintf(stderr, "*** %s ***\n", "oops");
+    if (reads) return;
+    fprintf(stderr, "*** %s ***\n", "oops");
+    cache_dump(buffer->cache, true);
 }
 
 // Whether the transfer is under way; else it has ended.
@@ -255,6 +259,7 @@ void skip_write(vfs_buffer *buffer)
     if (buffer->file->debug) {
         fprintf(stderr, "skipping write of 0x%lx total %ld dirty %d\n", buffer->offset,
                 static_cast<long>(buffer->bytes), is_dirty(buffer) ? 1 : 0);
+        caches_dump(buffer->file);
     }
     dirty_remove(buffer);
 }
@@ -299,6 +304,7 @@ int buffer_start_write(vfs_buffer *buffer, awaited when)
     vfs_cache *cache = buffer->cache;
     if (buffer->queue != &cache->dirty_queue) {
         fprintf(stderr, "wrong queue %p  %p\n", static_cast<void *>(buffer), static_cast<void *>(buffer->queue));
+        cache_dump(cache, true);
         std::abort(); // the lists are broken: any write could hit the wrong block
     }
     clear_padding(buffer, range);

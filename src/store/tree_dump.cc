@@ -95,10 +95,12 @@ const vfs_buffer *dump_fetch(const index_tree &tree, uint64_t address)
 {
     const vfs_buffer *node = node_fetch(tree, address);
     if (node != nullptr) return node;
-    if (errno == ENOEXEC)
+    if (errno == ENOEXEC) {
         std::fprintf(stderr, "Oops bad node @0x%lx...\n", address);
-    else
+        cache_dump(tree.cache(), true);
+    } else {
         std::fprintf(stderr, "obtain(0x%lx)=%d\n", address, -1);
+    }
     return nullptr;
 }
 

@@ -15,6 +15,7 @@
 inline constexpr uint64_t none = VFS_NONE;
 
 struct vfs_lock_table; // lock/lock_table.h
+struct vfs_cache;      // buffer/buffer.h
 
 // What all handles of one file in this process share; the registry entry (file/registry.h) begins with it.
 struct shared_file_state {
@@ -91,6 +92,7 @@ struct file_state {
     bool exclusive_held;             // the Exclusive lock of this handle
     struct flock single_record_lock; // l_type F_UNLCK when none is held
     shared_file_state *shared;       // null until registered
+    const vfs_cache *caches[3];      // borrowed: Data, the Index cache set up last, Meta; null: not set up
     pthread_t opener;
     pid_t opener_pid;
     uint32_t opener_generation;    // process_generation() at open: a forked child may not use the handle

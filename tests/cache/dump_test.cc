@@ -1,0 +1,152 @@
+// The text of a cache, letter by letter, in a locale that groups thousands and in C. Addresses are masked.
+#include "cache_fixture.h"
+
+#include <clocale>
+#include <cstdio>
+#include <fstream>
+#include <regex>
+
+class Dump : public CacheTest {
+protected:
+    void TearDown() override
+    {
+        setlocale(LC_ALL, "C");
+        CacheTest::TearDown();
+    }
+
+    std::string dump(const vfs_cache &cache, bool with_buffers)
+    {
+        testing::internal::CaptureStderr();
+        cache_dump(&cache, with_buffers);
+        return std::regex_replace(testing::internal::GetCapturedStderr(), std::regex{"0x[0-9a-f]{9,13}(?![0-9a-f])"},
+                                  "ADDRESS");
+    }
+
+    // A locale with nothing but groups of three digits.
+    void group_thousands()
+    {
+        const std::string folder = "/tmp/grouping_" + std::to_string(getpid()); // no dot: what follows one is a codeset
+        std::ofstream{folder + ".def"} << "LC_NUMERIC\ndecimal_point \".\"\nthousands_sep \",\"\ngrouping 3;3\n"
+                                          "END LC_NUMERIC\n";
+        (void)!system(("localedef -c -i " + folder + ".def " + folder + " >/dev/null 2>&1").c_str());
+        setenv("LOCPATH", "/tmp", 1);
+        const bool set = setlocale(LC_NUMERIC, folder.substr(folder.rfind('/') + 1).c_str()) != nullptr;
+        (void)!system(("rm -rf " + folder + " " + folder + ".def").c_str());
+        ASSERT_TRUE(set) << "localedef, with the character maps of Debian's package `locales`, makes it";
+    }
+
+    void count_much()
+    {
+        data.stats = {.bytes_read = 1047552,
+                      .bytes_written = 1536,
+                      .use = 4000000,
+                      .spill = 1002,
+                      .stall = 1003,
+                      .wait = 1004,
+                      .invalidate = 1005,
+                      .flush = 1006,
+                      .prefetch = 1007,
+                      .cancel = 1008,
+                      .abscond = 1009,
+                      .lock = 1010,
+                      .retries = 1011,
+                      .redundant = 0,
+                      .async = 1012,
+                      .random = 0,
+                      .extend = 1013};
+        data.miss = 1000000;
+        data.readahead = 1014;
+        data.writebehind = 1015;
+        data.first_error = 5;
+        data.name = "orders";
+        data.block_size = block;
+    }
+};
+
+TEST_F(Dump, UnusedCacheIsAllZero)
+{
+    data.block_size = 0;
+    EXPECT_EQ(dump(data, true), "A RVX Data  0 0:0-0 @0.00B  file: \n"
+                                "\tuse=0 hit=0(0.00%) miss=0(0.00%)\n"
+                                "\tasync=0 random=0 stall=0 spill=0 wait=0 prefetch=0 abscond=0\n"
+                                "\tflush=0 invalidate=0 cancel=0 lock=0 retries=0\n"
+                                "\textend=0 redundant=0 readahead=0 writebehind=0 errno=0\n"
+                                "\tread=0.00B write=0.00B\n"
+                                "\tfilesize 0x0  append 0x0\n"
+                                "\tbuffers 0:0 / 0-0  wc=@(nil)  c=@(nil) h=@(nil)  t=@(nil)  n=@(nil)\n");
+}
+
+TEST_F(Dump, CountersInTheCLocale)
+{
+    count_much();
+    EXPECT_EQ(dump(data, false), "A PIO Data  0 0:0-0 @8.00KiB  file: orders\n"
+                                 "\tuse=4000000 hit=3000000(75.00%) miss=1000000(25.00%)\n"
+                                 "\tasync=1012 random=0 stall=1003 spill=1002 wait=1004 prefetch=1007 abscond=1009\n"
+                                 "\tflush=1006 invalidate=1005 cancel=1008 lock=1010 retries=1011\n"
+                                 "\textend=1013 redundant=0 readahead=1014 writebehind=1015 errno=5\n"
+                                 "\tread=1023.00KiB write=1.50KiB\n");
+}
+
+TEST_F(Dump, CountersInALocaleThatGroups)
+{
+    ASSERT_NO_FATAL_FAILURE(group_thousands());
+    count_much();
+    EXPECT_EQ(dump(data, false),
+              "A PIO Data  0 0:0-0 @8.00KiB  file: orders\n"
+              "\tuse=4,000,000 hit=3,000,000(75.00%) miss=1,000,000(25.00%)\n"
+              "\tasync=1,012 random=0 stall=1,003 spill=1,002 wait=1,004 prefetch=1,007 abscond=1,009\n"
+              "\tflush=1,006 invalidate=1,005 cancel=1,008 lock=1,010 retries=1,011\n"
+              "\textend=1,013 redundant=0 readahead=1,014 writebehind=1,015 errno=5\n"
+              "\tread=1,023.00KiB write=1.50KiB\n");
+}
+
+TEST_F(Dump, BuffersOfBothLists)
+{
+    fill(3);
+    set_up(&data, 3, 3);
+    data.name = "orders";
+    ASSERT_EQ(write(2 * block, "w"), 1);
+    ASSERT_NE(cache_fetch_at(&data, 0), nullptr);
+    ASSERT_NE(cache_fetch_at(&data, block), nullptr);
+    cache_drop_block(&data, 0);
+    EXPECT_EQ(dump(data, true),
+              "H PIO Data  0 2:3-3 @8.00KiB  file: orders\n"
+              "\tuse=3 hit=0(0.00%) miss=3(100.00%)\n"
+              "\tasync=0 random=0 stall=0 spill=0 wait=0 prefetch=0 abscond=0\n"
+              "\tflush=0 invalidate=1 cancel=0 lock=0 retries=0\n"
+              "\textend=0 redundant=0 readahead=0 writebehind=0 errno=0\n"
+              "\tread=24.00KiB write=0.00B\n"
+              "\tfilesize 0x6000  append 0x6000\n"
+              "\tbuffers 2:1 / 3-3  wc=@ADDRESS  c=@ADDRESS h=@ADDRESS  t=@ADDRESS  n=@ADDRESS\n"
+              "\tQueues act 2  idle 1  total 3  Pending read 0  dirty 1  write 0  random 0/0\n"
+              "  MRU/LRU queue buffers 2\n"
+              "  #00  @ADDRESS  p=@(nil)  n=@ADDRESS HWo  8192@0x2000-0x3fff-0x3fff @ADDRESS 0  Curr Head\n"
+              "  #01  @ADDRESS  p=@ADDRESS  n=@(nil) HWQd  8192@0x4000-0x5fff-0x5fff @ADDRESS 0  WCurr Tail\n"
+              "  Idle queue buffers 1\n"
+              "  #00  @ADDRESS  p=(nil)  n=(nil) WI  0@0xffffffffffffffff-0x0-0xffffffffffffffff @ADDRESS 0  New "
+              "Head Tail\n");
+}
+
+TEST_F(Dump, EnginesAndKindsHaveTheirWords)
+{
+    const auto head = [&](const vfs_cache &cache) {
+        const std::string text = dump(cache, false);
+        return text.substr(0, text.find(" 0 "));
+    };
+    fill(1);
+    for (vfs_cache *cache : {&data, &index, &meta}) set_up(cache, 4, 4);
+    EXPECT_EQ(head(data) + "|" + head(index) + "|" + head(meta), "H PIO Data |H PIO Index|H PIO Meta ");
+    data.engine = engine_aio;
+    EXPECT_EQ(head(data), "H AIO Data ");
+    data.engine = engine_aio | engine_direct;
+    EXPECT_EQ(head(data), "H DIO Data ");
+    data.engine = engine_mmap | engine_direct;
+    EXPECT_EQ(head(data), "H MMAP Data ");
+    data.engine = engine_fifo;
+    EXPECT_EQ(head(data), "H  IO Data ");
+    data.engine = 0;
+    data.mode = cache_threads;
+    EXPECT_EQ(head(data), "HT PIO Data ");
+    data.mode = 0;
+    EXPECT_EQ(head(data), "HA PIO Data ");
+}
