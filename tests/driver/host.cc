@@ -472,6 +472,10 @@ const char *const driver_variables[] = {"VFS_DEBUG",     "VFS_IO_MMAP",    "VFS_
 DriverTest::DriverTest()
 {
     for (const char *name : driver_variables) variables.set(name, std::nullopt);
+    // All of a test under other settings, for example VFS_TEST_SETTINGS="VFS_IO_DIO=1 VFS_DATA_COUNT=2".
+    std::istringstream under{getenv("VFS_TEST_SETTINGS") != nullptr ? getenv("VFS_TEST_SETTINGS") : ""};
+    for (std::string setting; under >> setting;)
+        variables.set(setting.substr(0, setting.find('=')), setting.substr(setting.find('=') + 1));
     catch_errors();
     driver();
     std::string pattern = std::filesystem::temp_directory_path() / "vfs_test_XXXXXX";
