@@ -394,6 +394,26 @@ template <typename Visit> int for_each_range(vfs_file *file, const redo_area &ar
     return from == end ? 0 : fail(ENOEXEC);
 }
 
+// A header that a stop of the machine has left may name a place where the area of an earlier commit still stands, whole,
+// because the pages of the later one never reached the disk. Its counters tell: they are behind the header's.
+int age_check(vfs_file *file, const redo_area &area)
+{
+    static_assert(header_dsn.offset == header_tsn.offset + word_bytes &&
+                  header_asn.offset == header_dsn.offset + word_bytes);
+    std::array<int64_t, 3> now; // tsn, dsn, asn
+    if (read_exactly(file, now.data(), sizeof now, header_tsn.offset) == -1) return -1;
+    return for_each_range(file, area, [&](const listed_range &range, uint64_t from) {
+        for (uint64_t i = 0; i < now.size(); ++i) {
+            const uint64_t at = header_tsn.offset + i * word_bytes;
+            if (at < range.offset || at + word_bytes > range.offset + range.length) continue;
+            uint64_t stored;
+            if (read_exactly(file, &stored, sizeof stored, from + (at - range.offset)) == -1) return -1;
+            if (static_cast<int64_t>(stored ^ redo_mask) < now[i]) return fail(ENOEXEC);
+        }
+        return 0;
+    });
+}
+
 int apply(vfs_file *file, std::byte *chunk, const redo_area &area)
 {
     const auto copy = [&](const listed_range &range, uint64_t from) {
@@ -406,8 +426,7 @@ int apply(vfs_file *file, std::byte *chunk, const redo_area &area)
         }
         return 0;
     };
-    const auto nothing = [](const listed_range &, uint64_t) { return 0; };
-    if (for_each_range(file, area, nothing) == -1) return -1; // all of it is plausible before any of it is written
+    if (age_check(file, area) == -1) return -1; // all of it is plausible before any of it is written
     return for_each_range(file, area, copy);
 }
 

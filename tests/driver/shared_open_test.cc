@@ -199,6 +199,9 @@ TEST_F(SharedOpen, AnAreaThatIsNotWholeIsLeftAlone)
         refused(bytes);
     }
     refused(whole.substr(0, whole.size() - 8));
+    std::string older = whole; // whole, but of a change that the header has behind it
+    older.replace(dsn_at, 8, word(word_at(before, dsn_at) + 2));
+    refused(older);
     std::string elsewhere_word = whole;
     elsewhere_word.replace(state_word_at, 8, word(area + 8));
     refused(elsewhere_word);

@@ -63,15 +63,23 @@ redo_area read_redo(file_image &image, uint64_t at)
     if (!checksum_of(image, at, head.bytes, &sum) || sum != image.word(at + redo_checksum.offset))
         return faulty("its checksum does not hold: it was written in part only");
     const uint64_t end = at + head.bytes;
+    bool older =
+        false; // the area of an earlier change, where the header of a stopped machine names that of a later one
     uint64_t source = at + redo_head_bytes + head.ranges * redo_range_bytes;
     for (uint64_t i = 0; i < head.ranges; ++i) {
         const uint64_t entry = at + redo_head_bytes + i * redo_range_bytes;
         const redo_range range{.offset = image.word(entry), .length = image.word(entry + 8), .source = source};
         if (range.offset > at || range.length > at - range.offset || range.length > end - source)
             return faulty(fmt::format("its range {} lies outside of the file", i));
+        for (const uint64_t counter : {header_tsn.offset, header_dsn.offset, header_asn.offset}) {
+            if (counter < range.offset || counter + 8 > range.offset + range.length) continue;
+            const uint64_t stored = ~image.word(range.source + (counter - range.offset));
+            older |= static_cast<int64_t>(stored) < static_cast<int64_t>(image.word(counter));
+        }
         source += range.length;
         area.ranges.push_back(range);
     }
+    if (older) return faulty("its counters are behind those of the header: it belongs to an earlier change");
     if (source != end) return faulty("its ranges do not fill it");
     return area;
 }
