@@ -53,7 +53,7 @@ bool plausible(const vfs_file *file, uint64_t offset, const slot_head &head)
         return false;
     if (head.type == item_hole) return head.stored_length >= hole_minimum;
     if (head.stored_length < slot_overhead) return false;
-    const bool has_data = head.type == item_live || head.type == item_relocated || head.type == item_deleted;
+    const bool has_data = head.type == item_live || head.type == item_relocated;
     return !has_data || head.data_length <= head.stored_length - slot_overhead;
 }
 
@@ -145,6 +145,8 @@ int slot_head_read(vfs_file *file, uint64_t offset, slot_head *head)
     head->rrn = load_u64(at + slot_rrn.offset);
     head->type = static_cast<uint8_t>(type_word);
     if ((type_word >> 8) != 0 || !plausible(file, offset, *head)) return damaged();
+    // Of a slot without record it is what the machine's stop has left there.
+    if (head->type == item_deleted && head->data_length > head->stored_length - slot_overhead) head->data_length = 0;
     return 0;
 }
 
