@@ -27,6 +27,7 @@ struct open_file {
     vfs_file *handle = nullptr; // null: an optional file that is not there, or an empty one opened for input
     std::string path, name;     // name: as the program says it
     const void *record_area = nullptr;
+    FCD3 *block = nullptr;           // that points to this file; null while CLOSE REEL keeps it without one
     const cob_file *owner = nullptr; // null when the runtime called without our wrappers
     open_mode mode = open_mode::input;
     organization kind = organization::sequential;
@@ -86,7 +87,7 @@ void forget_file(const cob_file *owner);
 void forget_all();
 file_status unlock(open_file *file);
 void unlock_everything(bool flush);
-// Closes a file in which nothing is yet, and takes it away: the runtime is going to make it. False: it is not such a file.
+// Closes a file in which nothing is yet: the runtime is going to make it anew. False: it is not such a file.
 bool give_back_unwritten(open_file *file);
 // Whether the runtime keeps this file itself: a device, a pipe, a name that is no regular file.
 bool is_of_runtime(const control_block &fcd);

@@ -91,15 +91,17 @@ void unlock_everything(bool flush)
 bool give_back_unwritten(open_file *file)
 {
     if (file->mode != open_mode::output || file->kind != organization::sequential || file->written) return false;
-    const std::string path = file->path;
+    // The runtime keeps the control block for the next OPEN. The file itself it empties, so a link stays a link.
+    if (file->block != nullptr) control_block{file->block}.set_handle(nullptr);
     forget(file);
-    return ops().unlink(path.c_str()) == 0 || errno == ENOENT;
+    return true;
 }
 
 file_status file_close(control_block *fcd, open_file *file, int how)
 {
     if (how == COB_CLOSE_UNIT || how == COB_CLOSE_UNIT_REMOVAL) {
         file->kept_open = true;
+        file->block = nullptr;
         return status_of(7);
     }
     if (how == COB_CLOSE_LOCK) files.locked.push_back({file->path, file->record_area});

@@ -179,7 +179,10 @@ extern "C" __attribute__((visibility("default"))) int vfs_extfh(unsigned char *o
     }
     if (!fcd.is_record_file() || (row->kind == group::opens && is_of_runtime(fcd))) return give_back(opcode, raw);
     open_file *file = file_of(fcd);
-    if (file != nullptr) fcd.set_handle(file);
+    if (file != nullptr) {
+        fcd.set_handle(file);
+        file->block = raw;
+    }
     const bool needs_file = row->kind != group::opens;
     const file_status status = file == nullptr && needs_file ? not_open(row->kind) : row->run(&fcd, file);
     fcd.set_status(status.first, status.second);

@@ -277,6 +277,7 @@ file_status file_open(control_block *fcd, open_mode mode)
         if (mode == open_mode::extend && file->kind == organization::indexed) note_highest_key(file.get());
         if (optional_there && mode != open_mode::output) status = status_of(5);
     }
+    file->block = fcd->raw();
     remember(file.get());
     fcd->set_handle(file.release());
     return status;
