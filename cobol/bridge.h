@@ -23,6 +23,9 @@ constexpr file_status status_of(int code)
     return {static_cast<char>('0' + code / 10), static_cast<char>('0' + code % 10)};
 }
 
+// Where the next READ goes on, as the program sees it: what is looked up for other reasons must not change it.
+enum class place_kind : uint8_t { none, read, started };
+
 struct open_file {
     vfs_file *handle = nullptr; // null: an optional file that is not there, or an empty one opened for input
     std::string path, name;     // name: as the program says it
@@ -49,7 +52,10 @@ struct open_file {
     std::string key_read;    // its primary key
     std::string key_written; // sequential access: the last primary key written; at EXTEND the highest in the file
     size_t reference = 0;    // key of reference
-    std::string key;         // scratch
+    place_kind place = place_kind::none;
+    std::string place_value; // of the key of reference: read, or what START was given
+    int32_t place_relation = 0;
+    std::string key; // scratch
 
     ~open_file();
 };
@@ -106,9 +112,9 @@ vfs_record area_of(const control_block &fcd, const open_file &file);
 vfs_lock_request lock_for_read(const open_file &file, uint32_t options);
 
 // ---- sparse.cc: keys that leave out the records with a suppressed value
-// Has another record the value that this one gives to a unique key with suppressed values? `before`: the key values of
-// the record that is being replaced, null at WRITE.
-bool sparse_key_taken(open_file *file, const char *record, const char *before);
+// Before `record` is written, or replaces the one with this primary key: 22 when another one has its value in a unique key
+// with suppressed values, 23 when there is none to replace, or what the look-up met. The program's place stays.
+file_status sparse_keys_check(open_file *file, const char *record, const std::string *replaced);
 
 inline const vfs_ops &ops()
 {

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <unistd.h>
 #include <utility>
@@ -29,7 +31,9 @@ all_files files;
 open_file::~open_file()
 {
     std::erase(files.open, this);
-    if (handle != nullptr) (void)ops().close(handle, nullptr);
+    // CANCEL, or the end of a program that has not closed it: nobody asks for a status.
+    if (handle != nullptr && ops().close(handle, nullptr) == -1)
+        fprintf(stderr, "%s (%s): closing it failed: %s\n", name.c_str(), path.c_str(), strerror(errno));
 }
 
 open_file *file_of(const control_block &fcd)

@@ -117,6 +117,7 @@ constexpr opcode_row opcodes[] = {
     {0xFA80, "CLOSE", group::closes, closes},
     {0xFA81, "CLOSE LOCK", group::closes, closes_how<COB_CLOSE_LOCK>},
     {0xFA82, "CLOSE NO REWIND", group::closes, closes_how<COB_CLOSE_NO_REWIND>},
+    {0xFA83, "CLOSE NO REWIND", group::closes, closes_how<COB_CLOSE_NO_REWIND>},
     {0xFA84, "CLOSE REEL", group::closes, closes_how<COB_CLOSE_UNIT>},
     {0xFA85, "CLOSE REEL FOR REMOVAL", group::closes, closes_how<COB_CLOSE_UNIT_REMOVAL>},
     {0xFA86, "CLOSE REEL NO REWIND", group::closes, closes_how<COB_CLOSE_UNIT>},

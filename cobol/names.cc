@@ -72,6 +72,7 @@ std::optional<std::string> path_of_name(std::string_view name)
     }
     path += rest;
     const char *directory = getenv("COB_FILE_PATH");
-    if (directory != nullptr && *directory != '\0' && path.front() != '/') path = std::string{directory} + "/" + path;
+    if (directory != nullptr && *directory != '\0' && !path.starts_with('/'))
+        path = std::string{directory} + "/" + path;
     return path;
 }

@@ -122,8 +122,10 @@ private:
 // The program's own clauses decide unless the user has set VFS_LOCK.
 class own_lock_modes {
 public:
-    own_lock_modes() : set_(getenv("VFS_LOCK") == nullptr)
+    own_lock_modes()
     {
+        const char *value = getenv("VFS_LOCK");
+        set_ = value == nullptr || *value == '\0';
         if (set_) setenv("VFS_LOCK", "9", 1);
     }
     ~own_lock_modes()

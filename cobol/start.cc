@@ -46,6 +46,9 @@ int64_t start_indexed(const control_block &fcd, open_file *file, int32_t relatio
     vfs_status found{};
     int64_t result = driver_start(file, &found, relation, value, number);
     file->reference = number;
+    file->place = place_kind::started;
+    file->place_value = value;
+    file->place_relation = relation;
     if (result < 0 || !key.sparse || found.key == nullptr) return result;
     value.assign(static_cast<const char *>(found.key), key.length);
     if (!key.suppresses(value)) return result;
@@ -120,5 +123,8 @@ file_status start_at_edge(control_block *, open_file *file, bool first)
     if (file->handle == nullptr) return ended(file, not_there());
     vfs_status found{};
     file->reference = 0;
+    file->place = place_kind::started;
+    file->place_value.clear(); // the edge itself
+    file->place_relation = first ? VFS_GREATER_EQUAL : VFS_LESS_EQUAL;
     return ended(file, start_at(file, &found, first ? VFS_POS_FIRST : VFS_POS_LAST));
 }

@@ -46,9 +46,16 @@ file_status record_was_read(control_block *fcd, open_file *file, const vfs_statu
     fcd->set_record_length(delivered);
     running.read = true;
     running.length = delivered;
-    if (file->kind == organization::indexed) file->keys[0].take(fcd->record(), &file->key_read);
+    if (file->kind == organization::indexed) {
+        file->keys[0].take(fcd->record(), &file->key_read);
+        file->keys[file->reference].take(fcd->record(), &file->place_value);
+        file->place = place_kind::read;
+    }
     if (file->kind == organization::relative) {
-        if (stepped && !tell_relative_key(fcd, found.rrn + 1)) return status_of(14);
+        if (stepped && !tell_relative_key(fcd, found.rrn + 1)) {
+            file->read_done = false;
+            return status_of(14);
+        }
         if (!stepped) fcd->set_relative_key(found.rrn + 1);
     }
     if (whole > file->maximum) return status_of(4);
@@ -133,7 +140,7 @@ file_status write_indexed(open_file *file, vfs_record *record, const vfs_lock_re
     file->keys[0].take(bytes, &file->key);
     const bool ordered = file->access == access::sequential;
     if (ordered && !file->key_written.empty() && file->key <= file->key_written) return status_of(21);
-    if (sparse_key_taken(file, bytes, nullptr)) return status_of(22);
+    if (const file_status status = sparse_keys_check(file, bytes, nullptr); !status.good()) return status;
     file->keys[0].take(bytes, &file->key);
     vfs_status status{};
     if (ops().write(file->handle, record, nullptr, &status, &lock, VFS_POS_KEY,
@@ -146,9 +153,11 @@ file_status write_indexed(open_file *file, vfs_record *record, const vfs_lock_re
 
 // The record that REWRITE and DELETE are about: the one last read under sequential access, else by number or primary key.
 template <typename Operation>
-int64_t on_named_record(const control_block &fcd, open_file *file, const Operation &operation)
+int64_t on_named_record(const control_block &fcd, open_file *file, bool rewrites, const Operation &operation)
 {
-    if (file->access == access::sequential && !has_sparse_keys(*file)) return operation(VFS_POS_CURRENT);
+    // Looking for other records with a value of a sparse key has moved the driver's own place.
+    const bool looked = rewrites && has_sparse_keys(*file);
+    if (file->access == access::sequential && !looked) return operation(VFS_POS_CURRENT);
     if (file->kind == organization::relative)
         return operation(VFS_POS_RRN, static_cast<int64_t>(fcd.relative_key()) - 1);
     file->keys[0].take(fcd.record(), &file->key);
@@ -208,9 +217,8 @@ file_status read_step(control_block *fcd, open_file *file, direction way)
             const key_shape &key = file->keys[file->reference];
             key.take(fcd->record(), &file->key);
             if (key.suppresses(file->key)) {
-                if (driver_start(file, forward ? VFS_GREATER : VFS_LESS, file->key, file->reference) == -1)
-                    return nothing_behind(file, way);
-                continue;
+                if (driver_start(file, forward ? VFS_GREATER : VFS_LESS, file->key, file->reference) >= 0) continue;
+                return errno == ESPIPE ? nothing_behind(file, way) : read_failed(file, asked::sequential_read);
             }
         }
         return record_was_read(fcd, file, found, length, true);
@@ -280,21 +288,13 @@ file_status rewrite_record(control_block *fcd, open_file *file)
         file->keys[0].take(bytes, &file->key);
         if (file->access == access::sequential && file->key != file->key_read) return status_of(21);
         if (has_sparse_keys(*file)) {
-            std::string before(file->maximum, '\0');
-            vfs_record area{.length = before.size(), .bytes = before.data()};
-            vfs_lock_request look{};
-            look.request_kind = VFS_KIND_NO_LOCK;
-            const int64_t found = ops().read(file->handle, &area, nullptr, nullptr, &look, VFS_POS_KEY,
-                                             static_cast<const void *>(file->key.data()),
-                                             static_cast<int64_t>(file->key.size()), int64_t{0});
-            if (found <= 0) return status_of(23);
-            if (sparse_key_taken(file, bytes, before.data())) return status_of(22);
+            if (const file_status status = sparse_keys_check(file, bytes, &file->key); !status.good()) return status;
         }
     }
     vfs_record record{.length = length, .bytes = fcd->record()};
     const vfs_lock_request lock = lock_for_change(fcd->options());
     vfs_status status{};
-    const int64_t done = on_named_record(*fcd, file, [&](int32_t mode, auto... place) {
+    const int64_t done = on_named_record(*fcd, file, true, [&](int32_t mode, auto... place) {
         return ops().rewrite(file->handle, &record, nullptr, &status, &lock, mode, place...);
     });
     if (done == -1) return status_of_error(errno, asked::rewrite, file->kind);
@@ -305,7 +305,7 @@ file_status delete_record(control_block *fcd, open_file *file)
 {
     if (const auto refused = not_changeable(*fcd, file); refused) return *refused;
     const vfs_lock_request lock = lock_for_change(0);
-    const int64_t done = on_named_record(*fcd, file, [&](int32_t mode, auto... place) {
+    const int64_t done = on_named_record(*fcd, file, false, [&](int32_t mode, auto... place) {
         vfs_record record{.length = file->maximum, .bytes = fcd->record()};
         return ops().delete_record(file->handle, &record, nullptr, nullptr, &lock, mode, place...);
     });

@@ -78,10 +78,13 @@ EXPORTED void cob_extfh_open(handler call, cob_file *file, const int mode, const
 {
     NEXT(cob_extfh_open);
     if (call != vfs_extfh) return next(call, file, mode, sharing, status);
-    if (is_given_back(file)) return cob_open(file, mode, sharing, status);
-    if (!is_regular_business(file) || (file_of(file) == nullptr && names_a_device(file))) {
+    if (!is_given_back(file) && (!is_regular_business(file) || (file_of(file) == nullptr && names_a_device(file))))
         given_back.push_back(file);
-        return cob_open(file, mode, sharing, status);
+    if (is_given_back(file)) {
+        cob_open(file, mode, sharing, status);
+        if (file->open_mode == COB_OPEN_CLOSED || file->open_mode == COB_OPEN_LOCKED) // the next name may be another's
+            std::erase(given_back, file);
+        return;
     }
     const call_under_way context{file, sharing};
     const unsigned char mode_before = file->open_mode;

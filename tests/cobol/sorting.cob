@@ -61,5 +61,9 @@ procedure division.
     move "line 2" to pr write pr after advancing page
     call "expect" using "write for a printer" "00" st
     close p
+    open output p call "expect" using "open the file for a printer again" "00" st
+    move "line 3" to pr write pr after advancing 1 line
+    call "expect" using "write for a printer again" "00" st
+    close p
     stop run.
 end program sorting.
