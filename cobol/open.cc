@@ -119,23 +119,24 @@ private:
     std::vector<int64_t> words_;
 };
 
-// The program's own clauses decide unless the user has set VFS_LOCK.
-class own_lock_modes {
+// A setting for the time of one open, unless the user has made it; null: none.
+class setting_for_open {
 public:
-    own_lock_modes()
+    setting_for_open(const char *name, const char *value) : name_(name)
     {
-        const char *value = getenv("VFS_LOCK");
-        set_ = value == nullptr || *value == '\0';
-        if (set_) setenv("VFS_LOCK", "9", 1);
+        const char *now = getenv(name);
+        set_ = value != nullptr && (now == nullptr || *now == '\0');
+        if (set_) setenv(name, value, 1);
     }
-    ~own_lock_modes()
+    ~setting_for_open()
     {
-        if (set_) unsetenv("VFS_LOCK");
+        if (set_) unsetenv(name_);
     }
-    own_lock_modes(const own_lock_modes &) = delete;
-    own_lock_modes &operator=(const own_lock_modes &) = delete;
+    setting_for_open(const setting_for_open &) = delete;
+    setting_for_open &operator=(const setting_for_open &) = delete;
 
 private:
+    const char *name_;
     bool set_;
 };
 
@@ -162,7 +163,9 @@ bool open_with_driver(const wanted_file &wanted, bool makes, open_file *file)
                         : file->access == access::random   ? VFS_ACCESS_RANDOM
                                                            : VFS_ACCESS_DYNAMIC;
     block.record_format = file->fixed ? VFS_FORMAT_FIXED : VFS_FORMAT_VARIABLE;
-    const own_lock_modes own;
+    const setting_for_open clauses_decide{"VFS_LOCK", "9"};
+    // Programs of this kind read their files by key all over the place.
+    const setting_for_open budget{"VFS_CACHE_SIZE", getenv("VFS_DATA_COUNT") == nullptr ? "16M" : nullptr};
     file->handle = ops().open(&block);
     file->shared = locks.lock_mode == VFS_LOCK_RECORD;
     return file->handle != nullptr;
