@@ -272,6 +272,7 @@ void choose_engines(vfs_file *file)
     if (!is_shared(file) && file->settings.asynchronous_io) file->mode_flags |= mode_asynchronous;
     if (!is_shared(file) && file->settings.io_threads == tri_state::on) file->mode_flags |= mode_threads;
     if (!file->settings.caching && file->debug) std::fprintf(stderr, "No caching...\n");
+    file->preallocates = !is_shared(file) && !is_read_only(file);
 }
 
 // ---- The descriptor ----
@@ -609,53 +610,6 @@ void advise(vfs_file *file)
     file->data.flags |= cache_sequential;
 }
 
-// Space ahead is for files that nobody else makes longer. Index blocks come at the end of the file as records do.
-void may_preallocate(const vfs_file *file, vfs_cache *cache)
-{
-    if (is_shared(file) || is_read_only(file) || !is_regular(file)) return;
-    cache->flags |= cache_preallocates;
-    cache->state |= cache_fallocate_usable;
-}
-
-bool appends_only(const vfs_file *file)
-{
-    return (file->host.open_flags & O_WRONLY) != 0 && (file->host.open_flags & O_APPEND) != 0;
-}
-
-// Which blocks are read before they are asked for: where a sequential reader of records that lie in order begins. All
-// others read what they need.
-void plan_preread(vfs_file *file)
-{
-    vfs_cache &data = file->data;
-    const bool updates = !is_read_only(file) && (file->mode_flags & mode_write_only) == 0;
-    const bool in_order = file->access_mode == VFS_ACCESS_SEQUENTIAL && file->physically_sequential;
-    if (!is_regular(file) || !in_order || (updates && file->trees())) {
-        data.readahead = 0;
-        return;
-    }
-    if (file->end_of_file == file->data_start || (file->host.options & VFS_OPT_NO_PREREAD) != 0) return;
-    data.preread_position = file->end_of_file;
-    if ((file->mode_flags & mode_reversed) != 0) {
-        data.preread_direction = preread_backward;
-        data.preread_count = data.max;
-    } else if (appends_only(file)) {
-        data.preread_count = 1;
-    } else if ((file->mode_flags & mode_write_only) == 0) {
-        data.preread_position = file->data_start;
-        data.preread_count = data.min = data.max;
-    }
-}
-
-// The block with the record that a sequential program asks for first.
-void prefetch_first_block(vfs_file *file)
-{
-    const bool wanted = file->access_mode == VFS_ACCESS_SEQUENTIAL && file->data.count != 0 && is_regular(file) &&
-                        (file->host.options & VFS_OPT_NO_PREREAD) == 0;
-    const vfs_request &first = file->current;
-    const uint64_t position = first.record_offset - (first.mode == VFS_POS_AFTER_LAST ? 1 : 0);
-    if (wanted && position >= file->data_start && position < file->end_of_file) cache_prefetch(&file->data, position);
-}
-
 int open_data_cache(vfs_file *file)
 {
     size_data_cache(file);
@@ -663,8 +617,10 @@ int open_data_cache(vfs_file *file)
     file->data.filesize = file->end_of_file;
     file->data.flags |= cache_zero_fill;
     if (file->data_block_size < file->data.block_size) file->data.flags |= cache_split_changes;
-    may_preallocate(file, &file->data);
-    plan_preread(file);
+    if (file->preallocates && is_regular(file)) {
+        file->data.flags |= cache_preallocates;
+        file->data.state |= cache_fallocate_usable;
+    }
     advise(file);
     return cache_init(&file->data);
 }
@@ -700,7 +656,8 @@ void initial_position(vfs_file *file)
     static constexpr uint8_t forward[8] = {0, 4, 1, 0, 2, 3, 3, 1}, reversed[8] = {1, 0, 0, 4, 3, 1, 2, 3};
     const bool backwards = (file->mode_flags & mode_reversed) != 0;
     std::memcpy(file->direction, backwards ? reversed : forward, sizeof file->direction);
-    const bool at_end = backwards || appends_only(file);
+    const bool appends = (file->host.open_flags & O_WRONLY) != 0 && (file->host.open_flags & O_APPEND) != 0;
+    const bool at_end = backwards || appends;
 
     vfs_request &last = file->last;
     last.key_length = file->indexed() ? key_length_of(file, 0) : 8; // key 0 is the key of reference to begin with
@@ -750,7 +707,6 @@ int set_up_store(vfs_file *file)
 {
     file->meta.rfd = file->meta.wfd = file->fd;
     file->meta.flags |= cache_zero_fill;
-    may_preallocate(file, &file->meta);
     if (file->unbuffered_stream) return header_open(file); // refuses it
     lock_target bracket;
     lock_target whole{.file = file, .counted = &file->data, .kind = lock_file, .write = !is_read_only(file)};
@@ -764,10 +720,8 @@ int set_up_store(vfs_file *file)
         settle_highest(file);
         result = allocate_buffers(file);
     }
-    file->preallocates = !is_shared(file) && !is_read_only(file); // from here on: a new file is made as long as it is
     if (result == 0 && (file->host.options & VFS_OPT_NO_IO) == 0) result = open_data_cache(file);
     if (result == 0) initial_position(file);
-    if (result == 0) prefetch_first_block(file);
     const int cause = errno;
     if (is_shared(file) && lock_clr(bracket) == -1 && result == 0) return -1;
     return result == 0 ? 0 : fail(cause);
