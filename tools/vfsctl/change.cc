@@ -31,11 +31,11 @@ std::string record_of_csv(const change_options &options)
     csv_row row;
     csv_reader{options.text}.next(row);
     if (row.fields.size() != columns.columns.size())
-        throw tool_error(
+        throw usage_error(
             fmt::format("the record has {} fields, the layout {}", row.fields.size(), columns.columns.size()));
     std::string reason;
     const auto record = record_of_fields(columns, {row.fields.begin(), row.fields.end()}, &reason);
-    if (!record) throw tool_error("the record does not fit the layout: " + reason);
+    if (!record) throw usage_error("the record does not fit the layout: " + reason);
     return *record;
 }
 
@@ -61,8 +61,8 @@ int put(const change_options &options)
     outcome result = outcome::not_found;
     if (!options.only_add) {
         if (primary.spec.duplicates)
-            throw tool_error(options.file +
-                             ": its primary key allows duplicates and names no single record; use --add");
+            throw usage_error(options.file +
+                              ": its primary key allows duplicates and names no single record; use --add");
         result = file.rewrite(record, key_value(primary.spec, record));
     }
     if (result == outcome::not_found && !options.only_replace) {
@@ -86,8 +86,8 @@ int remove_record(const change_options &options)
     record_file file{{.path = options.file, .flags = O_RDWR}};
     const chosen_key key = choose_key(options.by, file.info().keys, nullptr);
     if (key.spec.duplicates)
-        throw tool_error(fmt::format("{}: key {} allows duplicates and names no single record; delete by another key",
-                                     options.file, key.number));
+        throw usage_error(fmt::format("{}: key {} allows duplicates and names no single record; delete by another key",
+                                      options.file, key.number));
     const std::string value = options.hex ? bytes_of_hex(options.text) : padded_key(options.text, key.spec.length());
     const outcome result = file.remove(value, key.number);
     file.close();

@@ -37,7 +37,7 @@ int create(const create_options &options)
     const uint64_t max = options.fixed > 0 ? options.fixed : options.max;
     const uint64_t min = options.fixed > 0 ? options.fixed : std::max(options.min, end);
     if (max < min)
-        throw tool_error(
+        throw usage_error(
             fmt::format("records of at most {} bytes do not hold the keys, which end at byte {}", max, min));
 
     const key_description description{keys};
@@ -66,7 +66,7 @@ command_body declare_create(CLI::App &command)
     command.add_option("--fixed", options->fixed, "All records have this length")->excludes(max)->excludes(min);
     command.add_flag("--force", options->force, "Overwrite an existing file");
     return [options] {
-        if (options->max == 0 && options->fixed == 0) throw tool_error("create: give --max or --fixed");
+        if (options->max == 0 && options->fixed == 0) throw usage_error("create: give --max or --fixed");
         return create(*options);
     };
 }

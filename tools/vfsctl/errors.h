@@ -8,10 +8,11 @@
 // Exit statuses of the tool.
 enum exit_status {
     exit_good = 0,
-    exit_nothing_found = 1, // a key or range that names no record
-    exit_failed = 2,        // the command could not be done
-    exit_refused_rows = 3,  // done, but some rows of the input were refused and reported
-    exit_interrupted = 130, // stopped by the user; the file was closed in order
+    exit_failed = 1,                  // the command could not be done
+    exit_nothing_found = exit_failed, // a key or range that names no record
+    exit_refused_rows = exit_failed,  // done, but some rows of the input were refused and reported
+    exit_usage = 2,                   // the command line or a description in it makes no sense
+    exit_interrupted = 130,           // stopped by the user; the file was closed in order
 };
 
 // Those of the command check, as of fsck(8).
@@ -27,6 +28,12 @@ enum check_status {
 class tool_error : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
+};
+
+// What was typed cannot be meant: a status of its own.
+class usage_error : public tool_error {
+public:
+    using tool_error::tool_error;
 };
 
 // The user stopped the command; what was open has been closed in order.

@@ -44,8 +44,8 @@ key_part parse_part(std::string_view text, const layout *columns)
         const auto length = number(text.substr(colon + 1));
         if (offset && length && *length > 0) return {*offset, *length};
     }
-    throw tool_error(fmt::format("key part '{}': write offset:length{}", text,
-                                 columns != nullptr ? ", or the name of a column of fixed width" : ""));
+    throw usage_error(fmt::format("key part '{}': write offset:length{}", text,
+                                  columns != nullptr ? ", or the name of a column of fixed width" : ""));
 }
 
 } // namespace
@@ -69,7 +69,7 @@ key_spec parse_key(std::string_view text, const layout *columns)
     key_spec key;
     const auto words = split(text, ',');
     for (const std::string_view word : std::vector(words.begin() + 1, words.end())) {
-        if (word != "dup") throw tool_error(fmt::format("key '{}': '{}' is not known, only 'dup' is", text, word));
+        if (word != "dup") throw usage_error(fmt::format("key '{}': '{}' is not known, only 'dup' is", text, word));
         key.duplicates = true;
     }
     for (const std::string_view part : split(words.front(), '+')) key.parts.push_back(parse_part(part, columns));
@@ -158,8 +158,8 @@ chosen_key choose_key(std::string_view text, const vfs_key_desc *block, const la
                                parts.front().length == column->width;
         if (is_column || (!column && wanted && *wanted == k)) return {keys[k], static_cast<int64_t>(k)};
     }
-    throw tool_error(fmt::format("there is no key '{}'; the file has the keys 0 to {}, 'vfsctl info' shows them", text,
-                                 keys.empty() ? 0 : keys.size() - 1));
+    throw usage_error(fmt::format("there is no key '{}'; the file has the keys 0 to {}, 'vfsctl info' shows them", text,
+                                  keys.empty() ? 0 : keys.size() - 1));
 }
 
 std::string key_value(const key_spec &key, std::string_view record)
@@ -177,7 +177,7 @@ std::string key_value(const key_spec &key, std::string_view record)
 std::string padded_key(std::string_view text, uint64_t length)
 {
     if (text.size() > length)
-        throw tool_error(fmt::format("key value '{}' has {} bytes, the key only {}", text, text.size(), length));
+        throw usage_error(fmt::format("key value '{}' has {} bytes, the key only {}", text, text.size(), length));
     std::string value{text};
     value.resize(length, ' ');
     return value;
@@ -185,13 +185,13 @@ std::string padded_key(std::string_view text, uint64_t length)
 
 std::string bytes_of_hex(std::string_view text)
 {
-    if (text.size() % 2 != 0) throw tool_error(fmt::format("'{}': hexadecimal digits come in pairs", text));
+    if (text.size() % 2 != 0) throw usage_error(fmt::format("'{}': hexadecimal digits come in pairs", text));
     std::string bytes;
     for (size_t at = 0; at < text.size(); at += 2) {
         unsigned value = 0;
         const auto [end, error] = std::from_chars(text.data() + at, text.data() + at + 2, value, 16);
         if (error != std::errc{} || end != text.data() + at + 2)
-            throw tool_error(fmt::format("'{}' is not hexadecimal", text.substr(at, 2)));
+            throw usage_error(fmt::format("'{}' is not hexadecimal", text.substr(at, 2)));
         bytes += static_cast<char>(value);
     }
     return bytes;

@@ -19,7 +19,7 @@ layout_column parse_column(std::string_view text)
 {
     const size_t colon = text.rfind(':');
     if (colon == std::string_view::npos || colon == 0)
-        throw tool_error(fmt::format("layout column '{}': write name:width, name:auto or name:*", text));
+        throw usage_error(fmt::format("layout column '{}': write name:width, name:auto or name:*", text));
     const std::string name{text.substr(0, colon)};
     const std::string_view width = text.substr(colon + 1);
     if (width == "auto") return {name, column_kind::automatic, 0, 0};
@@ -27,7 +27,7 @@ layout_column parse_column(std::string_view text)
     uint64_t value = 0;
     const auto [end, error] = std::from_chars(width.data(), width.data() + width.size(), value);
     if (error != std::errc{} || end != width.data() + width.size() || value == 0 || value > UINT32_MAX)
-        throw tool_error(fmt::format("layout column '{}': the width is a number of bytes, auto or *", text));
+        throw usage_error(fmt::format("layout column '{}': the width is a number of bytes, auto or *", text));
     return {name, column_kind::fixed, value, 0};
 }
 
@@ -91,9 +91,9 @@ layout parse_layout(std::string_view text)
         layout_column column = parse_column(text.substr(0, comma));
         for (const layout_column &earlier : result.columns) {
             if (earlier.kind == column_kind::rest)
-                throw tool_error(fmt::format("layout: only the last column may be '*', not '{}'", earlier.name));
+                throw usage_error(fmt::format("layout: only the last column may be '*', not '{}'", earlier.name));
             if (same_name(earlier.name, column.name))
-                throw tool_error(fmt::format("layout: column '{}' stands there twice", column.name));
+                throw usage_error(fmt::format("layout: column '{}' stands there twice", column.name));
         }
         result.columns.push_back(std::move(column));
         if (comma == std::string_view::npos) break;
@@ -107,7 +107,8 @@ layout parse_settled_layout(std::string_view text)
 {
     layout result = parse_layout(text);
     if (waits_for_data(result))
-        throw tool_error("layout: 'auto' has a meaning only when data are loaded; give the widths that 'load' printed");
+        throw usage_error(
+            "layout: 'auto' has a meaning only when data are loaded; give the widths that 'load' printed");
     return result;
 }
 

@@ -33,24 +33,28 @@ constexpr const char *footer = R"(
 Keys: offset:length, parts joined by '+', ',dup' when several records may share a value; the first is the primary key:
   --key 0:12 --key 12:30,dup --key 60:4+70:2,dup
 Layouts (CSV): --layout "code:9,name:auto,address:*"; with a layout a key may also name a column: --key code
-Exit status: 0 done, 1 nothing found, 2 failed, 3 done but rows were refused, 130 interrupted.
+Exit status: 0 done; 1 failed, nothing found, or something was refused; 2 wrong usage; 130 interrupted.
 Of check: 0 sound, 1 cleared, 4 damaged or not closed, 8 could not be checked, 16 wrong usage.
 The settings of the driver (VFS_LOCK, VFS_CACHE_SIZE, ...) hold here too: docs/operations.md lists them.)";
+
+constexpr const char *version_text = "vfsctl " VFSCTL_VERSION;
 
 int run(int argc, char **argv)
 {
     CLI::App app{"Works with the indexed files of the driver libvfs_psx_64r.so.", "vfsctl"};
     app.footer(footer);
     app.require_subcommand(1);
+    app.set_version_flag("-V,--version", version_text, "Print the version and exit");
     std::vector<std::pair<CLI::App *, command_body>> bodies;
     for (const command &row : commands) {
         CLI::App *sub = app.add_subcommand(row.name, row.summary);
+        sub->set_version_flag("-V,--version", version_text, "Print the version and exit");
         bodies.emplace_back(sub, row.declare(*sub));
     }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        const int failed = app.got_subcommand("check") ? static_cast<int>(check_usage) : static_cast<int>(exit_failed);
+        const int failed = app.got_subcommand("check") ? static_cast<int>(check_usage) : static_cast<int>(exit_usage);
         return app.exit(error) == 0 ? exit_good : failed;
     }
     for (const auto &[sub, body] : bodies)
@@ -70,6 +74,9 @@ int main(int argc, char **argv)
         std::fflush(stdout);
         fmt::print(stderr, "vfsctl: {}\n", stopped.what());
         return exit_interrupted;
+    } catch (const usage_error &error) {
+        fmt::print(stderr, "vfsctl: {}\n", error.what());
+        return exit_usage;
     } catch (const std::exception &error) {
         std::fflush(stdout);
         fmt::print(stderr, "vfsctl: {}\n", error.what());

@@ -71,7 +71,7 @@ key_range range_of(const read_options &options, const chosen_key &key)
     if (options.hex) range = {bytes_of_hex(range.from), bytes_of_hex(range.to)};
     for (const std::string &end : {range.from, range.to})
         if (end.size() > key.spec.length())
-            throw tool_error(fmt::format("'{}' is longer than the key, which has {} bytes", end, key.spec.length()));
+            throw usage_error(fmt::format("'{}' is longer than the key, which has {} bytes", end, key.spec.length()));
     return range;
 }
 
@@ -123,7 +123,7 @@ command_body declare_get(CLI::App &command)
     declare_common(command, *options);
     command.add_option("key", options->key, "The whole key value; a shorter one is padded with blanks")->required();
     return [options] {
-        if (options->key.empty()) throw tool_error("get: the key value is empty");
+        if (options->key.empty()) throw usage_error("get: the key value is empty");
         const int status = show(*options);
         if (status == exit_nothing_found)
             fmt::print(stderr, "vfsctl: {}: no record with the key '{}'\n", options->file, options->key);
