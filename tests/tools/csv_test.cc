@@ -13,7 +13,8 @@ using rows = std::vector<std::vector<std::string>>;
 
 rows all_rows(std::string_view text)
 {
-    csv_reader reader{text};
+    text_input input = text_input::of_text(text);
+    csv_reader reader{input};
     csv_row row;
     rows result;
     while (reader.next(row)) result.push_back(row.fields);
@@ -68,7 +69,8 @@ TEST(Csv, QuotedFieldsKeepCommasQuotesAndNewlines)
 
 TEST(Csv, LineNumbersCountNewlinesInsideQuotesAndEmptyLines)
 {
-    csv_reader reader{"h\n\"1\n2\"\n\nlast\n"};
+    text_input input = text_input::of_text("h\n\"1\n2\"\n\nlast\n");
+    csv_reader reader{input};
     csv_row row;
     std::vector<size_t> lines;
     while (reader.next(row)) lines.push_back(row.line);

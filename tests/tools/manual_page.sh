@@ -7,7 +7,7 @@ failed=0
 
 # The long options of a command: as the program lists them, and as the synopsis shows them.
 listed() {
-    "$vfsctl" "$1" --help | sed -n '/^Options:/,/^$/s/^  --\([a-z]*\).*/\1/p' | sort -u | xargs
+    "$vfsctl" "$1" --help | sed -nE '/^Options:/,/^$/s/^  (-[a-z],)?--([a-z]*).*/\2/p' | grep -vx help | sort -u | xargs
 }
 shown() {
     sed -n '/^\.Sh SYNOPSIS/,/^\.Sh DESCRIPTION/p' "$page" |

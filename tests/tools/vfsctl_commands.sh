@@ -104,6 +104,47 @@ check "load fixed" 0 "3" sh -c "'$vfsctl' load x --fixed 4 bytes --key 0:2 >/dev
 check "fixed records come back in key order" 0 "aa11bb22cc33" "$vfsctl" scan x --raw
 check "a record of another length is refused" 1 "" "$vfsctl" put x dd445
 
+# ---- a schema, and lines of JSON
+cat >schema.json <<'END'
+{"fields": [{"name": "number", "type": "digits", "bytes": 4}, {"name": "name", "bytes": 8},
+            {"name": "balance", "type": "packed", "bytes": 4, "decimals": 2}, {"name": "note"}],
+ "keys": ["number", "name,dup"], "max": 60}
+END
+printf '{"number": 9, "name": "Zoe", "balance": -2.5}\n{"number": 4, "name": "Ann", "note": "x"}\n' >good.json
+check "load JSON by a schema" 0 "" sh -c "'$vfsctl' load j --json good.json --schema schema.json --sort >load.out"
+check "JSON comes back" 0 '{"number":9,"name":"Zoe","balance":-2.5,"note":""}' "$vfsctl" get j Zoe --by name --json --schema schema.json
+check "and as CSV" 0 "number,name,balance,note${newline}4,Ann,0.00,x" "$vfsctl" scan j --schema schema.json --limit 1
+check "put JSON" 0 "j: added" "$vfsctl" put j --json --schema schema.json '{"number": 5, "name": "Bob"}'
+printf '{"number": 4, "name": "Two"}\n{"nummer": 6}\n{"number": 6}\n' >bad.json
+check "a row that makes no record is refused, the others are loaded" 1 "bad.json:2: there is no column 'nummer': {\"nummer\"
+bad.json:1: a record with this key is there already" \
+    sh -c "'$vfsctl' load j --json bad.json --schema schema.json --rejects rejects >load.out; status=\$?; cut -d: -f1-4 rejects | sed 's/: 0004Two.*//'; exit \$status"
+check "standard input can be a pipe" 0 "4" sh -c "'$vfsctl' scan j --json --schema schema.json | '$vfsctl' load j2 --json - --schema schema.json >load.out && '$vfsctl' scan j2 --count"
+check "create by a schema" 0 "j3: made, 2 keys, records of 12 to 60 bytes" "$vfsctl" create j3 --schema schema.json
+printf '{"fields": 3}' >broken.json
+check "a broken schema is wrong usage" 2 "" "$vfsctl" create j4 --schema broken.json
+says "a broken schema is wrong usage" "broken.json: 'fields' is a list"
+
+# ---- dump and undump
+check "dump" 0 "VERSION=3${newline}format=print${newline}type=btree${newline}HEADER=END${newline} 001${newline} 001blueONE" \
+    sh -c "'$vfsctl' dump -p f | head -6"
+check "undump makes the same file" 0 "" sh -c "'$vfsctl' dump f | '$vfsctl' undump f2 --key 0:3 --key 3:4,dup >load.out && '$vfsctl' scan f --raw >1 && '$vfsctl' scan f2 --raw >2 && cmp 1 2"
+check "a key that came with a record has to be the record's" 0 "1 rows refused" \
+    sh -c "'$vfsctl' dump -p f2 | sed 's/^ 004$/ 014/; s/^ 00\(.[a-z]\)/ 00\1/' | '$vfsctl' undump f3 --key 0:3 2>refused | sed 's/.*, //'; grep -q 'primary key' refused"
+printf 'VERSION=3\nformat=print\ntype=recno\nkeys=1\nHEADER=END\n 3\n c\n 1\n a\nDATA=END\n' >numbers
+check "record numbers become a relative file" 0 "a${newline}c" sh -c "'$vfsctl' undump n --organization relative numbers >load.out && '$vfsctl' scan n"
+check "and back" 0 " 31${newline} 61${newline} 33${newline} 63${newline}DATA=END" sh -c "'$vfsctl' dump n | tail -5"
+check "an indexed file needs keys" 2 "" "$vfsctl" undump n2 --organization indexed numbers
+check "a dump that is cut off makes no file" 1 "" sh -c "head -7 numbers | '$vfsctl' undump n3 --organization relative"
+check "and leaves none" 1 "" test -e n3
+if command -v db5.3_load mdb_load >/dev/null; then
+    check "the stock tools read it" 0 "" sh -c "'$vfsctl' dump f | db5.3_load f.db && '$vfsctl' dump n | db5.3_load n.db &&
+        mkdir f.mdb && '$vfsctl' dump -p f | mdb_load f.mdb"
+    for tool in "db5.3_dump f.db" "db5.3_dump -p f.db" "mdb_dump f.mdb" "mdb_dump -p f.mdb"; do
+        check "and $tool comes back" 0 "" sh -c "rm -f f4; $tool | '$vfsctl' undump f4 --key 0:3 --key 3:4,dup >load.out && '$vfsctl' scan f4 --raw >2 && cmp 1 2"
+    done
+fi
+
 # ---- check and rebuild
 check "check" 0 "x: sound, indexed, 1 key, 3 records" "$vfsctl" check x
 check "rebuild" 0 "y: 3 records kept, 0 places rejected" "$vfsctl" rebuild x --to y

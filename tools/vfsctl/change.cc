@@ -10,26 +10,28 @@
 #include "csv.h"
 #include "driver.h"
 #include "errors.h"
+#include "json_record.h"
 #include "keys.h"
-#include "layout.h"
+#include "schema.h"
 
 namespace {
 
 struct change_options {
     std::string file;
     std::string text; // put: the record; delete: the key value
-    std::string layout_text;
+    shape_options shape;
+    bool json = false;
     std::string by = "0";
     bool only_add = false;
     bool only_replace = false;
     bool hex = false;
 };
 
-std::string record_of_csv(const change_options &options)
+std::string record_of_csv(const std::string &text, const layout &columns)
 {
-    const layout columns = parse_settled_layout(options.layout_text);
+    text_input input = text_input::of_text(text);
     csv_row row;
-    csv_reader{options.text}.next(row);
+    csv_reader{input}.next(row);
     if (row.fields.size() != columns.columns.size())
         throw usage_error(
             fmt::format("the record has {} fields, the layout {}", row.fields.size(), columns.columns.size()));
@@ -39,11 +41,26 @@ std::string record_of_csv(const change_options &options)
     return *record;
 }
 
+std::string record_of_object(const std::string &text, const record_shape &shape)
+{
+    std::string reason;
+    const auto record =
+        record_of_json({.columns = shape.columns ? &*shape.columns : nullptr, .latin_1 = shape.latin_1}, text, &reason);
+    if (!record) throw usage_error("the record cannot be taken: " + reason);
+    return *record;
+}
+
+std::string bytes_given(const change_options &options)
+{
+    const record_shape shape = options.shape.read();
+    if (options.json) return record_of_object(options.text, shape);
+    if (options.hex) return bytes_of_hex(options.text);
+    return shape.columns ? record_of_csv(options.text, *shape.columns) : options.text;
+}
+
 std::string record_of(const change_options &options, const vfs_open_block &block)
 {
-    std::string record = !options.layout_text.empty() ? record_of_csv(options)
-                         : options.hex                ? bytes_of_hex(options.text)
-                                                      : options.text;
+    std::string record = bytes_given(options);
     const auto least = static_cast<size_t>(block.record_format == VFS_FORMAT_FIXED ? block.max_record_length
                                                                                    : block.min_record_length);
     if (record.size() < least) record.resize(least, ' ');
@@ -107,8 +124,9 @@ command_body declare_put(CLI::App &command)
     command.add_option("file", options->file, "The file")->required();
     command.add_option("record", options->text, "The record; a short one is padded with blanks to the shortest length")
         ->required();
-    command.add_option("--layout", options->layout_text, "The record is a CSV row with these columns");
-    command.add_flag("--hex", options->hex, "The record is given in hexadecimal")->excludes("--layout");
+    auto *layout = declare_layout(command, options->shape, "The record is a CSV row with these columns");
+    auto *json = command.add_flag("--json", options->json, "The record is a JSON object");
+    command.add_flag("--hex", options->hex, "The record is given in hexadecimal")->excludes(layout)->excludes(json);
     auto *add = command.add_flag("--add", options->only_add, "Only add; an existing record is an error");
     command.add_flag("--replace", options->only_replace, "Only replace; a missing record is an error")->excludes(add);
     return [options] { return put(*options); };

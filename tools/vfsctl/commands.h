@@ -9,6 +9,8 @@ using command_body = std::function<int()>; // returns an exit_status, throws too
 
 command_body declare_create(CLI::App &command);
 command_body declare_load(CLI::App &command);
+command_body declare_dump(CLI::App &command);
+command_body declare_undump(CLI::App &command);
 command_body declare_get(CLI::App &command);
 command_body declare_scan(CLI::App &command);
 command_body declare_put(CLI::App &command);

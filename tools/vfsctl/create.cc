@@ -1,7 +1,6 @@
 // vfsctl create
 #include <algorithm>
 #include <memory>
-#include <optional>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -10,14 +9,14 @@
 #include "driver.h"
 #include "errors.h"
 #include "keys.h"
-#include "layout.h"
+#include "schema.h"
 
 namespace {
 
 struct create_options {
     std::string file;
     std::vector<std::string> keys;
-    std::string layout_text;
+    shape_options shape;
     uint64_t min = 0;
     uint64_t max = 0;
     uint64_t fixed = 0;
@@ -26,19 +25,26 @@ struct create_options {
 
 int create(const create_options &options)
 {
-    std::optional<layout> columns;
-    if (!options.layout_text.empty()) columns = parse_settled_layout(options.layout_text);
+    record_shape shape = options.shape.read();
+    if (!options.keys.empty()) shape.keys = options.keys;
+    if (options.fixed + options.max > 0) shape.fixed = options.fixed;
+    if (options.max > 0) shape.max = options.max;
+    if (options.min > 0) shape.min = options.min;
+    if (shape.keys.empty()) throw usage_error("create: give --key, or a schema with keys");
+    if (shape.max == 0 && shape.fixed == 0)
+        throw usage_error("create: give --max or --fixed, or a schema with one of them");
     std::vector<key_spec> keys;
     uint64_t end = 0;
-    for (const std::string &text : options.keys) {
-        keys.push_back(parse_key(text, columns ? &*columns : nullptr));
+    for (const std::string &text : shape.keys) {
+        keys.push_back(parse_key(text, shape.columns ? &*shape.columns : nullptr));
         end = std::max(end, keys.back().end());
     }
-    const uint64_t max = options.fixed > 0 ? options.fixed : options.max;
-    const uint64_t min = options.fixed > 0 ? options.fixed : std::max(options.min, end);
-    if (max < min)
+    const bool fixed = shape.fixed > 0;
+    const uint64_t max = fixed ? shape.fixed : shape.max;
+    const uint64_t min = fixed ? shape.fixed : std::max(shape.min, end);
+    if (max < min || max < end)
         throw usage_error(
-            fmt::format("records of at most {} bytes do not hold the keys, which end at byte {}", max, min));
+            fmt::format("records of at most {} bytes do not hold the keys, which end at byte {}", max, end));
 
     const key_description description{keys};
     record_file file{{.path = options.file,
@@ -46,7 +52,7 @@ int create(const create_options &options)
                       .keys = description.get(),
                       .min_record_length = static_cast<int64_t>(min),
                       .max_record_length = static_cast<int64_t>(max),
-                      .fixed_length = options.fixed > 0}};
+                      .fixed_length = fixed}};
     file.close();
     fmt::print("{}: made, {} key{}, records of {} to {} bytes\n", options.file, keys.size(),
                keys.size() == 1 ? "" : "s", min, max);
@@ -59,14 +65,11 @@ command_body declare_create(CLI::App &command)
 {
     auto options = std::make_shared<create_options>();
     command.add_option("file", options->file, "The file to make")->required();
-    command.add_option("--key", options->keys, "A key, the primary one first")->required()->allow_extra_args(false);
-    command.add_option("--layout", options->layout_text, "Columns that keys may name (widths in bytes)");
+    command.add_option("--key", options->keys, "A key, the primary one first")->allow_extra_args(false);
+    declare_layout(command, options->shape, "Columns that keys may name (widths in bytes)");
     auto *max = command.add_option("--max", options->max, "Longest record in bytes");
     auto *min = command.add_option("--min", options->min, "Shortest record in bytes (default: up to the last key)");
     command.add_option("--fixed", options->fixed, "All records have this length")->excludes(max)->excludes(min);
     command.add_flag("--force", options->force, "Overwrite an existing file");
-    return [options] {
-        if (options->max == 0 && options->fixed == 0) throw usage_error("create: give --max or --fixed");
-        return create(*options);
-    };
+    return [options] { return create(*options); };
 }

@@ -1,73 +1,78 @@
-// The CSV reader: one pass over the text, one field at a time.
+// The CSV reader: one line at a time, more when a quoted field goes on behind it.
 #include "csv.h"
 
 #include <algorithm>
+#include <string_view>
 
 #include <fmt/format.h>
 
 #include "errors.h"
 
-csv_reader::csv_reader(std::string_view text) : text_(text)
-{
-    constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
-    if (text_.substr(0, byte_order_mark.size()) == byte_order_mark) at_ = byte_order_mark.size();
-}
+csv_reader::csv_reader(text_input &text) : text_(&text) {}
 
+// The line's end: nothing, or the carriage return of a CRLF.
 bool csv_reader::at_line_end() const
 {
-    return text_[at_] == '\n' || (text_[at_] == '\r' && (at_ + 1 == text_.size() || text_[at_ + 1] == '\n'));
+    return at_ == row_.size() || (row_[at_] == '\r' && at_ + 1 == row_.size());
 }
 
-void csv_reader::skip_line_end()
+bool csv_reader::next_line()
 {
-    at_ = std::min(at_ + (text_[at_] == '\r' ? 2 : 1), text_.size());
     ++line_;
+    return text_->line(row_);
 }
 
-std::string csv_reader::quoted_field()
+void csv_reader::read_quoted(std::string &field)
 {
     const size_t opened = line_;
-    std::string field;
     ++at_; // the opening quote
     for (;;) {
-        const size_t quote = text_.find('"', at_);
-        if (quote == std::string_view::npos)
-            throw tool_error(fmt::format("line {}: a quoted field is not closed", opened));
-        const std::string_view piece = text_.substr(at_, quote - at_);
-        line_ += static_cast<size_t>(std::count(piece.begin(), piece.end(), '\n'));
-        field += piece;
+        const size_t quote = row_.find('"', at_);
+        field.append(row_, at_, quote - at_);
+        if (quote == std::string::npos) { // the field goes on behind the newline
+            if (!next_line()) throw tool_error(fmt::format("line {}: a quoted field is not closed", opened));
+            field += '\n';
+            at_ = 0;
+            continue;
+        }
         at_ = quote + 1;
-        if (at_ >= text_.size() || text_[at_] != '"') break;
+        if (at_ >= row_.size() || row_[at_] != '"') break;
         field += '"';
         ++at_;
     }
-    if (at_ < text_.size() && text_[at_] != ',' && !at_line_end())
+    if (!at_line_end() && row_[at_] != ',')
         throw tool_error(fmt::format("line {}: text follows a closing quote", line_));
-    return field;
 }
 
-std::string csv_reader::plain_field()
+void csv_reader::read_plain(std::string &field)
 {
     const size_t start = at_;
-    while (at_ < text_.size() && text_[at_] != ',' && !at_line_end()) ++at_;
-    return std::string{text_.substr(start, at_ - start)};
+    while (!at_line_end() && row_[at_] != ',') ++at_;
+    field.assign(row_, start, at_ - start);
 }
 
 bool csv_reader::next(csv_row &row)
 {
-    while (at_ < text_.size() && at_line_end()) skip_line_end();
-    if (at_ >= text_.size()) return false;
+    constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+    do {
+        const bool first = line_ == 0;
+        if (!next_line()) return false;
+        at_ = first && std::string_view{row_}.starts_with(byte_order_mark) ? byte_order_mark.size() : 0;
+    } while (at_line_end());
     row.line = line_;
-    row.fields.clear();
-    for (;;) {
-        const bool quoted = at_ < text_.size() && text_[at_] == '"';
-        row.fields.push_back(quoted ? quoted_field() : plain_field());
-        if (at_ >= text_.size()) return true;
-        if (text_[at_] != ',') break;
-        ++at_;
+    for (size_t count = 1;; ++count, ++at_) {
+        row.fields.resize(std::max(row.fields.size(), count));
+        std::string &field = row.fields[count - 1];
+        field.clear();
+        if (at_ < row_.size() && row_[at_] == '"')
+            read_quoted(field);
+        else
+            read_plain(field);
+        if (at_line_end()) {
+            row.fields.resize(count);
+            return true;
+        }
     }
-    skip_line_end();
-    return true;
 }
 
 std::string csv_text(const std::vector<std::string> &fields)

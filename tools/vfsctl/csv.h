@@ -3,8 +3,9 @@
 
 #include <cstddef>
 #include <string>
-#include <string_view>
 #include <vector>
+
+#include "text_input.h"
 
 struct csv_row {
     size_t line = 0; // on which the row begins, from 1
@@ -16,18 +17,19 @@ struct csv_row {
 // could be read wrongly), so it throws tool_error with the line.
 class csv_reader {
 public:
-    explicit csv_reader(std::string_view text);
-    bool next(csv_row &row); // false at the end
+    explicit csv_reader(text_input &text); // from where it stands
+    bool next(csv_row &row);               // false at the end
 
 private:
-    std::string quoted_field();
-    std::string plain_field();
+    bool next_line();
     bool at_line_end() const;
-    void skip_line_end();
+    void read_quoted(std::string &field);
+    void read_plain(std::string &field);
 
-    std::string_view text_;
-    size_t at_ = 0;
-    size_t line_ = 1;
+    text_input *text_;
+    std::string row_; // the line that is being read, without its newline
+    size_t at_ = 0;   // in row_
+    size_t line_ = 0; // the number of that line, from 1
 };
 
 // The row as text, quoted where it has to be, without a line end.

@@ -82,6 +82,11 @@ const std::string &driver_path()
     return library().path;
 }
 
+bool file_exists(const std::string &path)
+{
+    return driver().ops.access(path.c_str()) != 0;
+}
+
 record_file::record_file(const open_request &request) : path_(request.path)
 {
     vfs_lock_request locks{};
@@ -134,7 +139,7 @@ vfs_open_block record_file::info()
 int64_t record_file::read_into_area(int32_t mode, int64_t key_number)
 {
     vfs_record record{.length = area_.size(), .bytes = area_.data()};
-    return driver().ops.read(handle_, &record, nullptr, nullptr, nullptr, mode, key_number);
+    return driver().ops.read(handle_, &record, nullptr, &status_, nullptr, mode, key_number);
 }
 
 std::optional<std::string_view> record_file::read(int32_t mode, int64_t key_number)
@@ -182,6 +187,12 @@ outcome record_file::write_at(int64_t rrn, std::string_view bytes)
 {
     vfs_record record{.length = bytes.size(), .bytes = const_cast<char *>(bytes.data())};
     return settle(driver().ops.write(handle_, &record, nullptr, nullptr, nullptr, VFS_POS_RRN, rrn), "cannot write");
+}
+
+outcome record_file::append(std::string_view bytes)
+{
+    vfs_record record{.length = bytes.size(), .bytes = const_cast<char *>(bytes.data())};
+    return settle(driver().ops.write(handle_, &record, nullptr, nullptr, nullptr, VFS_POS_END), "cannot write");
 }
 
 outcome record_file::rewrite(std::string_view bytes, std::string_view key)

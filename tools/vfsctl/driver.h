@@ -12,6 +12,7 @@
 // Loads the library on the first call: $VFS_LIBRARY, beside the program, ../lib of the program, the loader's path.
 const vfs_driver &driver();
 const std::string &driver_path(); // from where it was loaded
+bool file_exists(const std::string &path);
 
 struct open_request {
     std::string path;
@@ -45,8 +46,10 @@ public:
     // done, or refused with the error in last_error(); anything else throws. Keys come from the record.
     outcome write(std::string_view record);
     outcome write_at(int64_t rrn, std::string_view record);                 // files without keys
+    outcome append(std::string_view record);                                // files without keys
     outcome rewrite(std::string_view record, std::string_view primary_key); // or not_found
     outcome remove(std::string_view key, int64_t key_number);               // or not_found
+    uint64_t rrn() const { return status_.rrn; }                            // of the record read last, from 0
     int last_error() const { return last_error_; }
     std::string error_text(int error) const;
     void close(); // throws when what was written may not be in the file
@@ -59,5 +62,6 @@ private:
     std::string path_;
     std::string area_; // receives records; grows when one is longer
     vfs_file *handle_ = nullptr;
+    vfs_status status_{};
     int last_error_ = 0;
 };

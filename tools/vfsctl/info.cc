@@ -32,7 +32,8 @@ json facts_of(const std::string &path)
     record_file file{{.path = path, .flags = O_RDONLY}};
     const vfs_open_block block = file.info();
     json keys = json::array();
-    for (const key_spec &key : keys_of(block.keys)) {
+    const bool indexed = block.logical_organization == VFS_ORG_INDEXED;
+    for (const key_spec &key : indexed ? keys_of(block.keys) : std::vector<key_spec>{}) {
         json parts = json::array();
         for (const key_part &part : key.parts) parts.push_back({{"offset", part.offset}, {"length", part.length}});
         keys.push_back(

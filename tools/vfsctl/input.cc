@@ -1,36 +1,16 @@
 // Reads input files.
 #include "input.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <memory>
-
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
 #include "csv.h"
+#include "db_text.h"
 #include "errors.h"
+#include "json_record.h"
 
 namespace {
 
-std::string whole_file(const std::string &path)
-{
-    const auto close = [](std::FILE *file) {
-        if (file != stdin) std::fclose(file);
-    };
-    const std::unique_ptr<std::FILE, decltype(close)> file{path == "-" ? stdin : std::fopen(path.c_str(), "rb"), close};
-    if (file == nullptr) throw tool_error(failure_message(path, "cannot be read", errno, std::strerror(errno)));
-    std::string text;
-    char piece[1 << 16];
-    for (size_t count; (count = std::fread(piece, 1, sizeof piece, file.get())) > 0;) text.append(piece, count);
-    if (std::ferror(file.get()) != 0 && errno == EINTR) throw interruption(fmt::format("{}: interrupted", path));
-    if (std::ferror(file.get()) != 0)
-        throw tool_error(failure_message(path, "cannot be read", errno, std::strerror(errno)));
-    return text;
-}
-
-// For each column of the layout the position of its field in the rows of one file.
 std::vector<size_t> places_of(const layout &columns, const std::vector<std::string> &header, const std::string &path)
 {
     std::vector<size_t> places;
@@ -45,101 +25,167 @@ std::vector<size_t> places_of(const layout &columns, const std::vector<std::stri
     return places;
 }
 
-// One CSV file: its text, and where the layout's columns stand in its rows.
-struct csv_source {
-    std::string text;
-    std::vector<size_t> places;
-    size_t header_fields = 0;
-
-    // Calls row(const csv_row &, fields in the layout's order, which are empty when the row has not the header's count).
-    template <typename action> void each_row(const std::string &path, action row) const
-    {
-        try {
-            csv_reader reader{text};
-            csv_row current;
-            reader.next(current); // the header
-            std::vector<std::string_view> fields;
-            while (reader.next(current)) {
-                fields.clear();
-                if (current.fields.size() == header_fields)
-                    for (const size_t place : places) fields.push_back(current.fields[place]);
-                row(current, fields);
-            }
-        } catch (const tool_error &error) {
-            throw tool_error(fmt::format("{}: {}", path, error.what()));
-        }
-    }
-};
-
-csv_source open_csv(const std::string &path, std::optional<layout> &columns)
+// Calls row(const csv_row &) behind the header, until it returns false.
+template <typename action> bool each_row(text_input &input, action row)
 {
-    csv_source source{.text = whole_file(path), .places = {}};
-    csv_row header;
-    if (!csv_reader{source.text}.next(header))
-        throw tool_error(fmt::format("{}: it is empty, not even a header", path));
-    if (!columns) columns = layout_of_header(header.fields);
-    source.places = places_of(*columns, header.fields, path);
-    source.header_fields = header.fields.size();
-    return source;
+    try {
+        input.rewind();
+        csv_reader reader{input};
+        csv_row current;
+        reader.next(current); // the header
+        while (reader.next(current))
+            if (!row(current)) return false;
+        return true;
+    } catch (const interruption &) {
+        throw;
+    } catch (const tool_error &error) {
+        throw tool_error(fmt::format("{}: {}", input.path(), error.what()));
+    }
 }
 
 } // namespace
 
-input_set read_csv(const std::vector<std::string> &paths, std::optional<layout> wanted)
+record_input::record_input(input_request request) : request_(std::move(request))
 {
-    input_set set{.sources = paths, .records = {}, .refused = {}, .columns = std::move(wanted)};
-    std::vector<csv_source> sources;
-    for (const std::string &path : paths) {
-        sources.push_back(open_csv(path, set.columns));
-        sources.back().each_row(path, [&](const csv_row &, const std::vector<std::string_view> &fields) {
-            for (size_t i = 0; i < fields.size(); ++i) set.columns->widen(i, fields[i]);
-        });
-    }
-    set.columns->settle();
-    for (size_t s = 0; s < sources.size(); ++s) {
-        sources[s].each_row(paths[s], [&](const csv_row &row, const std::vector<std::string_view> &fields) {
-            std::string reason =
-                fmt::format("it has {} fields, the header {}", row.fields.size(), sources[s].header_fields);
-            std::optional<std::string> record;
-            if (!fields.empty()) record = record_of_fields(*set.columns, fields, &reason);
-            if (record)
-                set.records.push_back({std::move(*record), s, row.line});
-            else
-                set.refused.push_back({s, row.line, reason, csv_text(row.fields)});
-        });
-    }
-    return set;
+    for (const std::string &path : request_.paths) inputs_.emplace_back(path);
+    if (request_.format != input_format::csv) return;
+    for (size_t s = 0; s < inputs_.size(); ++s) read_header(s);
+    if (!request_.columns->is_settled()) settle_widths();
 }
 
-input_set read_lines(const std::vector<std::string> &paths)
+void record_input::read_header(size_t source)
 {
-    input_set set{.sources = paths, .records = {}, .refused = {}, .columns = std::nullopt};
-    for (size_t s = 0; s < paths.size(); ++s) {
-        const std::string text = whole_file(paths[s]);
-        std::string_view rest = text;
-        for (size_t line = 1; !rest.empty(); ++line) {
-            const size_t end = rest.find('\n');
-            set.records.push_back({std::string{rest.substr(0, end)}, s, line});
-            rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
-        }
-    }
-    return set;
+    csv_row header;
+    if (!csv_reader{inputs_[source]}.next(header))
+        throw tool_error(fmt::format("{}: it is empty, not even a header", name(source)));
+    if (!request_.columns) request_.columns = layout_of_header(header.fields);
+    headers_.push_back({places_of(*request_.columns, header.fields, name(source)), header.fields.size()});
 }
 
-input_set read_fixed(const std::vector<std::string> &paths, uint64_t length)
+void record_input::settle_widths()
 {
-    input_set set{.sources = paths, .records = {}, .refused = {}, .columns = std::nullopt};
-    for (size_t s = 0; s < paths.size(); ++s) {
-        const std::string text = whole_file(paths[s]);
-        size_t number = 1;
-        for (size_t at = 0; at < text.size(); at += length, ++number) {
-            std::string bytes = text.substr(at, length);
-            if (bytes.size() == length)
-                set.records.push_back({std::move(bytes), s, number});
-            else
-                set.refused.push_back(
-                    {s, number, fmt::format("it has {} bytes instead of {}", bytes.size(), length), std::move(bytes)});
+    for (size_t s = 0; s < inputs_.size(); ++s)
+        each_row(inputs_[s], [&](const csv_row &row) {
+            if (row.fields.size() != headers_[s].header_fields) return true;
+            for (size_t i = 0; i < headers_[s].places.size(); ++i)
+                request_.columns->widen(i, row.fields[headers_[s].places[i]]);
+            return true;
+        });
+    request_.columns->settle();
+}
+
+bool record_input::each_csv(size_t source, const receiver &to)
+{
+    const csv_places &header = headers_[source];
+    std::vector<std::string_view> fields;
+    input_record record{.bytes = {}, .source = source, .line = 0, .key = {}};
+    return each_row(inputs_[source], [&](const csv_row &row) {
+        std::string reason = fmt::format("it has {} fields, the header {}", row.fields.size(), header.header_fields);
+        fields.clear();
+        if (row.fields.size() == header.header_fields)
+            for (const size_t place : header.places) fields.push_back(row.fields[place]);
+        std::optional<std::string> bytes;
+        if (!fields.empty()) bytes = record_of_fields(*request_.columns, fields, &reason);
+        if (!bytes) {
+            to.refused({source, row.line, reason, csv_text(row.fields)});
+            return true;
+        }
+        record.bytes = std::move(*bytes);
+        record.line = row.line;
+        return to.record(record);
+    });
+}
+
+bool record_input::each_line(size_t source, const receiver &to)
+{
+    input_record record{.bytes = {}, .source = source, .line = 1, .key = {}};
+    for (; inputs_[source].line(record.bytes); ++record.line)
+        if (!to.record(record)) return false;
+    return true;
+}
+
+bool record_input::each_fixed(size_t source, const receiver &to)
+{
+    input_record record{.bytes = {}, .source = source, .line = 1, .key = {}};
+    for (;; ++record.line) {
+        record.bytes.resize(request_.fixed);
+        record.bytes.resize(inputs_[source].read(record.bytes.data(), record.bytes.size()));
+        if (record.bytes.empty()) return true;
+        if (record.bytes.size() < request_.fixed)
+            to.refused({source, record.line,
+                        fmt::format("it has {} bytes instead of {}", record.bytes.size(), request_.fixed),
+                        record.bytes});
+        else if (!to.record(record))
+            return false;
+    }
+}
+
+bool record_input::each_json(size_t source, const receiver &to)
+{
+    const json_shape shape{.columns = columns(), .latin_1 = request_.latin_1};
+    input_record record{.bytes = {}, .source = source, .line = 1, .key = {}};
+    std::string line;
+    for (; inputs_[source].line(line); ++record.line) {
+        if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+        std::string reason;
+        auto bytes = record_of_json(shape, line, &reason);
+        if (!bytes) {
+            to.refused({source, record.line, reason, line});
+            continue;
+        }
+        record.bytes = std::move(*bytes);
+        if (!to.record(record)) return false;
+    }
+    return true;
+}
+
+bool record_input::each_dump(size_t source, const receiver &to)
+{
+    db_text_reader reader{inputs_[source]};
+    db_text_header header;
+    input_record record{.bytes = {}, .source = source, .line = 0, .key = {}};
+    size_t databases = 0;
+    while (reader.next_database(header)) {
+        const bool wanted = request_.database.empty() || request_.database == header.database;
+        if (wanted && ++databases > 1)
+            throw tool_error(
+                fmt::format("{}: line {}: another database, '{}', begins; --database says which one is meant",
+                            name(source), reader.line(), header.database));
+        while (reader.next(record.key, record.bytes)) {
+            if (!wanted) continue;
+            record.line = reader.line();
+            if (request_.join_key) {
+                record.bytes.insert(0, record.key);
+                record.key.clear();
+            }
+            if (!to.record(record)) return false;
         }
     }
-    return set;
+    if (databases == 0)
+        throw tool_error(request_.database.empty()
+                             ? fmt::format("{}: it is empty, not even a header", name(source))
+                             : fmt::format("{}: there is no database '{}' in it", name(source), request_.database));
+    return true;
+}
+
+bool record_input::each_of(size_t source, const receiver &to)
+{
+    switch (request_.format) {
+    case input_format::csv: return each_csv(source, to);
+    case input_format::lines: return each_line(source, to);
+    case input_format::fixed: return each_fixed(source, to);
+    case input_format::json: return each_json(source, to);
+    case input_format::dump: return each_dump(source, to);
+    }
+    return false;
+}
+
+void record_input::each(const std::function<bool(input_record &)> &record,
+                        const std::function<void(refused_row &&)> &refused)
+{
+    const receiver to{record, refused};
+    for (size_t s = 0; s < inputs_.size(); ++s) {
+        inputs_[s].rewind();
+        if (!each_of(s, to)) return;
+    }
 }

@@ -22,19 +22,13 @@ layout_column parse_column(std::string_view text)
         throw usage_error(fmt::format("layout column '{}': write name:width, name:auto or name:*", text));
     const std::string name{text.substr(0, colon)};
     const std::string_view width = text.substr(colon + 1);
-    if (width == "auto") return {name, column_kind::automatic, 0, 0};
-    if (width == "*") return {name, column_kind::rest, 0, 0};
+    if (width == "auto") return {.name = name, .kind = column_kind::automatic, .width = 0, .offset = 0};
+    if (width == "*") return {.name = name, .kind = column_kind::rest, .width = 0, .offset = 0};
     uint64_t value = 0;
     const auto [end, error] = std::from_chars(width.data(), width.data() + width.size(), value);
     if (error != std::errc{} || end != width.data() + width.size() || value == 0 || value > UINT32_MAX)
         throw usage_error(fmt::format("layout column '{}': the width is a number of bytes, auto or *", text));
-    return {name, column_kind::fixed, value, 0};
-}
-
-bool waits_for_data(const layout &columns)
-{
-    return std::any_of(columns.columns.begin(), columns.columns.end(),
-                       [](const layout_column &column) { return column.kind == column_kind::automatic; });
+    return {.name = name, .kind = column_kind::fixed, .width = value, .offset = 0};
 }
 
 } // namespace
@@ -71,6 +65,12 @@ void layout::settle()
     }
 }
 
+bool layout::is_settled() const
+{
+    return std::none_of(columns.begin(), columns.end(),
+                        [](const layout_column &column) { return column.kind == column_kind::automatic; });
+}
+
 std::string layout::text() const
 {
     std::string text;
@@ -99,14 +99,14 @@ layout parse_layout(std::string_view text)
         if (comma == std::string_view::npos) break;
         text.remove_prefix(comma + 1);
     }
-    if (!waits_for_data(result)) result.settle();
+    if (result.is_settled()) result.settle();
     return result;
 }
 
 layout parse_settled_layout(std::string_view text)
 {
     layout result = parse_layout(text);
-    if (waits_for_data(result))
+    if (!result.is_settled())
         throw usage_error(
             "layout: 'auto' has a meaning only when data are loaded; give the widths that 'load' printed");
     return result;
@@ -115,7 +115,8 @@ layout parse_settled_layout(std::string_view text)
 layout layout_of_header(const std::vector<std::string> &names)
 {
     layout result;
-    for (const std::string &name : names) result.columns.push_back({name, column_kind::automatic, 0, 0});
+    for (const std::string &name : names)
+        result.columns.push_back({.name = name, .kind = column_kind::automatic, .width = 0, .offset = 0});
     if (!result.columns.empty()) result.columns.back().kind = column_kind::rest;
     return result;
 }
@@ -126,13 +127,17 @@ std::optional<std::string> record_of_fields(const layout &columns, const std::ve
     std::string record;
     for (size_t i = 0; i < columns.columns.size(); ++i) {
         const layout_column &column = columns.columns[i];
-        if (column.kind == column_kind::fixed && fields[i].size() > column.width) {
-            *reason =
-                fmt::format("column '{}' has {} bytes, its place {}", column.name, fields[i].size(), column.width);
+        record.resize(column.offset, ' ');
+        if (column.kind == column_kind::rest) {
+            record += fields[i];
+            continue;
+        }
+        const auto bytes = field_bytes(column.type, fields[i], column.width, reason);
+        if (!bytes) {
+            *reason = fmt::format("column '{}': {}", column.name, *reason);
             return std::nullopt;
         }
-        record += fields[i];
-        if (column.kind == column_kind::fixed) record.resize(column.offset + column.width, ' ');
+        record += *bytes;
     }
     return record;
 }
@@ -142,11 +147,12 @@ std::vector<std::string> fields_of_record(const layout &columns, std::string_vie
     std::vector<std::string> fields;
     for (const layout_column &column : columns.columns) {
         std::string_view field = column.offset < record.size() ? record.substr(column.offset) : std::string_view{};
-        if (column.kind == column_kind::fixed) {
-            field = field.substr(0, column.width);
-            field = field.substr(0, field.find_last_not_of(' ') + 1);
-        }
-        fields.emplace_back(field);
+        if (column.kind == column_kind::rest)
+            fields.emplace_back(field);
+        else if (column.type.is_number() && field.size() < column.width)
+            fields.emplace_back();
+        else
+            fields.push_back(field_text(column.type, field.substr(0, column.width)));
     }
     return fields;
 }

@@ -1,4 +1,5 @@
-// How the columns of a CSV row lie in a record: fixed columns padded with blanks, the last one possibly of any length.
+// How named columns lie in a record: fixed ones, the last one possibly of any length. The command line knows columns of
+// text one behind the other; a schema (schema.h) also numbers, and places.
 // Knows nothing of files and of the driver.
 //
 //   "assignment:9,organization:auto,address:*"    width in bytes, auto: the widest value found, *: the rest (last only)
@@ -10,6 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "field_type.h"
+
 enum class column_kind { fixed, automatic, rest };
 
 struct layout_column {
@@ -17,6 +20,7 @@ struct layout_column {
     column_kind kind;
     uint64_t width;  // bytes; an automatic column begins with 0 and grows
     uint64_t offset; // in the record, once the widths are settled
+    field_type type{};
 };
 
 struct layout {
@@ -26,6 +30,7 @@ struct layout {
     std::optional<layout_column> find(std::string_view name) const;
     void widen(size_t column, std::string_view value); // an automatic column takes in the value
     void settle();                                     // automatic columns become fixed; offsets are assigned
+    bool is_settled() const;                           // it has no automatic columns
     std::string text() const;
 };
 
@@ -43,5 +48,5 @@ bool same_name(std::string_view left, std::string_view right); // letter case ig
 std::optional<std::string> record_of_fields(const layout &columns, const std::vector<std::string_view> &fields,
                                             std::string *reason);
 
-// The fields of a record, padding taken off.
+// The fields of a record, padding taken off; a number that the record does not reach is empty.
 std::vector<std::string> fields_of_record(const layout &columns, std::string_view record);

@@ -19,7 +19,10 @@ struct command {
 
 constexpr command commands[] = {
     {"create", "Make an empty indexed file", declare_create},
-    {"load", "Add records from CSV, lines or fixed-length bytes; makes the file when keys are given", declare_load},
+    {"load", "Add records from CSV, JSON, lines or fixed-length bytes; makes the file when keys are given",
+     declare_load},
+    {"dump", "Write all records as text that the tools of Berkeley DB and LMDB load", declare_dump},
+    {"undump", "Add the records of such a text", declare_undump},
     {"get", "Show the records with a key value", declare_get},
     {"scan", "Show or count records in key order", declare_scan},
     {"put", "Add a record, or replace the one with its primary key", declare_put},

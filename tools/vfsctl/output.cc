@@ -5,19 +5,16 @@
 
 #include "csv.h"
 #include "errors.h"
+#include "json_record.h"
 
-namespace {
-
-void put(std::string_view bytes)
+void put_out(std::string_view bytes)
 {
     if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size())
         throw tool_error("standard output cannot be written");
 }
 
-} // namespace
-
-record_printer::record_printer(std::optional<layout> columns, bool raw)
-    : columns_(std::move(columns)), raw_(raw), header_due_(columns_.has_value())
+record_printer::record_printer(record_shape shape, output_format format)
+    : shape_(std::move(shape)), format_(format), header_due_(format == output_format::csv)
 {
 }
 
@@ -25,14 +22,18 @@ void record_printer::print(std::string_view record)
 {
     if (header_due_) {
         std::vector<std::string> names;
-        for (const layout_column &column : columns_->columns) names.push_back(column.name);
-        put(csv_text(names) + "\n");
+        for (const layout_column &column : shape_.columns->columns) names.push_back(column.name);
+        put_out(csv_text(names) + "\n");
         header_due_ = false;
     }
-    if (columns_) {
-        put(csv_text(fields_of_record(*columns_, record)) + "\n");
-        return;
+    switch (format_) {
+    case output_format::csv: put_out(csv_text(fields_of_record(*shape_.columns, record))); break;
+    case output_format::json:
+        put_out(json_of_record({.columns = shape_.columns ? &*shape_.columns : nullptr, .latin_1 = shape_.latin_1},
+                               record));
+        break;
+    case output_format::lines:
+    case output_format::raw: put_out(record); break;
     }
-    put(record);
-    if (!raw_) put("\n");
+    if (format_ != output_format::raw) put_out("\n");
 }

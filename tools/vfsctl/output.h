@@ -1,18 +1,22 @@
-// Records on standard output: as lines, as CSV by a layout, or as bare bytes.
+// Records on standard output: as lines, as CSV or JSON by a layout, as bare bytes, or as text for other stores.
 #pragma once
 
-#include <optional>
+#include <string>
 #include <string_view>
 
-#include "layout.h"
+#include "schema.h"
+
+enum class output_format { lines, csv, raw, json };
 
 class record_printer {
 public:
-    record_printer(std::optional<layout> columns, bool raw);
+    record_printer(record_shape shape, output_format format);
     void print(std::string_view record);
 
 private:
-    std::optional<layout> columns_;
-    bool raw_;
+    record_shape shape_;
+    output_format format_;
     bool header_due_;
 };
+
+void put_out(std::string_view bytes); // to standard output; throws tool_error

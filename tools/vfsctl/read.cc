@@ -12,9 +12,9 @@
 #include "driver.h"
 #include "errors.h"
 #include "keys.h"
-#include "layout.h"
 #include "output.h"
 #include "progress.h"
+#include "schema.h"
 
 namespace {
 
@@ -25,11 +25,12 @@ struct read_options {
     std::string to;
     std::string prefix;
     std::string by = "0";
-    std::string layout_text;
+    shape_options shape;
     uint64_t limit = std::numeric_limits<uint64_t>::max();
     bool reverse = false;
     bool count_only = false;
     bool raw = false;
+    bool json = false;
     bool hex = false;
 };
 
@@ -75,20 +76,26 @@ key_range range_of(const read_options &options, const chosen_key &key)
     return range;
 }
 
+output_format format_of(const read_options &options, const record_shape &shape)
+{
+    if (options.raw) return output_format::raw;
+    if (options.json) return output_format::json;
+    return shape.columns ? output_format::csv : output_format::lines;
+}
+
 int show(const read_options &options)
 {
     watch_for_interruption();
-    std::optional<layout> columns;
-    if (!options.layout_text.empty()) columns = parse_settled_layout(options.layout_text);
+    const record_shape shape = options.shape.read();
     const bool whole = options.key.empty() && options.from.empty() && options.to.empty() && options.prefix.empty();
     // Sequential access lets the driver read ahead; only a pass over everything in primary order gains from it.
     const bool sequential = whole && options.by == "0" && !options.reverse;
     record_file file{{.path = options.file, .flags = O_RDONLY, .sequential = sequential}};
     const vfs_open_block block = file.info();
-    const chosen_key key = choose_key(options.by, block.keys, columns ? &*columns : nullptr);
+    const chosen_key key = choose_key(options.by, block.keys, shape.columns ? &*shape.columns : nullptr);
     const key_range range = range_of(options, key);
 
-    record_printer printer{columns, options.raw};
+    record_printer printer{shape, format_of(options, shape)};
     progress bar{"reading", whole ? static_cast<uint64_t>(std::max<int64_t>(block.record_count, 0)) : 0};
     uint64_t count = 0;
     if (options.limit > 0)
@@ -107,8 +114,9 @@ void declare_common(CLI::App &command, read_options &options)
 {
     command.add_option("file", options.file, "The file")->required();
     command.add_option("--by", options.by, "Key: its number, 0 is the primary one, or a column of the layout");
-    command.add_option("--layout", options.layout_text, "Print CSV with these columns instead of lines");
-    command.add_flag("--raw", options.raw, "Print the records' bytes and nothing between them")->excludes("--layout");
+    declare_layout(command, options.shape, "Print CSV with these columns instead of lines");
+    auto *raw = command.add_flag("--raw", options.raw, "Print the records' bytes and nothing between them");
+    command.add_flag("--json", options.json, "Print a JSON object for each record, on a line")->excludes(raw);
     command.add_flag("--hex", options.hex, "Key values are given in hexadecimal");
     command.add_option("--limit", options.limit, "At most so many records");
     command.add_flag("--count", options.count_only, "Print only how many there are");
