@@ -18,3 +18,6 @@ command_body declare_delete(CLI::App &command);
 command_body declare_info(CLI::App &command);
 command_body declare_check(CLI::App &command);
 command_body declare_rebuild(CLI::App &command);
+command_body declare_compact(CLI::App &command);
+command_body declare_backup(CLI::App &command);
+command_body declare_diff(CLI::App &command);

@@ -90,11 +90,12 @@ bool file_exists(const std::string &path)
 record_file::record_file(const open_request &request) : path_(request.path)
 {
     vfs_lock_request locks{};
+    if (request.exclusive) locks.share_mode = VFS_SHARE_NONE;
     vfs_open_block block{};
     block.min_record_length = request.min_record_length;
     block.max_record_length = request.max_record_length;
     block.path = path_.c_str();
-    block.lock_defaults = &locks; // all defaults: VFS_LOCK decides
+    block.lock_defaults = &locks; // defaults: VFS_LOCK decides
     block.keys = request.keys;
     block.open_flags = static_cast<uint32_t>(request.flags);
     block.organization = request.organization;

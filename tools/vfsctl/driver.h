@@ -25,6 +25,7 @@ struct open_request {
     uint32_t organization = VFS_ORG_INDEXED; // of the file on the disk
     uint32_t logical = VFS_ORG_INDEXED;      // to the program
     int64_t block_size = 0;
+    bool exclusive = false;   // nobody else may have it open
     bool only_writes = false; // no record is going to be read
 };
 

@@ -11,6 +11,7 @@ enum exit_status {
     exit_failed = 1,                  // the command could not be done
     exit_nothing_found = exit_failed, // a key or range that names no record
     exit_refused_rows = exit_failed,  // done, but some rows of the input were refused and reported
+    exit_different = 1,               // diff: the files differ
     exit_usage = 2,                   // the command line or a description in it makes no sense
     exit_interrupted = 130,           // stopped by the user; the file was closed in order
 };

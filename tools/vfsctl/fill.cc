@@ -13,6 +13,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include "csv.h"
 #include "driver.h"
@@ -108,10 +109,29 @@ struct survey {
     bool ascending = true;
 };
 
-void throw_interruption(const fill_request &request, uint64_t stored)
+// A file that was made here and not filled to the end is of no use: the input has all that is in it.
+class unfinished_file {
+public:
+    explicit unfinished_file(const fill_request &request) : request_(request) {}
+    ~unfinished_file()
+    {
+        if (!finished_ && request_.make) unlink(request_.file.c_str());
+    }
+    unfinished_file(const unfinished_file &) = delete;
+    unfinished_file &operator=(const unfinished_file &) = delete;
+    void is_finished() { finished_ = true; }
+
+private:
+    const fill_request &request_;
+    bool finished_ = false;
+};
+
+[[noreturn]] void throw_interruption(const fill_request &request, uint64_t stored)
 {
     throw interruption(fmt::format("{}: interrupted; {}", request.file,
-                                   stored > 0 ? "the file holds the records so far" : "nothing was stored"));
+                                   request.make ? "no file was made"
+                                   : stored > 0 ? "the file holds the records so far"
+                                                : "nothing was stored"));
 }
 
 std::string key_or_nothing(const target &target, const std::string &record)
@@ -275,9 +295,13 @@ void filler::write_all()
         while (sorter_.next(sorted))
             if (!write({.bytes = sorted.bytes, .source = sorted.source, .line = sorted.line, .key = {}})) return;
     } catch (const interruption &stop) {
-        throw interruption(fmt::format("{}\n  {} records were stored before that", stop.what(), stored_));
+        throw interruption(request_.make
+                               ? fmt::format("{}\n  no file was made", stop.what())
+                               : fmt::format("{}\n  {} records were stored before that", stop.what(), stored_));
     } catch (const tool_error &error) {
-        throw tool_error(fmt::format("{}\n  {} records were stored before that", error.what(), stored_));
+        throw tool_error(request_.make
+                             ? fmt::format("{}\n  no file was made", error.what())
+                             : fmt::format("{}\n  {} records were stored before that", error.what(), stored_));
     }
 }
 
@@ -302,9 +326,12 @@ int filler::run()
     const auto started = std::chrono::steady_clock::now();
     file_ = std::make_unique<record_file>(request_for(seen, sequential, keys ? keys->get() : nullptr));
     bar_ = std::make_unique<progress>("loading", seen.records);
+    unfinished_file unfinished{request_};
     write_all();
     bar_.reset();
+    if (interrupted() && request_.make) throw_interruption(request_, stored_);
     file_->close();
+    unfinished.is_finished();
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - started;
     report(took.count(), sequential);
     refused_.close();

@@ -28,6 +28,9 @@ constexpr command commands[] = {
     {"put", "Add a record, or replace the one with its primary key", declare_put},
     {"delete", "Remove the record with a key value", declare_delete},
     {"info", "Show what a file is: keys, records, lengths", declare_info},
+    {"diff", "Compare two files record by record", declare_diff},
+    {"compact", "Write a file anew without deleted records and padding", declare_compact},
+    {"backup", "Copy a file while other programs use it", declare_backup},
     {"check", "Check all of a file, also one that the driver refuses", declare_check},
     {"rebuild", "Make a new file of the records of a damaged one", declare_rebuild},
 };
@@ -37,6 +40,7 @@ Keys: offset:length, parts joined by '+', ',dup' when several records may share 
   --key 0:12 --key 12:30,dup --key 60:4+70:2,dup
 Layouts (CSV): --layout "code:9,name:auto,address:*"; with a layout a key may also name a column: --key code
 Exit status: 0 done; 1 failed, nothing found, or something was refused; 2 wrong usage; 130 interrupted.
+Of diff: 0 the same, 1 different, 2 failed.
 Of check: 0 sound, 1 cleared, 4 damaged or not closed, 8 could not be checked, 16 wrong usage.
 The settings of the driver (VFS_LOCK, VFS_CACHE_SIZE, ...) hold here too: docs/operations.md lists them.)";
 

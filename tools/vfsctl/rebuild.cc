@@ -18,6 +18,7 @@
 #include "format/salvage.h"
 #include "hold.h"
 #include "keys.h"
+#include "new_file.h"
 #include "progress.h"
 #include "rejects.h"
 
@@ -111,8 +112,8 @@ private:
     std::vector<uint64_t> stored_; // words, for alignment
 };
 
-open_request request_for(const rebuild_options &options, const file_facts &facts, const vfs_key_desc *keys,
-                         uint64_t longest)
+open_request request_for(const rebuild_options &options, const std::string &path, const file_facts &facts,
+                         const vfs_key_desc *keys, uint64_t longest)
 {
     uint64_t min = facts.minimum_record, max = facts.maximum_record;
     if (!facts.lengths_known || max > longest_record) {
@@ -126,7 +127,7 @@ open_request request_for(const rebuild_options &options, const file_facts &facts
     uint32_t organization = VFS_ORG_INDEXED;
     if (facts.flat) organization = VFS_ORG_SEQUENTIAL;
     if (!facts.flat && facts.logical == VFS_ORG_RELATIVE) organization = VFS_ORG_RELATIVE;
-    return {.path = options.target,
+    return {.path = path,
             .flags = O_RDWR | O_CREAT | O_EXCL,
             .keys = keys,
             .min_record_length = static_cast<int64_t>(min),
@@ -200,50 +201,39 @@ uint64_t write_records(const rebuild_options &options, const open_request &reque
                        const std::vector<found_record> &records, reject_file &rejects)
 {
     record_file target{request};
-    try {
-        progress bar{"writing", records.size()};
-        std::vector<std::byte> bytes(1);
-        uint64_t kept = 0;
-        for (const found_record &record : records) {
-            if (interrupted()) throw_interruption(options);
-            bar.step();
-            const uint64_t at = record.slot + slot_head_bytes;
-            bytes.resize(std::max<uint64_t>(record.length, 1));
-            const char *reason = "it cannot be read";
-            if (image.read(at, std::span{bytes}.first(record.length))) {
-                const std::string_view text{reinterpret_cast<const char *>(bytes.data()), record.length};
-                const outcome result = request.logical == VFS_ORG_INDEXED
-                                           ? target.write(text)
-                                           : target.write_at(static_cast<int64_t>(record.rrn), text);
-                reason = result == outcome::done ? nullptr : reason_for(target.last_error());
-            }
-            if (reason == nullptr)
-                ++kept;
-            else
-                rejects.add({.offset = at, .length = record.length, .reason = reason, .rrn = record.rrn});
+    progress bar{"writing", records.size()};
+    std::vector<std::byte> bytes(1);
+    uint64_t kept = 0;
+    for (const found_record &record : records) {
+        if (interrupted()) throw_interruption(options);
+        bar.step();
+        const uint64_t at = record.slot + slot_head_bytes;
+        bytes.resize(std::max<uint64_t>(record.length, 1));
+        const char *reason = "it cannot be read";
+        if (image.read(at, std::span{bytes}.first(record.length))) {
+            const std::string_view text{reinterpret_cast<const char *>(bytes.data()), record.length};
+            const outcome result = request.logical == VFS_ORG_INDEXED
+                                       ? target.write(text)
+                                       : target.write_at(static_cast<int64_t>(record.rrn), text);
+            reason = result == outcome::done ? nullptr : reason_for(target.last_error());
         }
-        target.close();
-        return kept;
-    } catch (...) {
-        unlink(options.target.c_str()); // it was made here, and all that is in it is in the old file
-        throw;
+        if (reason == nullptr)
+            ++kept;
+        else
+            rejects.add({.offset = at, .length = record.length, .reason = reason, .rrn = record.rrn});
     }
+    target.close();
+    return kept;
 }
 
-void verify(const rebuild_options &options, uint64_t kept)
+void verify(const std::string &path, const rebuild_options &options, uint64_t kept)
 {
-    const held_file held{options.target, hold_kind::read};
+    const held_file held{path, hold_kind::read};
     file_image image{held.descriptor()};
     const check_result found = check_image(image);
     if (!found.sound() || found.records != kept)
         throw tool_error(fmt::format("{}: the new file does not pass the check with its {} records: {}", options.target,
                                      kept, found.report.problems().empty() ? "" : found.report.problems().front()));
-}
-
-void refuse_existing(const std::string &path)
-{
-    if (access(path.c_str(), F_OK) == 0)
-        throw tool_error(fmt::format("{}: exists already; rebuild overwrites nothing", path));
 }
 
 std::unique_ptr<held_file> hold_old_file(const rebuild_options &options)
@@ -270,8 +260,8 @@ int rebuild(const rebuild_options &options)
 {
     watch_for_interruption();
     const std::string rejects_path = options.rejects.empty() ? options.target + ".rejects" : options.rejects;
-    refuse_existing(options.target);
-    refuse_existing(rejects_path);
+    refuse_existing(options.target, "rebuild");
+    refuse_existing(rejects_path, "rebuild");
     const auto held = hold_old_file(options);
     file_image image{held->descriptor()};
     const check_result checked = check_old_file(options, image);
@@ -283,15 +273,17 @@ int rebuild(const rebuild_options &options)
 
     setenv("VFS_CACHE_SIZE", cache_size, 0);
     reject_file rejects{rejects_path, image};
+    new_file fresh{options.target};
     try {
         const std::vector<found_record> records = find_records(options, image, checked, facts, rejects);
         uint64_t longest = 0;
         for (const found_record &record : records) longest = std::max(longest, record.length);
         const target_keys keys{options, facts};
-        const uint64_t kept =
-            write_records(options, request_for(options, facts, keys.get(), longest), image, records, rejects);
+        const uint64_t kept = write_records(options, request_for(options, fresh.path(), facts, keys.get(), longest),
+                                            image, records, rejects);
         rejects.close();
-        verify(options, kept);
+        verify(fresh.path(), options, kept);
+        fresh.publish(replacing::no);
         fmt::print("{}: {} records kept, {} places rejected\n", options.target, kept, rejects.count());
     } catch (...) {
         if (access(options.target.c_str(), F_OK) != 0) rejects.remove();
