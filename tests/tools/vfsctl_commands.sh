@@ -1,38 +1,6 @@
 #!/bin/sh
 # vfsctl as an operator uses it: each command, its output, its exit status. Usage: vfsctl_commands.sh VFSCTL DIRECTORY
-set -u
-vfsctl=$1
-directory=$2
-failed=0
-
-rm -rf "$directory"
-mkdir -p "$directory"
-cd "$directory" || exit 1
-
-# check NAME STATUS EXPECTED_OUTPUT command...: the exit status and standard output must be these.
-check() {
-    name=$1 status=$2 wanted=$3
-    shift 3
-    got=$("$@" 2>stderr)
-    code=$?
-    if [ "$code" -ne "$status" ] || [ "$got" != "$wanted" ]; then
-        printf 'FAILED %s: %s\n  status %s, expected %s\n  got:      %s\n  expected: %s\n' "$name" "$*" "$code" "$status" \
-            "$got" "$wanted"
-        sed 's/^/  stderr: /' stderr
-        failed=1
-    fi
-}
-
-# says NAME PATTERN: the standard error of the last command matches.
-says() {
-    grep -q -e "$2" stderr && return
-    echo "FAILED $1: standard error does not say '$2':"
-    sed 's/^/  stderr: /' stderr
-    failed=1
-}
-
-newline='
-'
+. "$(dirname "$0")/vfsctl_checks.sh"
 
 # ---- create and info
 check "create" 0 "f: made, 2 keys, records of 7 to 40 bytes" "$vfsctl" create f --key 0:3 --key 3:4,dup --max 40

@@ -21,3 +21,7 @@ command_body declare_rebuild(CLI::App &command);
 command_body declare_compact(CLI::App &command);
 command_body declare_backup(CLI::App &command);
 command_body declare_diff(CLI::App &command);
+command_body declare_locks(CLI::App &command);
+command_body declare_watch(CLI::App &command);
+command_body declare_doctor(CLI::App &command);
+command_body declare_stats(CLI::App &command);

@@ -20,6 +20,7 @@
 #include "new_file.h"
 #include "progress.h"
 #include "store/format.h"
+#include "system_view.h"
 
 namespace {
 
@@ -126,6 +127,14 @@ private:
     int descriptor_;
 };
 
+// Programs that share a file hold no lock on it between two operations, but would find it replaced.
+void refuse_users(const compact_options &options, const std::string &path)
+{
+    for (const file_user &user : users_of(path))
+        throw tool_error(fmt::format("{}: process {} ({}) has it open; compact it when nobody does", options.file,
+                                     user.process, process_name(user.process)));
+}
+
 int compact(const compact_options &options)
 {
     watch_for_interruption();
@@ -136,6 +145,7 @@ int compact(const compact_options &options)
             fmt::format("{}: it has {} names (hard links), and the others would keep the old file; make one "
                         "of them a copy first",
                         options.file, before.st_nlink));
+    refuse_users(options, path);
     setenv("VFS_CACHE_SIZE", cache_size, 0);
     const farewell old_file{path};
     record_file from{{.path = path, .flags = O_RDWR, .exclusive = true}};

@@ -28,9 +28,13 @@ constexpr command commands[] = {
     {"put", "Add a record, or replace the one with its primary key", declare_put},
     {"delete", "Remove the record with a key value", declare_delete},
     {"info", "Show what a file is: keys, records, lengths", declare_info},
+    {"stats", "Show what a file is made of: sizes, fill of its trees, duplicates, waste", declare_stats},
     {"diff", "Compare two files record by record", declare_diff},
     {"compact", "Write a file anew without deleted records and padding", declare_compact},
     {"backup", "Copy a file while other programs use it", declare_backup},
+    {"locks", "Show who has a file open, who holds which lock on it and who waits", declare_locks},
+    {"watch", "Watch the counters, the growth and the locks of a file", declare_watch},
+    {"doctor", "Look for what of the machine and its settings hurts the driver", declare_doctor},
     {"check", "Check all of a file, also one that the driver refuses", declare_check},
     {"rebuild", "Make a new file of the records of a damaged one", declare_rebuild},
 };

@@ -1,0 +1,114 @@
+#!/bin/sh
+# vfsctl on whole files, as an operator uses it: stats, diff, compact, backup, locks, watch and doctor, with other programs
+# at work. Usage: vfsctl_files.sh VFSCTL DIRECTORY
+guide=$(realpath "$(dirname "$0")/../../docs/operations.md")
+. "$(dirname "$0")/vfsctl_checks.sh"
+
+printf '003c3\n001a1\n002b1\n005e2\n004d1\n' >lines
+make() {
+    check "a file to work on" 0 "" sh -c "rm -f $1; '$vfsctl' load $1 --lines lines --key 0:3 --key 3:1,dup --max 80 >load.out"
+}
+make f
+make g
+
+# ---- stats
+check "stats counts records, trees and equal values" 0 "5 5 5" \
+    sh -c "'$vfsctl' stats f --json | python3 -c 'import json, sys; s = json.load(sys.stdin); print(s[\"records\"], s[\"trees\"][0][\"values\"], s[\"trees\"][1][\"entries\"])'"
+check "stats for people" 0 "  records                    5               240     0.2" sh -c "'$vfsctl' stats f | grep '  records  '"
+check "stats of something else" 1 "" "$vfsctl" stats lines
+says "stats of something else" "lines: this is no file of the driver"
+
+# ---- diff
+check "equal files" 0 "5 records are in both, 0 only in f, 0 only in g" "$vfsctl" diff f g
+check "another order of equal keys is no difference" 0 "" "$vfsctl" diff f g --key 1 --quiet
+"$vfsctl" put g 001a7 >change.out
+"$vfsctl" delete g 002 >change.out
+check "different files" 1 "< 001a1${newline}> 001a7${newline}< 002b1${newline}3 records are in both, 2 only in f, 1 only in g" "$vfsctl" diff f g
+check "as JSON" 1 '{"only_in":"f","record":{"record":"001a1"}}' sh -c "'$vfsctl' diff f g --json --limit 1 >out; status=\$?; head -1 out; exit \$status"
+check "diff of a missing file is no difference" 2 "" "$vfsctl" diff f missing
+check "diff by a key that is not there" 2 "" "$vfsctl" diff f g --key 2
+check "files of different kinds" 2 "" sh -c "'$vfsctl' dump f | sed 's/btree/recno/; /^ /d' | '$vfsctl' undump r --organization relative >load.out && '$vfsctl' diff f r"
+
+# ---- compact
+for n in 1 2 3 4 5; do
+    "$vfsctl" put f "00$n$(printf '%060d' "$n")" >change.out
+    "$vfsctl" delete f "00$n" >change.out
+    "$vfsctl" put f "00$n x$n" >change.out
+done
+cp f f.before
+chmod 640 f
+exec 4<f
+check "compact waits for nobody" 1 "" "$vfsctl" compact f
+says "compact waits for nobody" "has it open"
+exec 4<&-
+ln f f.other
+check "compact does not part two names" 1 "" "$vfsctl" compact f
+says "compact does not part two names" "2 names"
+check "compact" 0 "1" sh -c "rm f.other; '$vfsctl' compact f | grep -c '^f: 5 records'"
+check "the records are the same" 0 "" "$vfsctl" diff f f.before --quiet
+check "nothing is unused" 0 "0" sh -c "'$vfsctl' stats f --json | python3 -c 'import json, sys; print(json.load(sys.stdin)[\"items\"][\"deleted\"][\"items\"])'"
+check "permissions are kept" 0 "640" stat -c %a f
+check "the compacted file is sound" 0 "f: sound, indexed, 2 keys, 5 records" "$vfsctl" check f
+check "nothing is left behind" 1 "" sh -c "ls | grep vfsctl-"
+check "compact by a key that is not there" 2 "" "$vfsctl" compact f --key 7
+printf '\377' | dd of=f.before bs=1 seek=64 conv=notrunc 2>stderr
+check "records that cannot be read stop it" 1 "" sh -c "printf '\1' | dd of=f.before bs=1 seek=320 conv=notrunc 2>stderr; '$vfsctl' compact f.before"
+says "records that cannot be read stop it" "vfsctl check"
+
+# ---- backup, with a program at work
+check "backup" 0 "b: 5 records, checked" "$vfsctl" backup f --to b
+check "the copy is the same" 0 "" "$vfsctl" diff f b --quiet
+check "backup overwrites nothing" 1 "" "$vfsctl" backup f --to b
+check "a damaged file is not backed up" 1 "" sh -c "cp f bad; printf '\377' | dd of=bad bs=1 seek=64 conv=notrunc 2>stderr; '$vfsctl' backup bad --to bad.b"
+check "and no copy is left" 1 "" sh -c "ls | grep 'bad.b\|vfsctl-'"
+seq -f '%06.0f the line of that number' 1 30000 >many
+head -1 many >one
+check "a file to be shared" 0 "" sh -c "'$vfsctl' load s --lines one --key 0:6 --max 40 >load.out"
+VFS_LOCK=4 "$vfsctl" load s --lines many >load.out 2>refused &
+loading=$!
+copies=0
+while kill -0 $loading 2>stderr && [ $copies -lt 4 ]; do
+    copies=$((copies + 1))
+    check "backup while a program writes" 0 "" sh -c "rm -f s.$copies; VFS_LOCK=4 '$vfsctl' backup s --to s.$copies >out"
+    check "the copy is sound and closed" 0 "" sh -c "'$vfsctl' check s.$copies >out"
+    check "and has the records up to a moment" 0 "" sh -c "'$vfsctl' scan s.$copies >out && head -\$(wc -l <out) many | cmp - out"
+done
+wait $loading
+check "and the program's records are all there" 0 "30000" "$vfsctl" scan s --count
+
+# ---- locks, watch and doctor
+mkfifo hold
+VFS_LOCK=2 "$vfsctl" load g --lines hold >load.out 2>refused &
+exec 5>hold
+printf '009z\n' >&5
+check "locks of a file that nobody uses" 0 "f: 0 locks held, 0 waited for" "$vfsctl" locks f
+exec 5>&-
+wait
+check "locks names kind and holder" 0 "Record 3 True" python3 - "$vfsctl" <<'END'
+import fcntl, json, struct, subprocess, sys
+data = open('b', 'rb').read()
+slot = data.find(b'003 x3') - 32
+length = struct.unpack_from('<Q', data, slot)[0]
+file = open('b', 'r+b')
+fcntl.fcntl(file, fcntl.F_SETLK, struct.pack('hhqqi', fcntl.F_WRLCK, 0, slot, length, 0))
+seen = json.loads(subprocess.run([sys.argv[1], 'locks', 'b', '--json'], capture_output=True, check=True).stdout)
+lock = seen['locks'][0]
+print(lock['kind'], int(lock['key']), lock['name'].startswith('python') and lock['type'] == 'write' and seen['held'] == 1)
+END
+check "watch prints lines into a pipe" 0 "2" sh -c "'$vfsctl' watch f --count 2 --interval 0.1 | grep -c '5 records'"
+check "watch of something else" 1 "" "$vfsctl" watch lines
+check "an interval that is none" 2 "" "$vfsctl" watch f --interval 0
+check "doctor tries out the folder" 0 "granted, and seen by another process" \
+    sh -c "'$vfsctl' doctor --json | python3 -c 'import json, sys; print([c[\"found\"] for c in json.load(sys.stdin)[\"checks\"] if c[\"what\"] == \"byte-range locks\"][0])'"
+check "a misspelt setting needs attention" 1 "attention  setting: VFS_LOKC" sh -c "VFS_LOKC=4 '$vfsctl' doctor >out; status=\$?; grep LOKC out; exit \$status"
+check "doctor leaves nothing behind" 1 "" sh -c "ls | grep doctor"
+
+# Every setting that the operator's guide lists is known, and no other.
+sed -n 's/^| `\(VFS_[A-Z_]*\)` | .*|.*|.*|$/\1/p' "$guide" | sort -u >listed
+echo VFS_EXTFH_TRACE >>listed
+sort -u listed -o listed
+check "doctor knows the settings of the guide" 0 "" \
+    sh -c "'$vfsctl' doctor --json | python3 -c 'import json, sys; print(*sorted(s[\"name\"] for s in json.load(sys.stdin)[\"settings\"]), sep=\"\n\")' | diff - listed"
+
+[ "$failed" -eq 0 ] && echo "vfsctl: all commands on files behave"
+exit "$failed"
