@@ -1,5 +1,6 @@
 #!/bin/sh
 # vfsctl as an operator uses it: each command, its output, its exit status. Usage: vfsctl_commands.sh VFSCTL DIRECTORY
+# shellcheck source=tests/tools/vfsctl_checks.sh
 . "$(dirname "$0")/vfsctl_checks.sh"
 
 # ---- create and info

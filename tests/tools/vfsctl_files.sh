@@ -2,6 +2,7 @@
 # vfsctl on whole files, as an operator uses it: stats, diff, compact, backup, locks, watch and doctor, with other programs
 # at work. Usage: vfsctl_files.sh VFSCTL DIRECTORY
 guide=$(realpath "$(dirname "$0")/../../docs/operations.md")
+# shellcheck source=tests/tools/vfsctl_checks.sh
 . "$(dirname "$0")/vfsctl_checks.sh"
 
 printf '003c3\n001a1\n002b1\n005e2\n004d1\n' >lines
@@ -104,6 +105,7 @@ check "a misspelt setting needs attention" 1 "attention  setting: VFS_LOKC" sh -
 check "doctor leaves nothing behind" 1 "" sh -c "ls | grep doctor"
 
 # Every setting that the operator's guide lists is known, and no other.
+# shellcheck disable=SC2016 # the backquotes are the guide's
 sed -n 's/^| `\(VFS_[A-Z_]*\)` | .*|.*|.*|$/\1/p' "$guide" | sort -u >listed
 echo VFS_EXTFH_TRACE >>listed
 sort -u listed -o listed

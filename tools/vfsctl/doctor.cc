@@ -20,8 +20,6 @@
 #include "driver.h"
 #include "errors.h"
 
-extern char **environ;
-
 namespace {
 
 using json = nlohmann::ordered_json;

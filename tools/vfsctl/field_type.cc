@@ -251,7 +251,7 @@ std::string field_text(const field_type &type, std::string_view bytes)
     const std::optional<decimal> value = decimal_of_bytes(type, bytes);
     if (!value || value->digits.empty() || value->digits.find_first_not_of("0123456789") != std::string::npos)
         return "0x" + hex_of(bytes);
-    const std::string text = text_of(*value, type.decimals);
+    std::string text = text_of(*value, type.decimals);
     // Another form of the same number (another sign nibble, a negative zero) has to come back as it was.
     std::string reason;
     if (field_bytes(type, text, bytes.size(), &reason) != std::string{bytes}) return "0x" + hex_of(bytes);

@@ -62,7 +62,7 @@ private:
         const file_key &key = facts_.keys[facts_.primary];
         if (!key_of_record(*image_, key, item.offset, &value)) return said;
         const std::string_view text{reinterpret_cast<const char *>(value.data()), key.length};
-        const bool printable = text.find_first_not_of(" ") != std::string_view::npos &&
+        const bool printable = text.find_first_not_of(' ') != std::string_view::npos &&
                                std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
         said["key"] = printable ? std::string{text} : "0x" + field_text({.kind = field_kind::hex}, text);
         return said;

@@ -35,7 +35,7 @@ private:
     };
     struct run { // a sorted piece, and its next record
         struct closer {
-            void operator()(std::FILE *file) const { std::fclose(file); }
+            void operator()(std::FILE *stream) const { std::fclose(stream); }
         };
         std::unique_ptr<std::FILE, closer> file;
         sorted_record front;

@@ -37,9 +37,9 @@ public:
 
 private:
     struct closer {
-        void operator()(std::FILE *file) const
+        void operator()(std::FILE *stream) const
         {
-            if (file != stdin) std::fclose(file);
+            if (stream != stdin) std::fclose(stream);
         }
     };
     text_input() = default;
