@@ -38,12 +38,11 @@ protected:
         const check_result found = check(path());
         EXPECT_FALSE(found.sound()) << says;
         EXPECT_NE(check_file(path()), "") << says;
-        const std::string begin = numbered("0x%lx: ", static_cast<int64_t>(at));
         const auto &problems = found.report.problems();
         EXPECT_TRUE(std::any_of(
             problems.begin(), problems.end(),
-            [&](const std::string &line) { return line.starts_with(begin) && line.find(says) != std::string::npos; }))
-            << begin << says << "\n"
+            [&](const finding &each) { return each.offset == at && each.text.find(says) != std::string::npos; }))
+            << std::hex << at << ": " << says << "\n"
             << lines(found);
     }
 
@@ -150,9 +149,42 @@ TEST_F(Check, DamagedItemsAreFoundWhereTheyAre)
     const std::string flat_file = slurp(path());
     const uint64_t second = 4096 + peek(path(), 4096);
     expect_found(flat_file, second + 24, 9, second + 24, "in the order of the file");
+    const auto wrong = [&](auto at, const std::string &says) {
+        spill(path(), flat_file);
+        expect_found(flat_file, at.offset, peek(path(), at.offset) + 1, at.offset, says);
+    };
+    wrong(header_records, "number of records");
+    wrong(header_deleted, "number of deleted records");
+    wrong(header_moved, "number of moved records");
+    wrong(header_highest_rrn, "highest record number");
+    wrong(header_holes, "a file without index");
+    spill(path(), flat_file);
+    std::vector<uint64_t> moved;
+    for (uint64_t at = 4096; at < flat_file.size(); at += peek(path(), at))
+        if (flat_file[at + frame_type.offset] == item_moved) moved.push_back(at);
+    ASSERT_EQ(moved.size(), 2U);
+    const uint64_t link = slot_data_length.offset, target = peek(path(), moved[0] + link);
+    expect_found(flat_file, moved[0] + link, 4096, moved[0] + link, "is said to have moved to 0x1000");
+    expect_found(flat_file, moved[0] + link, 4096, target, "no slot leads to this record");
+
+    unlink(path().c_str());
+    make_fixed();
+    const std::string fixed_file = slurp(path());
+    const uint64_t first = 4096 + peek(path(), 4096); // the one before it is free
+    expect_found(fixed_file, first + link, 5000, first, "5000 bytes in a slot");
+    expect_found(fixed_file, first + slot_rrn.offset, 2, first + slot_rrn.offset, "it is 1");
 }
 
 // ---- The words -------------------------------------------------------------------------------------------------
+
+TEST_F(Check, EmptiedTreesAreSound)
+{
+    file f{indexed()}; // the second key has 4 bytes in room for 8
+    ASSERT_GT(f.write(text(1, 20), by_record()).value, 0);
+    ASSERT_EQ(f.erase(by_key(text(1, 8))).value, 0);
+    ASSERT_EQ(f.close(), 0);
+    EXPECT_EQ(lines(check(path())), "");
+}
 
 TEST_F(Check, UnclosedFilesThatAreSoundCanBeCleared)
 {

@@ -53,7 +53,7 @@ protected:
     static std::string lines(const check_result &found)
     {
         std::string text;
-        for (const std::string &line : found.report.problems()) text += line + "\n";
+        for (const finding &each : found.report.problems()) text += each.line() + "\n";
         for (const std::string &line : found.report.notes()) text += "note: " + line + "\n";
         return text;
     }

@@ -154,5 +154,20 @@ says "a foreign file is refused" "text: cannot open it"
 check "and left alone" 0 "this is a text" sh -c "head -c 14 text"
 check "unknown commands" 2 "" "$vfsctl" frobnicate
 
+# ---- completion
+"$vfsctl" completion bash >complete.bash
+"$vfsctl" completion zsh >complete.zsh
+completes() {
+    # shellcheck disable=SC2016,SC2317 # bash expands it; check calls it
+    bash -c '. ./complete.bash; COMP_WORDS=(vfsctl "$@"); COMP_CWORD=$#; _vfsctl; echo "${COMPREPLY[*]}"' bash "$@"
+}
+check "commands are completed" 0 "compact completion" completes comp
+check "options of a command are completed" 0 "--fast" completes check --f
+check "words that an option allows are completed" 0 "sequential" completes undump --organization s
+check "files are left to the shell" 0 "" completes load --layout co
+check "arguments with few words are completed" 0 "zsh" completes completion z
+check "both scripts can be read by their shells" 0 "" sh -c "bash -n complete.bash && zsh -n complete.zsh"
+check "an unknown shell" 2 "" "$vfsctl" completion fish
+
 [ "$failed" -eq 0 ] && echo "vfsctl: all commands behave"
 exit "$failed"

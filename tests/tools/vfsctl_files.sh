@@ -19,6 +19,41 @@ check "stats for people" 0 "  records                    5               240    
 check "stats of something else" 1 "" "$vfsctl" stats lines
 says "stats of something else" "lines: this is no file of the driver"
 
+# ---- map and dump of the structure
+check "a deleted record" 0 "f: deleted" "$vfsctl" delete f 005
+check "a page for a browser" 0 "" "$vfsctl" map f --to f.html
+check "the page needs nothing else and has every byte once" 0 "True True 1" python3 - f.html <<'END'
+import json, sys
+page = open(sys.argv[1]).read()
+data = json.loads(page.split("const data = ", 1)[1].split(";\n", 1)[0])
+pieces = data["pieces"]
+ends = [0] + [offset + length for _, offset, length, *_ in pieces]
+print(page.startswith("<!doctype html>") and "src=" not in page and "http" not in page,
+      ends[:-1] == [piece[1] for piece in pieces] and ends[-1] == data["bytes"],
+      sum(data["kinds"][piece[0]]["name"] == "deleted" for piece in pieces))
+END
+check "the page goes to standard output" 0 "" sh -c "'$vfsctl' map f >out && cmp out f.html"
+check "a page may be written again" 0 "" "$vfsctl" map f --to f.html
+check "nothing else is overwritten" 1 "" "$vfsctl" map f --to f
+says "nothing else is overwritten" "f: exists already and is no page"
+check "a script in the data stays data" 0 "0" sh -c "cp f 'a</script>b'; '$vfsctl' map 'a</script>b' | grep -c 'a</script>b' || true"
+check "the map for a terminal" 0 "           0  HHHHHHHH" sh -c "'$vfsctl' map f --text | sed -n 's/^\(  *0  HHHHHHHH\).*/\1/p'"
+check "no colours in a pipe" 0 "0" sh -c "'$vfsctl' map f --text | grep -c '$(printf '\033')' || true"
+check "colours on a terminal" 0 "coloured" sh -c "TERM=xterm script -qec \"'$vfsctl' map f --text\" /dev/null | grep -q '$(printf '\033')' && echo coloured"
+check "no colours against the user's wish" 0 "0" sh -c "TERM=xterm NO_COLOR=1 script -qec \"'$vfsctl' map f --text\" /dev/null | grep -c '$(printf '\033')' || true"
+check "a map of what the driver refuses" 0 "  ! damage" sh -c "head -c 9000 /dev/zero | tr '\0' x >noise; '$vfsctl' map noise --text | grep -o '  ! damage'"
+check "items, a line for each" 0 "4 record 1 deleted" sh -c "'$vfsctl' dump f --items | awk '{ n[\$2]++ } END { print n[\"record\"], \"record\", n[\"deleted\"], \"deleted\" }'"
+check "nodes with their entries" 0 "'001' '002' '003' '004' 'a' 'b' 'c' 'd'" \
+    sh -c "'$vfsctl' dump f --trees | grep -o \"'.*'\" | xargs -d '\n'"
+check "one view at a time" 2 "" "$vfsctl" dump f --items --trees
+
+# ---- check
+check "check as JSON" 0 "0 True 4 indexed" sh -c "'$vfsctl' check f --json | python3 -c 'import json, sys; c = json.load(sys.stdin); print(c[\"status\"], c[\"sound\"], c[\"records\"], c[\"kind\"][:7])'"
+check "a problem as JSON" 4 "header 64" sh -c "cp f bad; printf '\377' | dd of=bad bs=1 seek=64 conv=notrunc 2>out; '$vfsctl' check bad --json >out; status=\$?; python3 -c 'import json, sys; p = json.load(sys.stdin)[\"problems\"][0]; print(p[\"area\"], p[\"offset\"])' <out; exit \$status"
+check "a fast check" 0 "f: header and trees are sound, indexed, 2 keys, 4 records, which were not looked at" "$vfsctl" check f --fast
+check "which clears nothing" 16 "" "$vfsctl" check f --fast --clear
+check "a record back" 0 "" sh -c "'$vfsctl' put f 005e2 >out"
+
 # ---- diff
 check "equal files" 0 "5 records are in both, 0 only in f, 0 only in g" "$vfsctl" diff f g
 check "another order of equal keys is no difference" 0 "" "$vfsctl" diff f g --key 1 --quiet

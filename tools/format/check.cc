@@ -47,9 +47,12 @@ check_result check_image(file_image &image, const check_options &options)
     result.facts = read_facts(image);
     check_state state{image, options, result};
     const bool readable = check_header(state);
-    if (readable) result.behind = find_behind(image, result.facts.end, result.words);
+    if (readable && !options.fast) result.behind = find_behind(image, result.facts.end, result.words);
     if (result.facts.identified) describe_session(result);
-    if (readable) {
+    if (readable && options.fast) {
+        result.records = state.header(header_records);
+        check_trees(state);
+    } else if (readable) {
         check_items(state);
         if (result.complete && state.walk_whole) check_lists(state);
         if (result.complete) check_trees(state);

@@ -13,6 +13,7 @@
 
 struct check_options {
     uint64_t line_limit = 40; // problems whose text is kept, and notes
+    bool fast = false;        // header and trees alone: neither records nor free space are looked at
     // Told what is being done and how far it is; returns false when the check is to stop.
     std::function<bool(std::string_view what, uint64_t done, uint64_t total)> progress;
 };
@@ -24,14 +25,15 @@ struct check_result {
     session words;
     file_facts facts;
     items_behind behind;
-    uint64_t records = 0;
+    uint64_t records = 0; // that were found; of a fast check those that the header counts
     bool complete = true; // false: it was stopped
     bool sound() const { return complete && report.problem_count() == 0; }
     // The trees lead to every record that the walk finds, so that they can be read by their order.
     bool trees_sound() const;
 };
 
-// Puts a pending change of the file into `image`, so that it is checked as the next open will make it.
+// Memory: for each set of places at most a bit for each eight bytes of the file, and two or three sets; five megabytes
+// else. Puts a pending change of the file into `image`, so that it is checked as the next open will make it.
 check_result check_image(file_image &image, const check_options &options = {});
 
 // The slots of the records in the order of a sound tree, until the call returns false.

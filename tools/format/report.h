@@ -11,6 +11,18 @@
 
 enum class finding_area { header, items, records, lists, trees };
 inline constexpr size_t finding_areas = 5;
+constexpr const char *finding_area_name(finding_area area)
+{
+    constexpr std::array<const char *, finding_areas> names = {"header", "items", "records", "lists", "trees"};
+    return names[static_cast<size_t>(area)];
+}
+
+struct finding {
+    finding_area area;
+    uint64_t offset; // in the file
+    std::string text;
+    std::string line() const { return fmt::format("0x{:x}: {}", offset, text); }
+};
 
 class check_report {
 public:
@@ -21,8 +33,7 @@ public:
     {
         ++counts_[static_cast<size_t>(area)];
         if (problems_.size() < line_limit_)
-            problems_.push_back(
-                fmt::format("0x{:x}: {}", offset, fmt::format(text, std::forward<Arguments>(arguments)...)));
+            problems_.push_back({area, offset, fmt::format(text, std::forward<Arguments>(arguments)...)});
     }
     template <typename... Arguments> void note(fmt::format_string<Arguments...> text, Arguments &&...arguments)
     {
@@ -38,12 +49,13 @@ public:
         return sum;
     }
     uint64_t note_count() const { return note_count_; }
-    const std::vector<std::string> &problems() const { return problems_; }
+    const std::vector<finding> &problems() const { return problems_; }
     const std::vector<std::string> &notes() const { return notes_; }
 
 private:
     uint64_t line_limit_;
     uint64_t note_count_ = 0;
     std::array<uint64_t, finding_areas> counts_{};
-    std::vector<std::string> problems_, notes_;
+    std::vector<finding> problems_;
+    std::vector<std::string> notes_;
 };

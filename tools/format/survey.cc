@@ -22,7 +22,7 @@ public:
 
     file_survey run()
     {
-        items();
+        if (options_.items) items();
         for (const file_key &key : found_.facts.keys)
             if (options_.trees && found_.complete) tree(key);
         return std::move(found_);
@@ -46,7 +46,7 @@ private:
     void record(const frame &at);
     void tree(const file_key &key);
     void node(const file_key &key, tree_survey &tree, uint64_t depth, uint64_t address);
-    void leaf(const file_key &key, tree_survey &tree, const std::vector<std::byte> &bytes, uint64_t ent);
+    void leaf(tree_survey &tree, const node_seen &node);
 
     file_image &image_;
     const survey_options &options_;
@@ -124,43 +124,44 @@ void surveyor::node(const file_key &key, tree_survey &tree, uint64_t depth, uint
     const bool is_leaf = depth + 1 == tree.levels.size();
     std::vector<std::byte> bytes(index_block_bytes);
     frame item;
-    const bool readable = address % metadata_unit == 0 && go_on("keys", key.number, found_.facts.keys.size()) &&
-                          read_frame(image_, address, found_.size, &item) == frame_fault::none &&
-                          item.type == (is_leaf ? item_leaf : item_branch) && visited_.insert(address) &&
-                          image_.read(address, bytes);
+    const bool readable =
+        address % metadata_unit == 0 &&
+        go_on("trees", visited_.count(), found_.of(space::branch).items + found_.of(space::leaf).items) &&
+        read_frame(image_, address, found_.size, &item) == frame_fault::none &&
+        item.type == (is_leaf ? item_leaf : item_branch) && visited_.insert(address) && image_.read(address, bytes);
     if (!readable) {
         tree.whole = false;
         return;
     }
     const uint64_t max = is_leaf ? key.geometry.leaf_capacity : key.geometry.branch_capacity;
-    const uint64_t ent = std::min(image_get(bytes, node_ent), max);
+    const node_seen seen{key, depth, tree.levels.size(), address, std::min(image_get(bytes, node_ent), max), bytes};
     level_survey &level = tree.levels[depth];
     ++level.nodes;
-    level.entries += ent;
+    level.entries += seen.entries;
     level.capacity += max;
-    ++level.fill[std::min<uint64_t>(ent == 0 ? 0 : (ent * 10 - 1) / max, level.fill.size() - 1)];
+    ++level.fill[std::min<uint64_t>(seen.entries == 0 ? 0 : (seen.entries * 10 - 1) / max, level.fill.size() - 1)];
+    if (options_.node) options_.node(seen);
     if (is_leaf) {
-        leaf(key, tree, bytes, ent);
+        leaf(tree, seen);
         return;
     }
-    for (uint64_t i = 0; i < ent; ++i) node(key, tree, depth + 1, load_u64(bytes.data() + node_head_bytes + 8 * i));
+    for (uint64_t i = 0; i < seen.entries; ++i) node(key, tree, depth + 1, seen.target(i));
 }
 
-void surveyor::leaf(const file_key &key, tree_survey &tree, const std::vector<std::byte> &bytes, uint64_t ent)
+void surveyor::leaf(tree_survey &tree, const node_seen &node)
 {
-    const node_geometry &g = key.geometry;
-    for (uint64_t i = 0; i < ent; ++i) {
-        if (load_u64(bytes.data() + node_head_bytes + 8 * i) == UINT64_MAX) {
+    for (uint64_t i = 0; i < node.entries; ++i) {
+        if (node.target(i) == UINT64_MAX) {
             ++tree.left_behind;
             continue;
         }
         ++tree.entries;
-        const std::byte *value = bytes.data() + g.leaf_key_array + i * g.width;
-        const bool equal = !last_key_.empty() && std::memcmp(last_key_.data(), value, g.width) == 0;
+        const std::span<const std::byte> value = node.value(i);
+        const bool equal = !last_key_.empty() && std::memcmp(last_key_.data(), value.data(), value.size()) == 0;
         run_ = equal ? run_ + 1 : 1;
         tree.equal += equal ? 1 : 0;
         tree.longest_run = std::max(tree.longest_run, run_);
-        if (!equal) last_key_.assign(value, value + g.width);
+        if (!equal) last_key_.assign(value.begin(), value.end());
     }
 }
 

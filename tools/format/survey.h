@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -53,11 +54,30 @@ struct file_survey {
     const space_count &of(space kind) const { return by_kind[static_cast<size_t>(kind)]; }
 };
 
+// A node of a tree, as the walk from its root comes to it.
+struct node_seen {
+    const file_key &key;
+    uint64_t level, levels; // level 0: the root
+    uint64_t address, entries;
+    std::span<const std::byte> bytes; // of the whole block, until the call returns
+
+    bool is_leaf() const { return level + 1 == levels; }
+    uint64_t capacity() const { return is_leaf() ? key.geometry.leaf_capacity : key.geometry.branch_capacity; }
+    uint64_t target(uint64_t i) const { return load_u64(bytes.data() + node_head_bytes + 8 * i); }
+    std::span<const std::byte> value(uint64_t i) const // of the key, with what pads it
+    {
+        const node_geometry &g = key.geometry;
+        return bytes.subspan((is_leaf() ? g.leaf_key_array : g.branch_key_array) + i * g.width, g.width);
+    }
+};
+
 struct survey_options {
     // Told of every piece of the file in the order of its bytes.
     std::function<void(space kind, uint64_t offset, uint64_t length)> item;
+    // Told of every node before those below it.
+    std::function<void(const node_seen &node)> node;
     std::function<bool(std::string_view what, uint64_t done, uint64_t total)> progress; // false: stop
-    bool trees = true;
+    bool items = true, trees = true;                                                    // which walks are made
 };
 
 file_survey survey_file(file_image &image, const survey_options &options = {});

@@ -25,3 +25,5 @@ command_body declare_locks(CLI::App &command);
 command_body declare_watch(CLI::App &command);
 command_body declare_doctor(CLI::App &command);
 command_body declare_stats(CLI::App &command);
+command_body declare_map(CLI::App &command);
+command_body declare_completion(CLI::App &command);

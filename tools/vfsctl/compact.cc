@@ -99,7 +99,7 @@ void verify(const std::string &path, uint64_t records)
         throw tool_error(
             fmt::format("the new file does not pass the check with its {} records: {}; the old one is as it "
                         "was",
-                        records, found.report.problems().empty() ? "" : found.report.problems().front()));
+                        records, found.report.problems().empty() ? "" : found.report.problems().front().line()));
 }
 
 // A program that waits to open the old file would go on in it when the name already leads to the new one, and what it

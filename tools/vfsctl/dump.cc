@@ -1,4 +1,4 @@
-// vfsctl dump: all records as text.
+// vfsctl dump: all records as text that other stores read, or what the file is made of.
 #include <memory>
 
 #include <fcntl.h>
@@ -10,12 +10,13 @@
 #include "keys.h"
 #include "output.h"
 #include "progress.h"
+#include "structure.h"
 
 namespace {
 
 struct dump_options {
     std::string file;
-    bool print = false;
+    bool print = false, items = false, trees = false;
 };
 
 // Files with keys are a btree of primary keys and records. Relative records have numbers, which stock tools read from
@@ -30,6 +31,10 @@ db_text_header header_of(const vfs_open_block &block, const dump_options &option
 
 int dump(const dump_options &options)
 {
+    if (options.items || options.trees) {
+        options.items ? print_items(options.file) : print_tree_nodes(options.file);
+        return exit_good;
+    }
     watch_for_interruption();
     record_file file{{.path = options.file, .flags = O_RDONLY, .sequential = true}};
     const vfs_open_block block = file.info();
@@ -57,6 +62,12 @@ command_body declare_dump(CLI::App &command)
 {
     auto options = std::make_shared<dump_options>();
     command.add_option("file", options->file, "The file")->required();
-    command.add_flag("-p,--print", options->print, "Printable characters as they are, the others in hexadecimal");
+    auto *print =
+        command.add_flag("-p,--print", options->print, "Printable characters as they are, the others in hexadecimal");
+    auto *items = command.add_flag("--items", options->items, "Show the items of the file instead, a line for each");
+    command.add_flag("--trees", options->trees, "Show the nodes of its trees instead, with their entries")
+        ->excludes(items)
+        ->excludes(print);
+    items->excludes(print);
     return [options] { return dump(*options); };
 }

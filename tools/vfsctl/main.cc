@@ -29,6 +29,7 @@ constexpr command commands[] = {
     {"delete", "Remove the record with a key value", declare_delete},
     {"info", "Show what a file is: keys, records, lengths", declare_info},
     {"stats", "Show what a file is made of: sizes, fill of its trees, duplicates, waste", declare_stats},
+    {"map", "Draw what stands where in a file, as a page for a browser or for a terminal", declare_map},
     {"diff", "Compare two files record by record", declare_diff},
     {"compact", "Write a file anew without deleted records and padding", declare_compact},
     {"backup", "Copy a file while other programs use it", declare_backup},
@@ -37,6 +38,7 @@ constexpr command commands[] = {
     {"doctor", "Look for what of the machine and its settings hurts the driver", declare_doctor},
     {"check", "Check all of a file, also one that the driver refuses", declare_check},
     {"rebuild", "Make a new file of the records of a damaged one", declare_rebuild},
+    {"completion", "Write the script with which a shell completes this command line", declare_completion},
 };
 
 constexpr const char *footer = R"(

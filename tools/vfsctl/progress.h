@@ -1,4 +1,5 @@
-// A progress bar on standard error when that is a terminal, nothing otherwise; and the wish of the user to stop.
+// A progress bar on standard error when that is a terminal, nothing otherwise: how much is done, how fast, and the time
+// left at the mean rate so far; and the wish of the user to stop.
 #pragma once
 
 #include <chrono>
@@ -27,6 +28,7 @@ public:
 
 private:
     void draw();
+    std::string numbers(double seconds) const;
 
     std::string label_;
     uint64_t total_;
@@ -34,7 +36,7 @@ private:
     uint64_t next_look_; // the clock is not asked at every step
     bool terminal_;
     bool drawn_ = false;
-    std::chrono::steady_clock::time_point last_draw_;
+    std::chrono::steady_clock::time_point began_, last_draw_;
 };
 
 // The bars of work in several stages, one at a time.

@@ -233,7 +233,8 @@ void verify(const std::string &path, const rebuild_options &options, uint64_t ke
     const check_result found = check_image(image);
     if (!found.sound() || found.records != kept)
         throw tool_error(fmt::format("{}: the new file does not pass the check with its {} records: {}", options.target,
-                                     kept, found.report.problems().empty() ? "" : found.report.problems().front()));
+                                     kept,
+                                     found.report.problems().empty() ? "" : found.report.problems().front().line()));
 }
 
 std::unique_ptr<held_file> hold_old_file(const rebuild_options &options)
