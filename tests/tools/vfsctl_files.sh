@@ -91,6 +91,20 @@ printf '\377' | dd of=f.before bs=1 seek=64 conv=notrunc 2>stderr
 check "records that cannot be read stop it" 1 "" sh -c "printf '\1' | dd of=f.before bs=1 seek=320 conv=notrunc 2>stderr; '$vfsctl' compact f.before"
 says "records that cannot be read stop it" "vfsctl check"
 
+# ---- a file made anew in the place of another
+printf '700x\n' >other
+exec 4<f
+check "a file in use is not made anew" 1 "" "$vfsctl" load f --lines other --key 0:3 --force
+says "a file in use is not made anew" "has it open"
+check "nor made empty" 1 "" "$vfsctl" create f --key 0:3 --max 9 --force
+exec 4<&-
+cp -p f again && ln -s again link
+check "one that nobody uses is" 0 "1 640" \
+    sh -c "'$vfsctl' load link --lines other --key 0:3 --force >out && echo \$('$vfsctl' scan again --count) \$(stat -c %a again)"
+check "and its symbolic link still leads to it" 0 "again" readlink link
+check "without --force nothing is replaced" 1 "" "$vfsctl" load again --lines other --key 0:3
+says "without --force nothing is replaced" "again: cannot be made"
+
 # ---- backup, with a program at work
 check "backup" 0 "b: 5 records, checked" "$vfsctl" backup f --to b
 check "the copy is the same" 0 "" "$vfsctl" diff f b --quiet

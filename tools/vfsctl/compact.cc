@@ -17,10 +17,8 @@
 #include "format/check.h"
 #include "hold.h"
 #include "keys.h"
-#include "new_file.h"
 #include "progress.h"
-#include "store/format.h"
-#include "system_view.h"
+#include "replace.h"
 
 namespace {
 
@@ -30,13 +28,6 @@ struct compact_options {
 };
 
 constexpr const char *cache_size = "64M"; // records come in no order of the other keys
-
-std::string real_path(const std::string &path)
-{
-    const std::unique_ptr<char, decltype(&std::free)> found{realpath(path.c_str(), nullptr), &std::free};
-    if (found == nullptr) throw tool_error(failure_message(path, "cannot open it", errno, std::strerror(errno)));
-    return found.get();
-}
 
 // Equal values of a key come in the order in which they were written. One key with duplicates keeps that when the records
 // are written in its order; with several, nothing keeps it for all.
@@ -102,52 +93,15 @@ void verify(const std::string &path, uint64_t records)
                         records, found.report.problems().empty() ? "" : found.report.problems().front().line()));
 }
 
-// A program that waits to open the old file would go on in it when the name already leads to the new one, and what it
-// wrote would be lost. So the old one is first marked as never closed: whoever gets it is refused, and comes again.
-// The descriptor stays open: closing it would give up the locks that this process has on the file.
-class farewell {
-public:
-    explicit farewell(const std::string &path) : path_(path), descriptor_(open(path.c_str(), O_WRONLY | O_CLOEXEC))
-    {
-        if (descriptor_ == -1) fail();
-    }
-    void mark() const { put(state_unflushed); }
-    void take_back() const { put(state_clean); }
-
-private:
-    void put(uint64_t word) const
-    {
-        if (pwrite(descriptor_, &word, sizeof word, header_state_word.offset) != sizeof word) fail();
-    }
-    [[noreturn]] void fail() const
-    {
-        throw tool_error(failure_message(path_, "cannot be marked", errno, std::strerror(errno)));
-    }
-    std::string path_;
-    int descriptor_;
-};
-
-// Programs that share a file hold no lock on it between two operations, but would find it replaced.
-void refuse_users(const compact_options &options, const std::string &path)
-{
-    for (const file_user &user : users_of(path))
-        throw tool_error(fmt::format("{}: process {} ({}) has it open; compact it when nobody does", options.file,
-                                     user.process, process_name(user.process)));
-}
-
 int compact(const compact_options &options)
 {
     watch_for_interruption();
     const std::string path = real_path(options.file);
     struct stat before {};
-    if (stat(path.c_str(), &before) == 0 && before.st_nlink > 1)
-        throw tool_error(
-            fmt::format("{}: it has {} names (hard links), and the others would keep the old file; make one "
-                        "of them a copy first",
-                        options.file, before.st_nlink));
-    refuse_users(options, path);
+    stat(path.c_str(), &before);
+    refuse_users(path, "compact it when nobody does");
     setenv("VFS_CACHE_SIZE", cache_size, 0);
-    const farewell old_file{path};
+    farewell old_file{path};
     record_file from{{.path = path, .flags = O_RDWR, .exclusive = true}};
     const vfs_open_block old = from.info();
     const bool indexed = old.logical_organization == VFS_ORG_INDEXED;
@@ -161,13 +115,7 @@ int compact(const compact_options &options)
     fresh.take_attributes_of(path);
     struct stat after {};
     stat(fresh.path().c_str(), &after);
-    old_file.mark();
-    try {
-        fresh.publish(replacing::yes);
-    } catch (...) {
-        old_file.take_back();
-        throw;
-    }
+    old_file.publish(fresh);
     from.close();
     fmt::print("{}: {} records, {} bytes before, {} now\n", options.file, records, before.st_size, after.st_size);
     return exit_good;

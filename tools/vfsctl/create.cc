@@ -9,6 +9,7 @@
 #include "driver.h"
 #include "errors.h"
 #include "keys.h"
+#include "replace.h"
 #include "schema.h"
 
 namespace {
@@ -47,13 +48,16 @@ int create(const create_options &options)
             fmt::format("records of at most {} bytes do not hold the keys, which end at byte {}", max, end));
 
     const key_description description{keys};
-    record_file file{{.path = options.file,
-                      .flags = O_RDWR | O_CREAT | (options.force ? O_TRUNC : O_EXCL),
+    const std::string path = publishable_path(options.file, options.force);
+    new_file made{path};
+    record_file file{{.path = made.path(),
+                      .flags = O_RDWR | O_CREAT | O_EXCL,
                       .keys = description.get(),
                       .min_record_length = static_cast<int64_t>(min),
                       .max_record_length = static_cast<int64_t>(max),
                       .fixed_length = fixed}};
     file.close();
+    publish_made(made, path, options.force);
     fmt::print("{}: made, {} key{}, records of {} to {} bytes\n", options.file, keys.size(),
                keys.size() == 1 ? "" : "s", min, max);
     return exit_good;

@@ -20,6 +20,7 @@
 #include "errors.h"
 #include "keys.h"
 #include "progress.h"
+#include "replace.h"
 #include "sorter.h"
 
 namespace {
@@ -109,23 +110,6 @@ struct survey {
     bool ascending = true;
 };
 
-// A file that was made here and not filled to the end is of no use: the input has all that is in it.
-class unfinished_file {
-public:
-    explicit unfinished_file(const fill_request &request) : request_(request) {}
-    ~unfinished_file()
-    {
-        if (!finished_ && request_.make) unlink(request_.file.c_str());
-    }
-    unfinished_file(const unfinished_file &) = delete;
-    unfinished_file &operator=(const unfinished_file &) = delete;
-    void is_finished() { finished_ = true; }
-
-private:
-    const fill_request &request_;
-    bool finished_ = false;
-};
-
 [[noreturn]] void throw_interruption(const fill_request &request, uint64_t stored)
 {
     throw interruption(fmt::format("{}: interrupted; {}", request.file,
@@ -160,7 +144,8 @@ private:
     std::optional<std::string> why_not(const input_record &record) const;
     std::string text_of(const input_record &record) const;
     std::string reason_for(int error) const;
-    open_request request_for(const survey &seen, bool sequential, const vfs_key_desc *keys) const;
+    open_request request_for(const survey &seen, const std::string &path, bool sequential,
+                             const vfs_key_desc *keys) const;
     void report(double seconds, bool sequential) const;
 
     const fill_request &request_;
@@ -200,17 +185,18 @@ survey filler::look()
     return seen;
 }
 
-open_request filler::request_for(const survey &seen, bool sequential, const vfs_key_desc *keys) const
+open_request filler::request_for(const survey &seen, const std::string &path, bool sequential,
+                                 const vfs_key_desc *keys) const
 {
     if (!request_.make)
-        return {.path = request_.file,
+        return {.path = path,
                 .flags = O_RDWR,
                 .sequential = sequential,
                 .organization = target_.organization,
                 .logical = target_.organization};
     const uint64_t max = request_.max > 0 ? request_.max : seen.longest;
-    return {.path = request_.file,
-            .flags = O_RDWR | O_CREAT | (request_.force ? O_TRUNC : O_EXCL),
+    return {.path = path,
+            .flags = O_RDWR | O_CREAT | O_EXCL,
             .sequential = sequential,
             .keys = keys,
             .min_record_length = static_cast<int64_t>(request_.fixed > 0 ? request_.fixed : target_.min),
@@ -315,6 +301,7 @@ void filler::report(double seconds, bool sequential) const
 
 int filler::run()
 {
+    const std::string path = request_.make ? publishable_path(request_.file, request_.force) : request_.file;
     const survey seen = look();
     // Sequential access takes ascending keys into a file that has no others, and the end of one without keys.
     const bool sequential = target_.keys.empty() ? target_.organization == VFS_ORG_SEQUENTIAL
@@ -324,14 +311,16 @@ int filler::run()
     if (request_.make && !target_.keys.empty()) keys.emplace(target_.keys);
 
     const auto started = std::chrono::steady_clock::now();
-    file_ = std::make_unique<record_file>(request_for(seen, sequential, keys ? keys->get() : nullptr));
+    // A new file that is not filled to the end is of no use: the input has all that is in it.
+    new_file made{path};
+    file_ = std::make_unique<record_file>(
+        request_for(seen, request_.make ? made.path() : path, sequential, keys ? keys->get() : nullptr));
     bar_ = std::make_unique<progress>("loading", seen.records);
-    unfinished_file unfinished{request_};
     write_all();
     bar_.reset();
     if (interrupted() && request_.make) throw_interruption(request_, stored_);
     file_->close();
-    unfinished.is_finished();
+    if (request_.make) publish_made(made, path, request_.force);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - started;
     report(took.count(), sequential);
     refused_.close();
