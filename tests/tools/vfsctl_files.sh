@@ -108,6 +108,15 @@ says "without --force nothing is replaced" "again: cannot be made"
 # ---- backup, with a program at work
 check "backup" 0 "b: 5 records, checked" "$vfsctl" backup f --to b
 check "the copy is the same" 0 "" "$vfsctl" diff f b --quiet
+check "what was done as JSON" 0 "5 b2 5 0 5 0" sh -c "('$vfsctl' backup f --to b2 --json; '$vfsctl' rebuild b2 --to b3 --json; '$vfsctl' compact b3 --json) | python3 -c '
+import json, sys
+text, at, seen = sys.stdin.read(), 0, []
+while at < len(text):
+    value, end = json.JSONDecoder().raw_decode(text, at)
+    seen.append(value)
+    at = end + 1
+backup, rebuild, compact = seen
+print(backup[\"records\"], backup[\"to\"], rebuild[\"records\"], rebuild[\"rejected\"], compact[\"records\"], compact[\"bytes_before\"] - compact[\"bytes\"])'"
 check "backup overwrites nothing" 1 "" "$vfsctl" backup f --to b
 check "a damaged file is not backed up" 1 "" sh -c "cp f bad; printf '\377' | dd of=bad bs=1 seek=64 conv=notrunc 2>stderr; '$vfsctl' backup bad --to bad.b"
 check "and no copy is left" 1 "" sh -c "ls | grep 'bad.b\|vfsctl-'"
@@ -146,6 +155,10 @@ lock = seen['locks'][0]
 print(lock['kind'], int(lock['key']), lock['name'].startswith('python') and lock['type'] == 'write' and seen['held'] == 1)
 END
 check "watch prints lines into a pipe" 0 "2" sh -c "'$vfsctl' watch f --count 2 --interval 0.1 | grep -c '5 records'"
+check "or JSON" 0 "[5, 5]" sh -c "'$vfsctl' watch f --count 2 --interval 0.1 --json | python3 -c 'import json, sys; print([json.loads(line)[\"records\"] for line in sys.stdin])'"
+check "watch on a terminal shows one page and gives the old one back" 0 "2 1" \
+    sh -c "script -qec \"'$vfsctl' watch f --count 2 --interval 0.1\" /dev/null >out; echo \$(grep -c '^  records  *5 ' out) \$(grep -c '$(printf '\033')\[?1049l' out)"
+check "an interrupted watch ends well" 0 "" sh -c "'$vfsctl' watch f --interval 0.1 >out & sleep 0.5; kill -s INT \$!; wait \$!"
 check "watch of something else" 1 "" "$vfsctl" watch lines
 check "an interval that is none" 2 "" "$vfsctl" watch f --interval 0
 check "doctor tries out the folder" 0 "granted, and seen by another process" \

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <linux/fs.h>
+#include <nlohmann/json.hpp>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 #include "format/clear.h"
 #include "hold.h"
 #include "new_file.h"
+#include "output.h"
 #include "progress.h"
 
 namespace {
@@ -23,6 +25,7 @@ namespace {
 struct backup_options {
     std::string file;
     std::string target;
+    bool json = false;
 };
 
 class descriptor {
@@ -115,7 +118,10 @@ int backup(const backup_options &options)
     }
     copy.take_attributes_of(options.file);
     copy.publish(replacing::no);
-    fmt::print("{}: {} records, checked\n", options.target, found.records);
+    if (options.json)
+        put_json({{"file", options.file}, {"to", options.target}, {"records", found.records}, {"bytes", image.size()}});
+    else
+        fmt::print("{}: {} records, checked\n", options.target, found.records);
     return exit_good;
 }
 
@@ -126,5 +132,6 @@ command_body declare_backup(CLI::App &command)
     auto options = std::make_shared<backup_options>();
     command.add_option("file", options->file, "The file; programs that share it wait while it is copied")->required();
     command.add_option("--to", options->target, "The copy, which must not exist")->required();
+    command.add_flag("--json", options->json, "Print JSON");
     return [options] { return backup(*options); };
 }

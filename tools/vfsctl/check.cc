@@ -11,6 +11,7 @@
 #include "format/check.h"
 #include "format/clear.h"
 #include "hold.h"
+#include "output.h"
 #include "progress.h"
 
 namespace {
@@ -67,7 +68,7 @@ void print_json(const check_command &options, const check_result &found, const v
                    {"problems", problems},
                    {"notes", found.report.notes()},
                    {"says", said.says}};
-    fmt::print("{}\n", all.dump(2, ' ', false, json::error_handler_t::replace));
+    put_json(all);
 }
 
 // What a sound file's words say.

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include "format/check.h"
 #include "hold.h"
 #include "keys.h"
+#include "output.h"
 #include "progress.h"
 #include "replace.h"
 
@@ -25,6 +27,7 @@ namespace {
 struct compact_options {
     std::string file;
     std::optional<uint64_t> key;
+    bool json = false;
 };
 
 constexpr const char *cache_size = "64M"; // records come in no order of the other keys
@@ -41,7 +44,8 @@ uint64_t order_for(const compact_options &options, const std::vector<key_spec> &
     const uint64_t order = options.key ? *options.key : count == 1 ? static_cast<uint64_t>(first - keys.begin()) : 0;
     for (size_t k = 0; k < keys.size(); ++k)
         if (keys[k].duplicates && k != order)
-            fmt::print("{}: records with equal values of key {} now follow each other in the order of key {}\n",
+            fmt::print(options.json ? stderr : stdout,
+                       "{}: records with equal values of key {} now follow each other in the order of key {}\n",
                        options.file, k, order);
     return order;
 }
@@ -117,7 +121,14 @@ int compact(const compact_options &options)
     stat(fresh.path().c_str(), &after);
     old_file.publish(fresh);
     from.close();
-    fmt::print("{}: {} records, {} bytes before, {} now\n", options.file, records, before.st_size, after.st_size);
+    if (options.json)
+        put_json({{"file", options.file},
+                  {"records", records},
+                  {"bytes_before", before.st_size},
+                  {"bytes", after.st_size},
+                  {"order", order}});
+    else
+        fmt::print("{}: {} records, {} bytes before, {} now\n", options.file, records, before.st_size, after.st_size);
     return exit_good;
 }
 
@@ -129,5 +140,6 @@ command_body declare_compact(CLI::App &command)
     command.add_option("file", options->file, "The file; nobody else may have it open")->required();
     command.add_option("--key", options->key,
                        "Write in the order of this key (default: the one that has duplicates, or 0)");
+    command.add_flag("--json", options->json, "Print JSON");
     return [options] { return compact(*options); };
 }

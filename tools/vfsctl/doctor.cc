@@ -19,6 +19,7 @@
 #include "commands.h"
 #include "driver.h"
 #include "errors.h"
+#include "output.h"
 
 namespace {
 
@@ -257,10 +258,7 @@ int examination::run()
     file_system();
     settings_in_force();
     if (options_.json) {
-        fmt::print(
-            "{}\n",
-            json{{"folder", options_.folder}, {"checks", report_}, {"settings", settings_}, {"attention", troubles_}}
-                .dump(2, ' ', false, json::error_handler_t::replace));
+        put_json({{"folder", options_.folder}, {"checks", report_}, {"settings", settings_}, {"attention", troubles_}});
         return troubles_ == 0 ? exit_good : exit_failed;
     }
     for (const json &row : report_) {

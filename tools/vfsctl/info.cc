@@ -11,6 +11,7 @@
 #include "driver.h"
 #include "errors.h"
 #include "keys.h"
+#include "output.h"
 
 namespace {
 
@@ -82,7 +83,7 @@ command_body declare_info(CLI::App &command)
     return [options] {
         const json facts = facts_of(options->file);
         if (options->json)
-            fmt::print("{}\n", facts.dump(2, ' ', false, json::error_handler_t::replace));
+            put_json(facts);
         else
             print_for_people(facts);
         return static_cast<int>(exit_good);

@@ -14,6 +14,7 @@
 #include "field_type.h"
 #include "format/facts.h"
 #include "format/frames.h"
+#include "output.h"
 #include "system_view.h"
 
 namespace {
@@ -119,7 +120,7 @@ int locks(const locks_options &options)
     facts["held"] = found.size() - waiting;
     facts["waited_for"] = waiting;
     if (options.json)
-        fmt::print("{}\n", facts.dump(2, ' ', false, json::error_handler_t::replace));
+        put_json(facts);
     else
         print_for_people(options.file, facts);
     return exit_good;

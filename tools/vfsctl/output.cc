@@ -3,6 +3,8 @@
 
 #include <cstdio>
 
+#include <nlohmann/json.hpp>
+
 #include "csv.h"
 #include "errors.h"
 #include "json_record.h"
@@ -11,6 +13,17 @@ void put_out(std::string_view bytes)
 {
     if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size())
         throw tool_error("standard output cannot be written");
+}
+
+// Names of files may be in any encoding.
+void put_json(const nlohmann::ordered_json &value)
+{
+    put_out(value.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+}
+
+void put_json_line(const nlohmann::ordered_json &value)
+{
+    put_out(value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
 }
 
 record_printer::record_printer(record_shape shape, output_format format)

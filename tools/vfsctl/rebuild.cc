@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "commands.h"
@@ -19,6 +20,7 @@
 #include "hold.h"
 #include "keys.h"
 #include "new_file.h"
+#include "output.h"
 #include "progress.h"
 #include "rejects.h"
 
@@ -33,6 +35,7 @@ struct rebuild_options {
     uint64_t min = 0;
     uint64_t max = 0;
     uint64_t fixed = 0;
+    bool json = false;
 };
 
 constexpr uint64_t longest_record = uint64_t{1} << 30;
@@ -257,6 +260,24 @@ check_result check_old_file(const rebuild_options &options, file_image &image)
     return found;
 }
 
+void report(const rebuild_options &options, uint64_t kept, const reject_file &rejects)
+{
+    if (options.json) {
+        nlohmann::ordered_json reasons = nlohmann::ordered_json::object();
+        for (const auto &[reason, count] : rejects.by_reason()) reasons[reason] = count;
+        put_json({{"file", options.file},
+                  {"to", options.target},
+                  {"records", kept},
+                  {"rejected", rejects.count()},
+                  {"reasons", reasons},
+                  {"rejects", rejects.count() == 0 ? "" : rejects.path()}});
+        return;
+    }
+    fmt::print("{}: {} records kept, {} places rejected\n", options.target, kept, rejects.count());
+    for (const auto &[reason, count] : rejects.by_reason()) fmt::print("  {}: {}\n", count, reason);
+    if (rejects.count() != 0) fmt::print("  what was rejected is in {}\n", rejects.path());
+}
+
 int rebuild(const rebuild_options &options)
 {
     watch_for_interruption();
@@ -285,15 +306,12 @@ int rebuild(const rebuild_options &options)
         rejects.close();
         verify(fresh.path(), options, kept);
         fresh.publish(replacing::no);
-        fmt::print("{}: {} records kept, {} places rejected\n", options.target, kept, rejects.count());
+        report(options, kept, rejects);
     } catch (...) {
         if (access(options.target.c_str(), F_OK) != 0) rejects.remove();
         throw;
     }
-    for (const auto &[reason, count] : rejects.by_reason()) fmt::print("  {}: {}\n", count, reason);
-    if (rejects.count() == 0) return exit_good;
-    fmt::print("  what was rejected is in {}\n", rejects.path());
-    return exit_refused_rows;
+    return rejects.count() == 0 ? exit_good : exit_refused_rows;
 }
 
 } // namespace
@@ -312,5 +330,6 @@ command_body declare_rebuild(CLI::App &command)
     command.add_option("--min", options->min, "When the header is lost: shortest record in bytes")->needs(max);
     command.add_option("--fixed", options->fixed, "When the header is lost: all records have this length")
         ->excludes(max);
+    command.add_flag("--json", options->json, "Print JSON");
     return [options] { return rebuild(*options); };
 }

@@ -6,6 +6,7 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "output.h"
 #include "survey_report.h"
 
 namespace {
@@ -41,7 +42,7 @@ int stats(const stats_options &options)
                          ": this is no file of the driver, or its header is damaged: 'vfsctl check' says more");
     const json facts = survey_facts(options.file, found);
     if (options.json)
-        fmt::print("{}\n", facts.dump(2, ' ', false, json::error_handler_t::replace));
+        put_json(facts);
     else
         print_for_people(facts);
     return exit_good;

@@ -11,11 +11,13 @@
 #include <fcntl.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "commands.h"
 #include "errors.h"
+#include "output.h"
 #include "progress.h"
 #include "store/format.h"
 #include "system_view.h"
@@ -26,6 +28,7 @@ struct watch_options {
     std::string file;
     double interval = 1;
     uint64_t count = UINT64_MAX;
+    bool json = false;
 };
 
 struct sample {
@@ -95,6 +98,21 @@ std::string line_of(const sample &now, const std::optional<sample> &before)
                        now.in_memory ? ", as of the last flush of its program" : "");
 }
 
+nlohmann::ordered_json facts_of(const watch_options &options, const sample &now)
+{
+    return {{"file", options.file},
+            {"time", fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::chrono::system_clock::now()))},
+            {"records", now.records},
+            {"deleted", now.deleted},
+            {"moved", now.moved},
+            {"pad_bytes", now.pad},
+            {"bytes", now.bytes},
+            {"users", now.users},
+            {"locks_held", now.held},
+            {"locks_waited_for", now.waited_for},
+            {"as_of_last_flush", now.in_memory}};
+}
+
 void draw(const std::string &file, const sample &now, const std::optional<sample> &before, const sample &first)
 {
     const double seconds = before ? std::chrono::duration<double>(now.at - before->at).count() : 1;
@@ -134,7 +152,7 @@ int watch(const watch_options &options)
 {
     if (options.interval < 0.05) throw usage_error("watch: the interval is at least 0.05 seconds");
     watch_for_interruption();
-    const bool terminal = isatty(STDOUT_FILENO) == 1;
+    const bool terminal = isatty(STDOUT_FILENO) == 1 && !options.json;
     std::optional<sample> before;
     const sample first = take_sample(options.file); // what cannot be watched is told before the page changes
     std::optional<screen> page;
@@ -146,7 +164,10 @@ int watch(const watch_options &options)
         if (terminal) {
             draw(options.file, now, before, first);
         } else {
-            fmt::print("{}\n", line_of(now, before));
+            if (options.json)
+                put_json_line(facts_of(options, now));
+            else
+                put_out(line_of(now, before) + "\n");
             if (std::fflush(stdout) != 0) throw tool_error("standard output cannot be written");
         }
         before = now;
@@ -162,5 +183,6 @@ command_body declare_watch(CLI::App &command)
     command.add_option("file", options->file, "The file")->required();
     command.add_option("--interval", options->interval, "Seconds between two looks (default: 1)");
     command.add_option("--count", options->count, "Look so many times (default: until it is interrupted)");
+    command.add_flag("--json", options->json, "Print JSON, an object for each look");
     return [options] { return watch(*options); };
 }
