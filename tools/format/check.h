@@ -32,8 +32,9 @@ struct check_result {
     bool trees_sound() const;
 };
 
-// Memory: for each set of places at most a bit for each eight bytes of the file, and two or three sets; five megabytes
-// else. Puts a pending change of the file into `image`, so that it is checked as the next open will make it.
+// Puts a pending change of the file into `image`, so that it is checked as the next open will make it.
+// Memory: a bit for each record number, and for each eight bytes where slots are free; when a tree does not agree with the
+// records also two bits for each eight bytes of the file.
 check_result check_image(file_image &image, const check_options &options = {});
 
 // The slots of the records in the order of a sound tree, until the call returns false.

@@ -32,6 +32,40 @@ private:
     std::vector<uint64_t> others_;
 };
 
+// Calls for every item, for items whose trailer is another length, and for ranges where no item begins. False: stopped.
+template <typename Item, typename Trailer, typename Damage>
+bool walk(check_state &state, Item item, Trailer trailer, Damage damage)
+{
+    uint64_t at = state.facts.metadata_size, told = 0;
+    while (at < state.end) {
+        if (at - told >= 4 * 1024 * 1024) {
+            told = at;
+            if (!state.go_on("items", at, state.end)) return false;
+        }
+        frame found;
+        frame_fault fault = read_frame(state.image, at, state.end, &found);
+        if (fault == frame_fault::trailer) {
+            frame next;
+            const uint64_t behind = at + found.length;
+            if (behind == state.end || frame_holds(state.image, behind, state.end, &next)) {
+                trailer(found);
+                fault = frame_fault::none;
+            }
+        }
+        if (fault == frame_fault::none) {
+            item(found);
+            at += found.length;
+            continue;
+        }
+        frame next;
+        const uint64_t place = next_frame(state.image, at + 8, state.end, &next);
+        const uint64_t good = next.length != 0 && place < state.end ? place : state.end;
+        damage(at, good);
+        at = good;
+    }
+    return true;
+}
+
 class item_walk {
 public:
     explicit item_walk(check_state &state) : state_(state), numbers_(state.end) {}
@@ -39,65 +73,41 @@ public:
 
 private:
     bool flat() const { return state_.facts.flat; }
-    uint64_t step_over_damage(uint64_t at);
     void item(const frame &found);
     void slot(const frame &found);
     void flat_slot(const frame &found);
     void moved_slot(const frame &found);
     void record(const frame &found);
+    void keys_of(const frame &found);
     void length_of_record(const frame &found);
     void totals();
 
     check_state &state_;
     number_set numbers_;
+    std::vector<std::byte> value_;
     uint64_t records_ = 0, free_home_ = 0;
     uint64_t highest_ = UINT64_MAX; // none yet
     uint64_t expected_ = 0;         // flat files: number of the next home slot
 };
 
-uint64_t item_walk::step_over_damage(uint64_t at)
-{
-    frame next;
-    const uint64_t found = next_frame(state_.image, at + 8, state_.end, &next);
-    const uint64_t good = next.length != 0 && found < state_.end ? found : state_.end;
-    state_.walk_whole = false;
-    state_.report.problem(items, at,
-                          "no item begins here; {} bytes up to 0x{:x} cannot be read, and what is in them "
-                          "is missing",
-                          good - at, good);
-    return good;
-}
-
 void item_walk::run()
 {
-    uint64_t at = state_.facts.metadata_size, told = 0;
-    while (at < state_.end) {
-        if (at - told >= 4 * 1024 * 1024) {
-            told = at;
-            if (!state_.go_on("items", at, state_.end)) return;
-        }
-        frame found;
-        const frame_fault fault = read_frame(state_.image, at, state_.end, &found);
-        frame next;
-        if (fault == frame_fault::trailer) {
-            const uint64_t behind = at + found.length;
-            if (behind == state_.end || frame_holds(state_.image, behind, state_.end, &next)) {
-                state_.report.problem(items, behind - trailer_bytes,
-                                      "the item at 0x{:x} ends with length {}, it begins with {}: it cannot be read",
-                                      at, state_.image.word(behind - trailer_bytes), found.length);
-                item(found);
-                at = behind;
-                continue;
-            }
-        }
-        if (fault != frame_fault::none) {
-            at = step_over_damage(at);
-            continue;
-        }
-        item(found);
-        at += found.length;
-    }
-    totals();
+    const bool whole = walk(
+        state_, [&](const frame &found) { item(found); },
+        [&](const frame &found) {
+            const uint64_t at = found.offset + found.length - trailer_bytes;
+            state_.report.problem(items, at,
+                                  "the item at 0x{:x} ends with length {}, it begins with {}: it cannot be read",
+                                  found.offset, state_.image.word(at), found.length);
+        },
+        [&](uint64_t at, uint64_t good) {
+            state_.walk_whole = false;
+            state_.report.problem(items, at,
+                                  "no item begins here; {} bytes up to 0x{:x} cannot be read, and what is in them is "
+                                  "missing",
+                                  good - at, good);
+        });
+    if (whole) totals();
 }
 
 void item_walk::item(const frame &found)
@@ -153,19 +163,27 @@ void item_walk::record(const frame &found)
     if (flat() && found.type == item_relocated)
         state_.relocated.insert(found.offset);
     else
-        state_.records.insert(found.offset);
+        ++state_.records;
     if (found.link > found.length - slot_overhead) {
         state_.report.problem(records, found.offset, "a record of {} bytes in a slot of {}: it cannot be read",
                               found.link, found.length);
         return;
     }
     const uint64_t from = found.offset + slot_head_bytes + found.link, to = found.offset + found.length - trailer_bytes;
-    if (const uint64_t at = state_.image.first_nonzero(from, to); at != to)
+    if (const uint64_t at = from == to ? to : state_.image.first_nonzero(from, to); at != to)
         state_.report.problem(records, at,
                               "the record at 0x{:x} has {} bytes, behind it not all are zero: its length "
                               "or its bytes are damaged",
                               found.offset, found.link);
     length_of_record(found);
+    keys_of(found);
+}
+
+void item_walk::keys_of(const frame &found)
+{
+    for (size_t i = 0; i < state_.pairs.size(); ++i)
+        if (key_of_record(state_.image, state_.facts.keys[i], found.offset, &value_))
+            state_.pairs[i].add(found.offset, value_);
 }
 
 void item_walk::length_of_record(const frame &found)
@@ -247,5 +265,17 @@ void check_items(check_state &state)
 {
     item_walk walk{state};
     walk.run();
-    state.result.records = state.facts.flat ? state.records.count() + state.moved : state.records.count();
+    state.result.records = state.facts.flat ? state.records + state.moved : state.records;
+}
+
+offset_set record_slots(check_state &state)
+{
+    offset_set slots;
+    walk(
+        state,
+        [&](const frame &found) {
+            if (found.is_record()) slots.insert(found.offset);
+        },
+        [](const frame &) {}, [](uint64_t, uint64_t) {});
+    return slots;
 }

@@ -1,5 +1,6 @@
 // The trees: every node's fields, its neighbours and its parent, the order of all keys, and that each record is reached
-// exactly once by every key, under the value that its bytes give. A node is gone into once, so that damage cannot lead in
+// exactly once by every key, under the value that its bytes give. For that the entries are summed up and compared with the
+// sum over the records; only when the sums differ are they looked at one by one. A node is gone into once, so that damage cannot lead in
 // circles; at most one node of each level is held.
 #include "format/check_parts.h"
 
@@ -41,15 +42,18 @@ private:
     void order(const value &node, uint64_t address, bool leaf, level &here, const std::byte *separator);
     void leaf_entries(const value &node, uint64_t address);
     bool may_be_slot(uint64_t record) const;
-    void record_of(uint64_t at, uint64_t record, const std::byte *key);
+    void record_of(const offset_set &slots, uint64_t at, uint64_t record, const std::byte *key);
+    void pair_by_pair();
     void ends();
     void edges();
-    void unreached();
+    void unreached(const offset_set &slots);
 
     check_state &state_;
     const file_key &key_;
     offset_set &visited_; // nodes of all trees
     uint64_t all_nodes_;
+    pair_sum pairs_;
+    std::vector<uint64_t> leaves_; // from left to right, those that can be read
     offset_set reached_;
     std::vector<level> levels_;
     uint64_t entries_ = 0;
@@ -174,9 +178,10 @@ bool tree_check::may_be_slot(uint64_t record) const
     return record % 8 == 0 && record >= state_.facts.data_start && record < state_.end;
 }
 
-void tree_check::record_of(uint64_t at, uint64_t record, const std::byte *key)
+// One entry, when the sums say that something is wrong.
+void tree_check::record_of(const offset_set &slots, uint64_t at, uint64_t record, const std::byte *key)
 {
-    if (state_.options.fast ? !may_be_slot(record) : !state_.records.contains(record)) {
+    if (!slots.contains(record)) {
         state_.report.problem(trees, at, "key {}: an entry leads to 0x{:x}, where no record is", key_.number, record);
         return;
     }
@@ -184,7 +189,6 @@ void tree_check::record_of(uint64_t at, uint64_t record, const std::byte *key)
         state_.report.problem(trees, at, "key {}: a second entry leads to the record at 0x{:x}", key_.number, record);
         return;
     }
-    if (state_.options.fast) return;
     if (!key_of_record(state_.image, key_, record, &scratch_) ||
         std::memcmp(scratch_.data(), key, key_.geometry.width) != 0)
         state_.report.problem(trees, at,
@@ -208,8 +212,30 @@ void tree_check::leaf_entries(const value &node, uint64_t address)
         const uint64_t record = load_u64(node.data() + node_head_bytes + 8 * i);
         if (record == UINT64_MAX) continue;
         ++entries_;
-        record_of(address + node_head_bytes + 8 * i, record, key_at(node, true, i));
+        if (!state_.options.fast)
+            pairs_.add(record, {key_at(node, true, i), g.width});
+        else if (!may_be_slot(record))
+            state_.report.problem(trees, address + node_head_bytes + 8 * i,
+                                  "key {}: an entry leads to 0x{:x}, where no record can be", key_.number, record);
     }
+}
+
+void tree_check::pair_by_pair()
+{
+    const offset_set slots = record_slots(state_);
+    value node(index_block_bytes);
+    for (const uint64_t address : leaves_) {
+        if (!state_.go_on("entries", reached_.count(), slots.count())) return;
+        if (!state_.image.read(address, node)) continue;
+        const uint64_t ent = std::min(image_get(node, node_ent), key_.geometry.leaf_capacity);
+        for (uint64_t i = 0; i < ent; ++i) {
+            const uint64_t at = node_head_bytes + 8 * i, record = load_u64(node.data() + at);
+            if (record != UINT64_MAX) record_of(slots, address + at, record, key_at(node, true, i));
+        }
+    }
+    unreached(slots);
+    if (state_.report.problem_count() == 0) // nothing else may explain it, and nothing may hide it
+        state_.report.problem(trees, key_.entry, "key {}: its entries and the records do not agree", key_.number);
 }
 
 // Goes through the node at `address`, to which the word at `from` leads, and all below it.
@@ -229,6 +255,7 @@ void tree_check::node(uint64_t depth, uint64_t address, uint64_t parent, uint64_
     const uint64_t ent = image_get(bytes, node_ent);
     here.entries += ent;
     if (leaf) {
+        leaves_.push_back(address);
         if (lowest_.empty() && ent != 0)
             lowest_.assign(key_at(bytes, true, 0), key_at(bytes, true, 0) + key_.geometry.width);
         leaf_entries(bytes, address);
@@ -294,16 +321,15 @@ void tree_check::edges()
                               key_.number);
 }
 
-void tree_check::unreached()
+void tree_check::unreached(const offset_set &slots)
 {
-    const uint64_t records = state_.options.fast ? state_.result.records : state_.records.count();
-    if (records == reached_.count()) return;
-    if (state_.options.fast || !whole_) {
-        state_.report.problem(trees, key_.entry, "key {} is damaged: it leads to {} of {} records", key_.number,
-                              reached_.count(), records);
+    if (slots.count() == reached_.count()) return;
+    if (!whole_) {
+        state_.report.problem(trees, key_.entry, "key {} is damaged: {} of {} records are not found by it", key_.number,
+                              slots.count() - reached_.count(), slots.count());
         return;
     }
-    state_.records.each_not_in(reached_, [&](uint64_t at) {
+    slots.each_not_in(reached_, [&](uint64_t at) {
         state_.report.problem(trees, at, "key {}: no entry leads to this record: it is not found by this key",
                               key_.number);
         return true;
@@ -325,7 +351,11 @@ void tree_check::run()
         ends();
         edges();
     }
-    unreached();
+    if (state_.options.fast)
+        state_.expect(trees, key_.entry + key_entry_entries.offset, entries_, state_.result.records,
+                      "key {}, records that it leads to", key_.number);
+    else if (pairs_ != state_.pairs[key_.number])
+        pair_by_pair();
 }
 
 } // namespace
