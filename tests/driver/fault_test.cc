@@ -85,7 +85,8 @@ protected:
         };
         const int half = static_cast<int>(changes) / 2;
         for (int n = 0; n < half; ++n) run(f.write(record(100 + n), by_record()), 100 + n, record(100 + n));
-        if (note(f.flush() == 0, errno)) told.flushed = told.acknowledged;
+        const int flushed = f.flush();
+        if (note(flushed == 0, errno)) told.flushed = told.acknowledged;
         for (int n = 0; n < half; ++n) {
             if (n % 3 == 0) run(f.erase(by_key(key_of(n))), n, "");
             if (n % 3 == 1) run(f.rewrite(record(n, 2100), by_record()), n, record(n, 2100));
