@@ -56,15 +56,30 @@ struct bounce_block {
     alignas(direct_unit) std::byte bytes[direct_unit];
     uint64_t valid;
 
-    // One call: behind a short count lies the end of the file, where a second read would be misaligned.
+    // A short count is the end of the file, or is tried once more from the begin of the unit: a call in the middle would be
+    // misaligned. What the second attempt does not get cannot be had, and must not be taken for zeros.
     int read(const file_state *file, uint64_t offset)
     {
-        const ssize_t got = retry_call(&ignored_retries,
-                                       [&] { return pread(file->fd, bytes, direct_unit, static_cast<off_t>(offset)); });
-        if (got == -1) return -1;
-        valid = static_cast<uint64_t>(got);
-        std::memset(bytes + valid, 0, direct_unit - valid);
-        return 0;
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            const ssize_t got = retry_call(
+                &ignored_retries, [&] { return pread(file->fd, bytes, direct_unit, static_cast<off_t>(offset)); });
+            if (got == -1) return -1;
+            valid = static_cast<uint64_t>(got);
+            std::memset(bytes + valid, 0, direct_unit - valid);
+            if (valid == direct_unit || file_ends_at(file->fd, offset + valid)) return 0;
+        }
+        return fail(EIO);
+    }
+
+    int write(const file_state *file, uint64_t offset)
+    {
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            const ssize_t put = retry_call(
+                &ignored_retries, [&] { return pwrite(file->fd, bytes, direct_unit, static_cast<off_t>(offset)); });
+            if (put == -1) return -1;
+            if (put == direct_unit) return 0;
+        }
+        return fail(EIO);
     }
 };
 
@@ -93,7 +108,7 @@ int write_bounced(const file_state *file, const void *from, uint64_t bytes, uint
         const uint64_t count = std::min(direct_unit - within, bytes - done);
         if (block.read(file, start) == -1) return -1;
         std::memcpy(block.bytes + within, static_cast<const std::byte *>(from) + done, count);
-        if (write_plain(file, block.bytes, direct_unit, start) == -1) return -1;
+        if (block.write(file, start) == -1) return -1;
         done += count;
     }
     return 0;
@@ -111,6 +126,12 @@ void note_written(file_state *file)
 }
 
 } // namespace
+
+bool file_ends_at(int descriptor, uint64_t offset)
+{
+    struct stat facts {};
+    return fstat(descriptor, &facts) == -1 || static_cast<uint64_t>(facts.st_size) <= offset;
+}
 
 int64_t file_read_at(file_state *file, void *to, uint64_t bytes, uint64_t offset)
 {

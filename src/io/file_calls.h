@@ -16,6 +16,8 @@
 // Writes the pieces one behind the other from `offset` on, as writev does: 0 or -1. May change `pieces`. Not under
 // direct I/O.
 [[nodiscard]] int file_write_pieces(file_state *file, std::span<iovec> pieces, uint64_t offset);
+// Whether a short count that ends at `offset` is the end of the file; true as well when the file cannot be asked.
+[[nodiscard]] bool file_ends_at(int descriptor, uint64_t offset);
 // Size of the file now; -1 with errno.
 [[nodiscard]] int64_t file_size_now(const file_state *file);
 [[nodiscard]] int file_truncate(file_state *file, uint64_t size);

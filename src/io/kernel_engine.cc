@@ -33,8 +33,7 @@ void take_result(vfs_transfer *transfer)
         return;
     }
     if (count > 0) transfer->moved = static_cast<uint64_t>(count);
-    const bool at_end =
-        transfer->operation == transfer_read && (count == 0 || (transfer->direct && transfer->moved % 4096 != 0));
+    const bool at_end = transfer->operation == transfer_read && count == 0;
     if (!at_end && transfer->moved < transfer->length) transfer_perform(transfer);
 }
 

@@ -1,5 +1,6 @@
 // The engines that perform a transfer in the calling thread: positioned reads and writes, and blocks inside the
 // file's mapping, whose bytes need no moving. Must not know queues, states or completions.
+#include "io/file_calls.h"
 #include "io/io.h"
 #include "util/errors.h"
 
@@ -40,9 +41,26 @@ ssize_t move_some(vfs_transfer *transfer)
     });
 }
 
+// A direct transfer that ended inside a unit goes on at the begin of that unit. False when it has nowhere to go: at the
+// end of the file, or where the second attempt ends at the same place, which is one that the device cannot move.
+bool back_to_unit(vfs_transfer *transfer, uint64_t *ended_at)
+{
+    if (transfer->operation == transfer_read && file_ends_at(transfer->descriptor, transfer->offset + transfer->moved))
+        return false;
+    if (transfer->moved == *ended_at) {
+        transfer->error = EIO;
+        return false;
+    }
+    *ended_at = transfer->moved;
+    transfer->moved = transfer->moved / direct_unit * direct_unit;
+    return true;
+}
+
 void move_all(vfs_transfer *transfer)
 {
+    uint64_t ended_at = UINT64_MAX;
     while (transfer->moved < transfer->length) {
+        if (transfer->direct && transfer->moved % direct_unit != 0 && !back_to_unit(transfer, &ended_at)) return;
         const ssize_t count = move_some(transfer);
         if (count == -1) {
             transfer->error = errno;
@@ -53,8 +71,6 @@ void move_all(vfs_transfer *transfer)
             return;
         }
         transfer->moved += static_cast<uint64_t>(count);
-        const bool reads_direct = transfer->direct && transfer->operation == transfer_read;
-        if (reads_direct && transfer->moved % direct_unit != 0) return; // the end of the file
     }
 }
 
