@@ -358,7 +358,8 @@ void checker::flat_slots()
         if (it.type == relocated && !targets.contains(it.offset))
             complain("no moved slot leads to the record at 0x%lx", it.offset);
     equal(240, deleted, "deleted");
-    for (const uint64_t at : {256, 264, 272, 280, 288, 296, 304, 312}) equal(at, 0, "free space of a flat file");
+    for (const uint64_t at : std::initializer_list<uint64_t>{256, 264, 272, 280, 288, 296, 304, 312})
+        equal(at, 0, "free space of a flat file");
 }
 
 // ---- Lists -----------------------------------------------------------------------------------------------------

@@ -175,6 +175,16 @@ TEST_F(Check, DamagedItemsAreFoundWhereTheyAre)
     expect_found(fixed_file, first + slot_rrn.offset, 2, first + slot_rrn.offset, "it is 1");
 }
 
+TEST_F(Check, TreesThatWereNotLookedAtAreNotSound)
+{
+    make_indexed();
+    EXPECT_TRUE(check(path()).trees_sound());
+    poke(path(), 0, uint64_t{1} << 22); // where the items begin is not known
+    EXPECT_FALSE(check(path()).trees_sound());
+    const run_result rebuilt = vfsctl("rebuild " + path() + " --to " + path("new"));
+    EXPECT_TRUE(rebuilt.says("380 records kept")) << rebuilt;
+}
+
 // ---- The words -------------------------------------------------------------------------------------------------
 
 TEST_F(Check, EmptiedTreesAreSound)

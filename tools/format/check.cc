@@ -33,7 +33,7 @@ void describe_session(check_result &result)
 
 bool check_result::trees_sound() const
 {
-    return complete && facts.keys_known && report.count(finding_area::items) == 0 &&
+    return complete && walked && facts.keys_known && report.count(finding_area::items) == 0 &&
            report.count(finding_area::records) == 0 && report.count(finding_area::trees) == 0;
 }
 
@@ -56,6 +56,7 @@ check_result check_image(file_image &image, const check_options &options)
         check_items(state);
         if (result.complete && state.walk_whole) check_lists(state);
         if (result.complete) check_trees(state);
+        result.walked = true;
     }
     if (image.storage_error() != 0)
         result.report.problem(finding_area::items, 0, "the storage failed while the file was read: {}",

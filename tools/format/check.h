@@ -27,6 +27,8 @@ struct check_result {
     items_behind behind;
     uint64_t records = 0; // that were found; of a fast check those that the header counts
     bool complete = true; // false: it was stopped
+    bool walked =
+        false; // items and trees were gone through: not behind a header that says nothing, nor in a fast check
     bool sound() const { return complete && report.problem_count() == 0; }
     // The trees lead to every record that the walk finds, so that they can be read by their order.
     bool trees_sound() const;

@@ -1,0 +1,73 @@
+// Whatever a file says, the driver opens or refuses it, and every operation on it comes to an end inside its memory.
+#include "host.h"
+#include "scratch.h"
+
+#include <cstdint>
+#include <cstdlib>
+
+namespace {
+
+using namespace host;
+
+constexpr int most_reads = 600; // nodes that lead in circles have no end
+
+void browse(file &f)
+{
+    for (int64_t key = 0; key < 3; ++key) {
+        for (const bool forward : {true, false}) {
+            if (f.position(forward ? first(key) : last(key)).value < 0) continue;
+            for (int n = 0; n < most_reads && f.read(forward ? next() : prev()).value > 0; ++n) {}
+        }
+    }
+    for (int64_t number = 0; number < 20; ++number) f.read(by_rrn(number));
+}
+
+void change(file &f)
+{
+    for (int64_t n = 0; n < 12; ++n) {
+        std::string record = numbered("%08ld", n * 7 % 12) + "blue" + std::string(static_cast<size_t>(n) * 15, 'x');
+        record.resize(std::max<size_t>(record.size(), 50));
+        f.write(record, n % 2 == 0 ? by_record() : end());
+        f.write(record, by_rrn(n * 3));
+        f.read(by_key(record.substr(0, 8)));
+        f.rewrite(record + "longer than before", current());
+        if (n % 3 == 0) f.erase(by_key(record.substr(0, 8)));
+        if (n % 3 == 1) f.erase(by_rrn(n));
+    }
+    f.start(by_key("00000003", 0, VFS_GREATER_EQUAL));
+    f.read(next());
+    f.erase(current());
+    f.flush();
+}
+
+file_spec described(const std::string &path, uint32_t organization)
+{
+    file_spec spec;
+    spec.path = path;
+    spec.organization = spec.logical = organization;
+    spec.flags = O_RDWR;
+    spec.min_length = 0;
+    spec.max_length = 300;
+    return spec;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const std::string &path = put_scratch(data, size);
+    for (const char *lock : {"2", "4"}) {
+        setenv("VFS_LOCK", lock, 1);
+        for (const uint32_t organization :
+             {uint32_t{VFS_ORG_INDEXED}, uint32_t{VFS_ORG_RELATIVE}, uint32_t{VFS_ORG_SEQUENTIAL}}) {
+            file f;
+            if (!f.open(described(path, organization))) continue;
+            browse(f);
+            change(f);
+            browse(f);
+            f.close();
+        }
+    }
+    remove_scratch();
+    return 0;
+}
