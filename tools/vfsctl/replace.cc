@@ -39,18 +39,20 @@ void refuse_users(const std::string &path, const std::string &why)
             fmt::format("{}: process {} ({}) has it open; {}", path, user.process, process_name(user.process), why));
 }
 
-farewell::farewell(const std::string &path) : path_(path), descriptor_(open(path.c_str(), O_WRONLY | O_CLOEXEC))
+farewell::farewell(const std::string &path) : path_(path), descriptor_(open(path.c_str(), O_RDWR | O_CLOEXEC))
 {
     if (descriptor_ == -1) fail();
 }
 
 void farewell::publish(new_file &fresh)
 {
+    uint64_t before = 0;
+    if (pread(descriptor_, &before, sizeof before, header_state_word.offset) != sizeof before) fail();
     put(state_unflushed);
     try {
         fresh.publish(replacing::yes);
     } catch (...) {
-        put(state_clean);
+        put(before);
         throw;
     }
 }
