@@ -42,12 +42,12 @@ ssize_t move_some(vfs_transfer *transfer)
 }
 
 // A direct transfer that ended inside a unit goes on at the begin of that unit. False when it has nowhere to go: at the
-// end of the file, or where the second attempt ends at the same place, which is one that the device cannot move.
+// end of the file, or where the next attempt ends no farther on: what lies there the device cannot move.
 bool back_to_unit(vfs_transfer *transfer, uint64_t *ended_at)
 {
     if (transfer->operation == transfer_read && file_ends_at(transfer->descriptor, transfer->offset + transfer->moved))
         return false;
-    if (transfer->moved == *ended_at) {
+    if (transfer->moved <= *ended_at) {
         transfer->error = EIO;
         return false;
     }
@@ -58,7 +58,7 @@ bool back_to_unit(vfs_transfer *transfer, uint64_t *ended_at)
 
 void move_all(vfs_transfer *transfer)
 {
-    uint64_t ended_at = UINT64_MAX;
+    uint64_t ended_at = 0;
     while (transfer->moved < transfer->length) {
         if (transfer->direct && transfer->moved % direct_unit != 0 && !back_to_unit(transfer, &ended_at)) return;
         const ssize_t count = move_some(transfer);

@@ -27,16 +27,16 @@ struct check_result {
     items_behind behind;
     uint64_t records = 0; // that were found; of a fast check those that the header counts
     bool complete = true; // false: it was stopped
-    bool walked =
-        false; // items and trees were gone through: not behind a header that says nothing, nor in a fast check
+    // Items and trees were gone through: not behind a header that says nothing, nor in a fast check.
+    bool walked = false;
     bool sound() const { return complete && report.problem_count() == 0; }
     // The trees lead to every record that the walk finds, so that they can be read by their order.
     bool trees_sound() const;
 };
 
 // Puts a pending change of the file into `image`, so that it is checked as the next open will make it.
-// Memory: a bit for each record number, and for each eight bytes where slots are free; when a tree does not agree with the
-// records also two bits for each eight bytes of the file.
+// Memory: a bit for each record number, and for each eight bytes where slots are free; when a tree does not agree with
+// the records also two bits for each eight bytes of the file.
 check_result check_image(file_image &image, const check_options &options = {});
 
 // The slots of the records in the order of a sound tree, until the call returns false.

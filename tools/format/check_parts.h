@@ -24,7 +24,6 @@ public:
         high_ += mixed(hash + odd);
         ++count_;
     }
-    uint64_t count() const { return count_; }
     bool operator==(const pair_sum &) const = default;
 
 private:

@@ -1,7 +1,7 @@
 // The trees: every node's fields, its neighbours and its parent, the order of all keys, and that each record is reached
-// exactly once by every key, under the value that its bytes give. For that the entries are summed up and compared with the
-// sum over the records; only when the sums differ are they looked at one by one. A node is gone into once, so that damage cannot lead in
-// circles; at most one node of each level is held.
+// exactly once by every key, under the value that its bytes give. For that the entries are summed up and compared with
+// the sum over the records; only when the sums differ are they looked at one by one. A node is gone into once, so that
+// damage cannot lead in circles; at most one node of each level is held.
 #include "format/check_parts.h"
 
 #include <algorithm>
@@ -370,8 +370,8 @@ void check_trees(check_state &state)
         tree_check{state, key, visited, nodes}.run();
         if (!state.result.complete) return;
     }
-    if (state.options.fast || state.report.count(trees) != 0)
-        return; // the nodes below a damaged one are in no tree then
+    // The nodes below a damaged one are in no tree then.
+    if (state.options.fast || state.report.count(trees) != 0) return;
     for (const offset_set *kind : {&state.leaves, &state.branches})
         kind->each_not_in(visited, [&](uint64_t at) {
             state.report.problem(trees, at, "this node belongs to no tree");
