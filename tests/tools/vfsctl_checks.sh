@@ -34,3 +34,18 @@ says() {
 
 newline='
 '
+
+# json EXPRESSION: prints what a Python expression makes of v, the list of the JSON values on standard input.
+json="$PWD/json"
+cat >"$json" <<'END'
+#!/usr/bin/env python3
+import json, sys
+text, at, v = sys.stdin.read(), 0, []
+while at < len(text):
+    value, end = json.JSONDecoder().raw_decode(text, at)
+    v.append(value)
+    at = end + 1
+made = eval(sys.argv[1])
+print(*made) if isinstance(made, (list, tuple)) else print(made)
+END
+chmod +x "$json"

@@ -103,6 +103,14 @@ check "a key that came with a record has to be the record's" 0 "1 rows refused" 
 printf 'VERSION=3\nformat=print\ntype=recno\nkeys=1\nHEADER=END\n 3\n c\n 1\n a\nDATA=END\n' >numbers
 check "record numbers become a relative file" 0 "a${newline}c" sh -c "'$vfsctl' undump n --organization relative numbers >load.out && '$vfsctl' scan n"
 check "and back" 0 " 31${newline} 61${newline} 33${newline} 63${newline}DATA=END" sh -c "'$vfsctl' dump n | tail -5"
+printf 'number,name\n4,Ann\n5\n' >one.csv
+check "what was done as JSON" 0 "2 4 1 1 number:3,name:3 added deleted 2 0" sh -c "(
+    '$vfsctl' create r --key 0:2 --key 2:1,dup --fixed 4 --json
+    '$vfsctl' load r2 one.csv --key 0:3 --layout number:3,name:auto --rejects refused --json-result
+    '$vfsctl' put r abcd --json-result
+    '$vfsctl' delete r ab --json
+    '$vfsctl' undump r3 --organization relative numbers --json) |
+    '$json' '[str(each.get(n)) for each, names in zip(v, (\"keys max\", \"records refused layout\", \"result\", \"result\", \"records refused\")) for n in names.split()]'"
 check "an indexed file needs keys" 2 "" "$vfsctl" undump n2 --organization indexed numbers
 check "a dump that is cut off makes no file" 1 "" sh -c "head -7 numbers | '$vfsctl' undump n3 --organization relative"
 check "and leaves none" 1 "" test -e n3

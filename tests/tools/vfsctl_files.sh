@@ -14,7 +14,7 @@ make g
 
 # ---- stats
 check "stats counts records, trees and equal values" 0 "5 5 5" \
-    sh -c "'$vfsctl' stats f --json | python3 -c 'import json, sys; s = json.load(sys.stdin); print(s[\"records\"], s[\"trees\"][0][\"values\"], s[\"trees\"][1][\"entries\"])'"
+    sh -c "'$vfsctl' stats f --json | '$json' '[v[0][\"records\"], v[0][\"trees\"][0][\"values\"], v[0][\"trees\"][1][\"entries\"]]'"
 check "stats for people" 0 "  records                    5               240     0.2" sh -c "'$vfsctl' stats f | grep '  records  '"
 check "stats of something else" 1 "" "$vfsctl" stats lines
 says "stats of something else" "lines: this is no file of the driver"
@@ -52,8 +52,8 @@ check "nodes with their entries" 0 "'001' '002' '003' '004' 'a' 'b' 'c' 'd'" \
 check "one view at a time" 2 "" "$vfsctl" dump f --items --trees
 
 # ---- check
-check "check as JSON" 0 "0 True 4 indexed" sh -c "'$vfsctl' check f --json | python3 -c 'import json, sys; c = json.load(sys.stdin); print(c[\"status\"], c[\"sound\"], c[\"records\"], c[\"kind\"][:7])'"
-check "a problem as JSON" 4 "header 64" sh -c "cp f bad; printf '\377' | dd of=bad bs=1 seek=64 conv=notrunc 2>out; '$vfsctl' check bad --json >out; status=\$?; python3 -c 'import json, sys; p = json.load(sys.stdin)[\"problems\"][0]; print(p[\"area\"], p[\"offset\"])' <out; exit \$status"
+check "check as JSON" 0 "0 True 4 indexed" sh -c "'$vfsctl' check f --json | '$json' '[v[0][\"status\"], v[0][\"sound\"], v[0][\"records\"], v[0][\"kind\"][:7]]'"
+check "a problem as JSON" 4 "header 64" sh -c "cp f bad; printf '\377' | dd of=bad bs=1 seek=64 conv=notrunc 2>out; '$vfsctl' check bad --json >out; status=\$?; '$json' '[v[0][\"problems\"][0][n] for n in (\"area\", \"offset\")]' <out; exit \$status"
 check "a fast check" 0 "f: header and trees are sound, indexed, 2 keys, 4 records, which were not looked at" "$vfsctl" check f --fast
 check "which clears nothing" 16 "" "$vfsctl" check f --fast --clear
 check "a record back" 0 "" sh -c "'$vfsctl' put f 005e2 >out"
@@ -86,7 +86,7 @@ check "compact does not part two names" 1 "" "$vfsctl" compact f
 says "compact does not part two names" "2 names"
 check "compact" 0 "1" sh -c "rm f.other; '$vfsctl' compact f | grep -c '^f: 5 records'"
 check "the records are the same" 0 "" "$vfsctl" diff f f.before --quiet
-check "nothing is unused" 0 "0" sh -c "'$vfsctl' stats f --json | python3 -c 'import json, sys; print(json.load(sys.stdin)[\"items\"][\"deleted\"][\"items\"])'"
+check "nothing is unused" 0 "0" sh -c "'$vfsctl' stats f --json | '$json' 'v[0][\"items\"][\"deleted\"][\"items\"]'"
 check "permissions are kept" 0 "640" stat -c %a f
 check "the compacted file is sound" 0 "f: sound, indexed, 2 keys, 5 records" "$vfsctl" check f
 check "nothing is left behind" 1 "" sh -c "ls | grep vfsctl-"
@@ -112,15 +112,8 @@ says "without --force nothing is replaced" "again: cannot be made"
 # ---- backup, with a program at work
 check "backup" 0 "b: 5 records, checked" "$vfsctl" backup f --to b
 check "the copy is the same" 0 "" "$vfsctl" diff f b --quiet
-check "what was done as JSON" 0 "5 b2 5 0 5 0" sh -c "('$vfsctl' backup f --to b2 --json; '$vfsctl' rebuild b2 --to b3 --json; '$vfsctl' compact b3 --json) | python3 -c '
-import json, sys
-text, at, seen = sys.stdin.read(), 0, []
-while at < len(text):
-    value, end = json.JSONDecoder().raw_decode(text, at)
-    seen.append(value)
-    at = end + 1
-backup, rebuild, compact = seen
-print(backup[\"records\"], backup[\"to\"], rebuild[\"records\"], rebuild[\"rejected\"], compact[\"records\"], compact[\"bytes_before\"] - compact[\"bytes\"])'"
+check "what was done as JSON" 0 "5 b2 5 0 5 0" sh -c "('$vfsctl' backup f --to b2 --json; '$vfsctl' rebuild b2 --to b3 --json; '$vfsctl' compact b3 --json) |
+    '$json' '[v[0][\"records\"], v[0][\"to\"], v[1][\"records\"], v[1][\"rejected\"], v[2][\"records\"], v[2][\"bytes_before\"] - v[2][\"bytes\"]]'"
 check "backup overwrites nothing" 1 "" "$vfsctl" backup f --to b
 check "a damaged file is not backed up" 1 "" sh -c "cp f bad; printf '\377' | dd of=bad bs=1 seek=64 conv=notrunc 2>stderr; '$vfsctl' backup bad --to bad.b"
 check "and no copy is left" 1 "" sh -c "ls | grep 'bad.b\|vfsctl-'"
@@ -159,14 +152,14 @@ lock = seen['locks'][0]
 print(lock['kind'], int(lock['key']), lock['name'].startswith('python') and lock['type'] == 'write' and seen['held'] == 1)
 END
 check "watch prints lines into a pipe" 0 "2" sh -c "'$vfsctl' watch f --count 2 --interval 0.1 | grep -c '5 records'"
-check "or JSON" 0 "[5, 5]" sh -c "'$vfsctl' watch f --count 2 --interval 0.1 --json | python3 -c 'import json, sys; print([json.loads(line)[\"records\"] for line in sys.stdin])'"
+check "or JSON" 0 "[5, 5]" sh -c "'$vfsctl' watch f --count 2 --interval 0.1 --json | '$json' 'str([each[\"records\"] for each in v])'"
 [ -z "$terminal" ] || check "watch on a terminal shows one page and gives the old one back" 0 "2 1" \
     sh -c "script -qec \"'$vfsctl' watch f --count 2 --interval 0.1\" /dev/null >out; echo \$(grep -c '^  records  *5 ' out) \$(grep -c '$(printf '\033')\[?1049l' out)"
 check "an interrupted watch ends well" 0 "" sh -c "'$vfsctl' watch f --interval 0.1 >out & sleep 0.5; kill -s INT \$!; wait \$!"
 check "watch of something else" 1 "" "$vfsctl" watch lines
 check "an interval that is none" 2 "" "$vfsctl" watch f --interval 0
 check "doctor tries out the folder" 0 "granted, and seen by another process" \
-    sh -c "'$vfsctl' doctor --json | python3 -c 'import json, sys; print([c[\"found\"] for c in json.load(sys.stdin)[\"checks\"] if c[\"what\"] == \"byte-range locks\"][0])'"
+    sh -c "'$vfsctl' doctor --json | '$json' '[c[\"found\"] for c in v[0][\"checks\"] if c[\"what\"] == \"byte-range locks\"]'"
 check "a misspelt setting needs attention" 1 "attention  setting: VFS_LOKC" sh -c "VFS_LOKC=4 '$vfsctl' doctor >out; status=\$?; grep LOKC out; exit \$status"
 check "doctor leaves nothing behind" 1 "" sh -c "ls | grep doctor"
 
@@ -176,7 +169,7 @@ sed -n 's/^| `\(VFS_[A-Z_]*\)` | .*|.*|.*|$/\1/p' "$guide" | sort -u >listed
 echo VFS_EXTFH_TRACE >>listed
 sort -u listed -o listed
 check "doctor knows the settings of the guide" 0 "" \
-    sh -c "'$vfsctl' doctor --json | python3 -c 'import json, sys; print(*sorted(s[\"name\"] for s in json.load(sys.stdin)[\"settings\"]), sep=\"\n\")' | diff - listed"
+    sh -c "'$vfsctl' doctor --json | '$json' '\"\n\".join(sorted(s[\"name\"] for s in v[0][\"settings\"]))' | diff - listed"
 
 [ "$failed" -eq 0 ] && echo "vfsctl: all commands on files behave"
 exit "$failed"

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "csv.h"
@@ -12,6 +13,7 @@
 #include "errors.h"
 #include "json_record.h"
 #include "keys.h"
+#include "output.h"
 #include "schema.h"
 
 namespace {
@@ -20,7 +22,8 @@ struct change_options {
     std::string file;
     std::string text; // put: the record; delete: the key value
     shape_options shape;
-    bool json = false;
+    bool json = false;        // put: the record is
+    bool json_result = false; // what was done is said so
     std::string by = "0";
     bool only_add = false;
     bool only_replace = false;
@@ -67,6 +70,14 @@ std::string record_of(const change_options &options, const vfs_open_block &block
     return record;
 }
 
+void report(const change_options &options, const char *done)
+{
+    if (options.json_result)
+        put_json({{"file", options.file}, {"result", done}});
+    else
+        fmt::print("{}: {}\n", options.file, done);
+}
+
 int put(const change_options &options)
 {
     record_file file{{.path = options.file, .flags = O_RDWR}};
@@ -94,7 +105,7 @@ int put(const change_options &options)
         fmt::print(stderr, "vfsctl: {}: no record with this primary key\n", options.file);
         return exit_nothing_found;
     }
-    fmt::print("{}: {}\n", options.file, done);
+    report(options, done);
     return exit_good;
 }
 
@@ -112,7 +123,7 @@ int remove_record(const change_options &options)
         fmt::print(stderr, "vfsctl: {}: no record with the key '{}'\n", options.file, options.text);
         return exit_nothing_found;
     }
-    fmt::print("{}: deleted\n", options.file);
+    report(options, "deleted");
     return exit_good;
 }
 
@@ -129,6 +140,7 @@ command_body declare_put(CLI::App &command)
     command.add_flag("--hex", options->hex, "The record is given in hexadecimal")->excludes(layout)->excludes(json);
     auto *add = command.add_flag("--add", options->only_add, "Only add; an existing record is an error");
     command.add_flag("--replace", options->only_replace, "Only replace; a missing record is an error")->excludes(add);
+    command.add_flag("--json-result", options->json_result, "Print as JSON what was done");
     return [options] { return put(*options); };
 }
 
@@ -139,5 +151,6 @@ command_body declare_delete(CLI::App &command)
     command.add_option("key", options->text, "The whole key value; a shorter one is padded with blanks")->required();
     command.add_option("--by", options->by, "Number of the key, 0 is the primary one");
     command.add_flag("--hex", options->hex, "The key value is given in hexadecimal");
+    command.add_flag("--json", options->json_result, "Print JSON");
     return [options] { return remove_record(*options); };
 }

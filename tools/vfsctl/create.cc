@@ -4,11 +4,13 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "driver.h"
 #include "errors.h"
 #include "keys.h"
+#include "output.h"
 #include "replace.h"
 #include "schema.h"
 
@@ -22,6 +24,7 @@ struct create_options {
     uint64_t max = 0;
     uint64_t fixed = 0;
     bool force = false;
+    bool json = false;
 };
 
 int create(const create_options &options)
@@ -58,8 +61,11 @@ int create(const create_options &options)
                       .fixed_length = fixed}};
     file.close();
     publish_made(made, path, options.force);
-    fmt::print("{}: made, {} key{}, records of {} to {} bytes\n", options.file, keys.size(),
-               keys.size() == 1 ? "" : "s", min, max);
+    if (options.json)
+        put_json({{"file", options.file}, {"keys", keys.size()}, {"min", min}, {"max", max}});
+    else
+        fmt::print("{}: made, {} key{}, records of {} to {} bytes\n", options.file, keys.size(),
+                   keys.size() == 1 ? "" : "s", min, max);
     return exit_good;
 }
 
@@ -75,5 +81,6 @@ command_body declare_create(CLI::App &command)
     auto *min = command.add_option("--min", options->min, "Shortest record in bytes (default: up to the last key)");
     command.add_option("--fixed", options->fixed, "All records have this length")->excludes(max)->excludes(min);
     command.add_flag("--force", options->force, "Overwrite an existing file");
+    command.add_flag("--json", options->json, "Print JSON");
     return [options] { return create(*options); };
 }

@@ -13,12 +13,14 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "csv.h"
 #include "driver.h"
 #include "errors.h"
 #include "keys.h"
+#include "output.h"
 #include "progress.h"
 #include "replace.h"
 #include "sorter.h"
@@ -293,7 +295,18 @@ void filler::write_all()
 
 void filler::report(double seconds, bool sequential) const
 {
-    if (input_.format() == input_format::csv) fmt::print("layout: {}\n", input_.columns()->text());
+    const bool has_layout = input_.format() == input_format::csv;
+    if (request_.json) {
+        nlohmann::ordered_json all{{"file", request_.file},
+                                   {"records", stored_},
+                                   {"refused", refused_.count()},
+                                   {"seconds", seconds},
+                                   {"sequential", sequential}};
+        if (has_layout) all["layout"] = input_.columns()->text();
+        put_json(all);
+        return;
+    }
+    if (has_layout) fmt::print("layout: {}\n", input_.columns()->text());
     fmt::print("{}: {} records loaded in {:.2f} s ({:.0f} a second, {} access), {} rows refused\n", request_.file,
                stored_, seconds, static_cast<double>(stored_) / std::max(seconds, 1e-6),
                sequential ? "sequential" : "dynamic", refused_.count());

@@ -21,6 +21,7 @@ struct fill_request {
     bool pad = false;    // short records are padded with blanks to the end of the last key
     bool sort = false;   // in the order of the primary key
     bool force = false;  // an existing file is made anew
+    bool json = false;   // what was done is said as JSON
     std::string rejects; // where refused rows go; empty: standard error
 };
 

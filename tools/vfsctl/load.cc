@@ -107,6 +107,7 @@ command_body declare_load(CLI::App &command)
     declare_layout(command, options->shape, "CSV, JSON: name:width, name:auto or name:* (last), joined by ','")
         ->excludes(lines)
         ->excludes(fixed);
+    command.add_flag("--json-result", options->target.json, "Print as JSON what was done");
     return [options] { return load(*options); };
 }
 
@@ -121,5 +122,6 @@ command_body declare_undump(CLI::App &command)
         ->check(CLI::IsMember({"sequential", "relative", "indexed"}));
     command.add_flag("--join", options->join_key, "A record is the key and the data, not the data alone");
     command.add_option("--database", options->database, "Of a dump with several databases, the one to take");
+    command.add_flag("--json", options->target.json, "Print JSON");
     return [options] { return undump(*options); };
 }
