@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
+#include <optional>
 #include <random>
 
 namespace {
@@ -18,33 +20,41 @@ using namespace host;
 
 class Check : public ToolTest {
 protected:
-    uint64_t table() const { return peek(path(), header_key_table.offset); }
-    uint64_t key_word(uint64_t key, field<uint64_t> at) const
-    {
-        return peek(path(), table() + key * key_entry_bytes + at.offset);
-    }
-    uint64_t first_leaf(uint64_t key) const { return key_word(key, key_entry_first_leaf); }
-    // Offset of the record in an entry of a first leaf.
-    uint64_t record_of(uint64_t key, uint64_t entry) const
-    {
-        return peek(path(), first_leaf(key) + node_head_bytes + 8 * entry);
-    }
+    uint64_t first_leaf(uint64_t key) const { return sound_file{slurp(path())}.leaf(key); }
 
-    // A sound file with the given word instead of its own: the check must say so at `at`, and the other judge agree.
-    void expect_found(const std::string &good, uint64_t offset, uint64_t value, uint64_t at, const std::string &says)
-    {
-        spill(path(), good);
-        poke(path(), offset, value);
-        const check_result found = check(path());
-        EXPECT_FALSE(found.sound()) << says;
-        EXPECT_NE(check_file(path()), "") << says;
-        const auto &problems = found.report.problems();
-        EXPECT_TRUE(std::any_of(
-            problems.begin(), problems.end(),
-            [&](const finding &each) { return each.offset == at && each.text.find(says) != std::string::npos; }))
-            << std::hex << at << ": " << says << "\n"
-            << lines(found);
-    }
+    // A file without fault, and where its parts are.
+    struct sound_file {
+        std::string bytes;
+
+        uint64_t word(uint64_t offset) const
+        {
+            return load_u64(reinterpret_cast<const std::byte *>(bytes.data()) + offset);
+        }
+        uint64_t key_entry(uint64_t key) const { return word(header_key_table.offset) + key * key_entry_bytes; }
+        uint64_t leaf(uint64_t key) const { return word(key_entry(key) + key_entry_first_leaf.offset); }
+        uint64_t root(uint64_t key) const { return word(key_entry(key) + key_entry_root.offset); }
+        // Key 0: where an entry of its first leaf leads.
+        uint64_t record(uint64_t entry) const { return word(leaf(0) + node_head_bytes + 8 * entry); }
+        uint64_t second_item() const { return 4096 + word(4096); }
+        uint64_t moved_item() const
+        {
+            uint64_t at = 4096;
+            while (bytes.at(at + frame_type.offset) != item_moved) at += word(at);
+            return at;
+        }
+    };
+    // The word at `offset` becomes `value`, and that is found `at` where its consequence is.
+    struct planted {
+        uint64_t offset, value;
+        std::optional<uint64_t> at{};
+    };
+    enum kind { indexed_file, flat_file, fixed_file };
+    struct damage {
+        kind file;
+        std::function<planted(const sound_file &)> plant;
+        const char *says;
+    };
+    static std::vector<damage> kinds_of_damage();
 
     watchdog guard{230};
 };
@@ -65,114 +75,200 @@ TEST_F(Check, FilesOfEveryShapeAreSoundToBothJudges)
     EXPECT_EQ(check(path()).records, 396U);
 }
 
-TEST_F(Check, DamagedHeaderFieldsAreFoundWhereTheyAre)
+std::vector<Check::damage> Check::kinds_of_damage()
 {
-    make_indexed();
-    const std::string good = slurp(path());
-    const uint64_t entry = table() + key_entry_bytes; // of the second key
-    const auto word = [&](uint64_t offset) {
-        return load_u64(reinterpret_cast<const std::byte *>(good.data()) + offset);
+    using f = const sound_file &;
+    const auto raised = [](auto field, uint64_t by = 8) {
+        return [=](f file) { return planted{field.offset, file.word(field.offset) + by}; };
     };
-    const auto wrong = [&](auto at, const std::string &says) {
-        expect_found(good, at.offset, word(at.offset) + 8, at.offset, says);
+    const auto set = [](uint64_t offset, uint64_t value) { return [=](f) { return planted{offset, value}; }; };
+    const auto in_key = [](auto field, uint64_t value) { // of the second key
+        return [=](f file) { return planted{file.key_entry(1) + field.offset, value}; };
     };
-    wrong(header_records, "number of records");
-    wrong(header_deleted, "number of free slots");
-    wrong(header_moved, "number of moved");
-    wrong(header_holes, "number of holes");
-    wrong(header_free_index_blocks, "free index blocks");
-    wrong(header_free_slot_blocks, "free-slot lists");
-    wrong(header_header_length, "header length");
-    wrong(header_allocation_point, "allocation point");
-    wrong(header_index_block_size, "index block size");
-    wrong(header_minimum_slot, "minimum slot");
-    wrong(header_key_table, "key table");
-    expect_found(good, header_highest_rrn.offset, 3, header_highest_rrn.offset, "highest record number");
-    expect_found(good, 24, 0, 24, "no file of this driver");
-    expect_found(good, 32, 0x04030201, 32, "other byte order");
-    expect_found(good, 0, 12288 * 4096, 0, "metadata region");
-    expect_found(good, header_free_index_list.offset, first_leaf(0), header_free_index_list.offset, "overwrite");
-    expect_found(good, header_free_slot_list.offset, first_leaf(0), header_free_slot_list.offset, "leads to");
-    expect_found(good, header_variable_part + 8, 77, header_key_description.offset, "77 keys");
-    expect_found(good, entry + key_entry_depth.offset, 65, entry + key_entry_depth.offset, "65 levels");
-    expect_found(good, entry + key_entry_root.offset, 4104, entry + key_entry_root.offset, "expected at 0x1008");
-    expect_found(good, entry + key_entry_leaves.offset, 3, entry + key_entry_leaves.offset, "its leaves");
-    expect_found(good, entry + key_entry_leaf_capacity.offset, 3, entry + key_entry_leaf_capacity.offset, "capacity");
+    const auto in_leaf = [](auto field, uint64_t value) { // the first one of key 0
+        return [=](f file) { return planted{file.leaf(0) + field.offset, value}; };
+    };
+    const auto to_leaf = [](auto field) { return [=](f file) { return planted{field.offset, file.leaf(0)}; }; };
+    const auto neighbour = [](auto field) {
+        return [=](f file) { return planted{file.leaf(0) + field.offset, file.leaf(0)}; };
+    };
+    const auto entry = [](f file, uint64_t n) { return file.leaf(0) + node_head_bytes + 8 * n; };
+    const auto second_value = [](f file) { return file.leaf(0) + node_geometry_of(8).leaf_key_array + 8; };
+    const uint64_t link = slot_data_length.offset;
+    return {
+        // the header
+        {indexed_file, raised(header_records), "number of records"},
+        {indexed_file, raised(header_deleted), "number of free slots"},
+        {indexed_file, raised(header_moved), "number of moved"},
+        {indexed_file, raised(header_holes), "number of holes"},
+        {indexed_file, raised(header_free_index_blocks), "free index blocks"},
+        {indexed_file, raised(header_free_slot_blocks), "free-slot lists"},
+        {indexed_file, raised(header_header_length), "header length"},
+        {indexed_file, raised(header_allocation_point), "allocation point"},
+        {indexed_file, raised(header_index_block_size), "index block size"},
+        {indexed_file, raised(header_minimum_slot), "minimum slot"},
+        {indexed_file, raised(header_key_table), "key table"},
+        {indexed_file, set(header_highest_rrn.offset, 3), "highest record number"},
+        {indexed_file, set(24, 0), "no file of this driver"},
+        {indexed_file, set(32, 0x04030201), "other byte order"},
+        {indexed_file, set(0, 12288 * 4096), "metadata region"},
+        {indexed_file, to_leaf(header_free_index_list), "overwrite"},
+        {indexed_file, to_leaf(header_free_slot_list), "leads to"},
+        {indexed_file,
+         [](f) {
+             return planted{header_variable_part + 8, 77, header_key_description.offset};
+         },
+         "77 keys"},
+        {indexed_file, in_key(key_entry_depth, 65), "65 levels"},
+        {indexed_file, in_key(key_entry_root, 4104), "expected at 0x1008"},
+        {indexed_file, in_key(key_entry_leaves, 3), "its leaves"},
+        {indexed_file, in_key(key_entry_leaf_capacity, 3), "capacity"},
+        {flat_file, raised(header_records, 1), "number of records"},
+        {flat_file, raised(header_deleted, 1), "number of deleted records"},
+        {flat_file, raised(header_moved, 1), "number of moved records"},
+        {flat_file, raised(header_highest_rrn, 1), "highest record number"},
+        {flat_file, raised(header_holes, 1), "a file without index"},
+        // trees
+        {indexed_file, in_leaf(node_ent, 2000), "2000 entries"},
+        {indexed_file, neighbour(node_right), "right neighbour"},
+        {indexed_file, neighbour(node_left), "left neighbour"},
+        {indexed_file, in_leaf(node_parent, 8), "parent"},
+        {indexed_file,
+         [=](f file) {
+             return planted{entry(file, 0), 4096};
+         },
+         "where no record is"},
+        {indexed_file,
+         [=](f file) {
+             return planted{entry(file, 2), file.record(3), entry(file, 3)};
+         },
+         "a second entry leads"},
+        {indexed_file,
+         [=](f file) {
+             return planted{entry(file, 2), file.record(3), file.record(2)};
+         },
+         "no entry leads to this record"},
+        {indexed_file,
+         [=](f file) {
+             return planted{second_value(file), 0};
+         },
+         "lower than the one before"},
+        {indexed_file,
+         [=](f file) {
+             return planted{second_value(file), 0, entry(file, 1)};
+         },
+         "another value"},
+        {indexed_file,
+         [](f file) {
+             return planted{file.root(2) + node_head_bytes, file.root(2)};
+         },
+         "a leaf is expected"},
+        {indexed_file,
+         [](f file) {
+             return planted{file.root(2) + node_head_bytes + 8, file.leaf(2)};
+         },
+         "a second time"},
+        {indexed_file,
+         [](f file) {
+             const node_geometry at = node_geometry_of(246);
+             return planted{file.root(2) + at.branch_key_array + at.width, UINT64_MAX,
+                            file.word(file.root(2) + node_head_bytes + 8)};
+         },
+         "higher key"},
+        // items
+        {indexed_file,
+         [](f file) {
+             return planted{file.record(2), 24};
+         },
+         "no item begins here"},
+        {indexed_file,
+         [](f file) {
+             return planted{file.record(2) + file.word(file.record(2)) - 8, 16};
+         },
+         "ends with length"},
+        {indexed_file,
+         [](f file) {
+             return planted{file.record(2) + 8, 5000, file.record(2)};
+         },
+         "5000 bytes in a slot"},
+        {indexed_file,
+         [](f file) {
+             return planted{file.record(2) + 8, 100, file.record(2) + 32 + 100};
+         },
+         "behind it not all are zero"},
+        {indexed_file,
+         [](f file) {
+             const uint64_t one = file.record(2), other = file.record(3);
+             return planted{one + slot_rrn.offset, file.word(other + slot_rrn.offset), std::max(one, other)};
+         },
+         "a second record with number"},
+        {indexed_file,
+         [](f file) {
+             return planted{file.word(header_free_slot_list.offset) + free_slots_head_bytes, file.record(2)};
+         },
+         "which it is not"},
+        {indexed_file,
+         [](f file) {
+             const uint64_t hole = file.word(header_first_hole.offset);
+             return planted{hole + 8, hole};
+         },
+         "leads back"},
+        {flat_file,
+         [](f file) {
+             return planted{file.second_item() + slot_rrn.offset, 9};
+         },
+         "in the order of the file"},
+        {flat_file,
+         [=](f file) {
+             return planted{file.moved_item() + link, 4096};
+         },
+         "is said to have moved to 0x1000"},
+        {flat_file,
+         [=](f file) {
+             return planted{file.moved_item() + link, 4096, file.word(file.moved_item() + link)};
+         },
+         "no slot leads to this record"},
+        {fixed_file,
+         [=](f file) {
+             return planted{file.second_item() + link, 5000, file.second_item()};
+         },
+         "5000 bytes in a slot"},
+        {fixed_file,
+         [](f file) {
+             return planted{file.second_item() + slot_rrn.offset, 2};
+         },
+         "it is 1"},
+    };
 }
 
-TEST_F(Check, DamagedTreesAreFoundWhereTheyAre)
+TEST_F(Check, EveryKindOfDamageIsFoundWhereItIs)
 {
-    make_indexed();
-    const std::string good = slurp(path());
-    const uint64_t leaf = first_leaf(0), record = record_of(0, 2), other = record_of(0, 3);
-    const uint64_t keys = leaf + node_geometry_of(8).leaf_key_array;
-    expect_found(good, leaf + node_head_bytes, 4096, leaf + node_head_bytes, "where no record is");
-    expect_found(good, leaf + node_head_bytes + 16, other, leaf + node_head_bytes + 24, "a second entry leads");
-    expect_found(good, leaf + node_head_bytes + 16, other, record, "no entry leads to this record");
-    expect_found(good, keys + 8, 0, keys + 8, "lower than the one before");
-    expect_found(good, keys + 8, 0, leaf + node_head_bytes + 8, "another value");
-    expect_found(good, leaf + node_ent.offset, 2000, leaf + node_ent.offset, "2000 entries");
-    expect_found(good, leaf + node_right.offset, leaf, leaf + node_right.offset, "right neighbour");
-    expect_found(good, leaf + node_left.offset, leaf, leaf + node_left.offset, "left neighbour");
-    expect_found(good, leaf + node_parent.offset, 8, leaf + node_parent.offset, "parent");
-    const uint64_t long_leaf = first_leaf(2), root = key_word(2, key_entry_root);
-    ASSERT_NE(long_leaf, root) << "the third key has two levels";
-    expect_found(good, root + node_head_bytes, root, root + node_head_bytes, "a leaf is expected");
-    expect_found(good, root + node_head_bytes + 8, long_leaf, root + node_head_bytes + 8, "a second time");
-    spill(path(), good);
-    const uint64_t separator = root + node_geometry_of(246).branch_key_array + node_geometry_of(246).width;
-    expect_found(good, separator, UINT64_MAX, peek(path(), root + node_head_bytes + 8), "higher key");
-}
-
-TEST_F(Check, DamagedItemsAreFoundWhereTheyAre)
-{
-    make_indexed();
-    const std::string good = slurp(path());
-    const uint64_t record = record_of(0, 2), bytes = peek(path(), record);
-    expect_found(good, record, 24, record, "no item begins here");
-    expect_found(good, record + bytes - 8, 16, record + bytes - 8, "ends with length");
-    expect_found(good, record + 8, 5000, record, "5000 bytes in a slot");
-    expect_found(good, record + 8, 100, record + 32 + 100, "behind it not all are zero");
-    expect_found(good, record + 24, peek(path(), record_of(0, 3) + 24), std::max(record, record_of(0, 3)),
-                 "a second record with number");
-    const uint64_t list = peek(path(), header_free_slot_list.offset);
-    expect_found(good, list + free_slots_head_bytes, record, list + free_slots_head_bytes, "which it is not");
-    const uint64_t hole = peek(path(), header_first_hole.offset);
-    ASSERT_NE(hole, 0U);
-    expect_found(good, hole + 8, hole, hole + 8, "leads back");
-
-    spill(path(), good.substr(0, good.size() - 4096));
+    std::map<kind, sound_file> sound;
+    for (const kind file : {indexed_file, flat_file, fixed_file}) {
+        unlink(path().c_str());
+        file == indexed_file ? make_indexed() : file == flat_file ? make_flat() : make_fixed();
+        sound[file].bytes = slurp(path());
+    }
+    ASSERT_NE(sound[indexed_file].leaf(2), sound[indexed_file].root(2)) << "the third key has two levels";
+    ASSERT_NE(sound[indexed_file].word(header_first_hole.offset), 0U);
+    for (const damage &each : kinds_of_damage()) {
+        const planted what = each.plant(sound[each.file]);
+        spill(path(), sound[each.file].bytes);
+        poke(path(), what.offset, what.value);
+        const check_result found = check(path());
+        EXPECT_FALSE(found.sound()) << each.says;
+        EXPECT_NE(check_file(path()), "") << each.says;
+        const uint64_t at = what.at.value_or(what.offset);
+        const auto &problems = found.report.problems();
+        EXPECT_TRUE(std::any_of(
+            problems.begin(), problems.end(),
+            [&](const finding &seen) { return seen.offset == at && seen.text.find(each.says) != std::string::npos; }))
+            << std::hex << at << ": " << each.says << "\n"
+            << lines(found);
+    }
+    const std::string &whole = sound[indexed_file].bytes;
+    spill(path(), whole.substr(0, whole.size() - 4096));
     EXPECT_NE(lines(check(path())).find("cut off: 4096 bytes"), std::string::npos);
-
-    unlink(path().c_str());
-    make_flat();
-    const std::string flat_file = slurp(path());
-    const uint64_t second = 4096 + peek(path(), 4096);
-    expect_found(flat_file, second + 24, 9, second + 24, "in the order of the file");
-    const auto wrong = [&](auto at, const std::string &says) {
-        spill(path(), flat_file);
-        expect_found(flat_file, at.offset, peek(path(), at.offset) + 1, at.offset, says);
-    };
-    wrong(header_records, "number of records");
-    wrong(header_deleted, "number of deleted records");
-    wrong(header_moved, "number of moved records");
-    wrong(header_highest_rrn, "highest record number");
-    wrong(header_holes, "a file without index");
-    spill(path(), flat_file);
-    std::vector<uint64_t> moved;
-    for (uint64_t at = 4096; at < flat_file.size(); at += peek(path(), at))
-        if (flat_file[at + frame_type.offset] == item_moved) moved.push_back(at);
-    ASSERT_EQ(moved.size(), 2U);
-    const uint64_t link = slot_data_length.offset, target = peek(path(), moved[0] + link);
-    expect_found(flat_file, moved[0] + link, 4096, moved[0] + link, "is said to have moved to 0x1000");
-    expect_found(flat_file, moved[0] + link, 4096, target, "no slot leads to this record");
-
-    unlink(path().c_str());
-    make_fixed();
-    const std::string fixed_file = slurp(path());
-    const uint64_t first = 4096 + peek(path(), 4096); // the one before it is free
-    expect_found(fixed_file, first + link, 5000, first, "5000 bytes in a slot");
-    expect_found(fixed_file, first + slot_rrn.offset, 2, first + slot_rrn.offset, "it is 1");
 }
 
 TEST_F(Check, TreesThatWereNotLookedAtAreNotSound)
