@@ -1,5 +1,6 @@
-// Unique keys with suppressed values. The driver keeps such a key as one with duplicates; that the other values occur once
-// is looked after here. Not atomic between programs that share a file: the driver's own unique keys are.
+// What a change means for alternate keys, as far as the driver does not tell. It keeps a unique key with suppressed values
+// as one with duplicates; that the other values occur once is looked after here. (Not atomic between programs that share a
+// file: the driver's own unique keys are.) And it tells of duplicates that were there before, while 02 is for new ones.
 #include "bridge.h"
 
 #include <algorithm>
@@ -28,10 +29,10 @@ int look(open_file *file, const std::string &value, size_t key, std::string *byt
     return length == 0 && ops().at_end(file->handle) == 1 ? 0 : 1;
 }
 
-bool looks_up(const key_shape &key)
-{
-    return key.sparse && !key.duplicates;
-}
+struct changed_value {
+    size_t key;
+    std::string value;
+};
 
 file_status met()
 {
@@ -65,32 +66,75 @@ void go_back(open_file *file)
                           static_cast<int64_t>(file->place_value.size()), number);
 }
 
-file_status check(open_file *file, const char *record, const std::string *replaced)
+bool has_sparse_keys(const open_file &file)
 {
-    std::string bytes, before, value, old;
-    if (replaced != nullptr) {
-        const int found = look(file, *replaced, 0, &before);
-        if (found != 1) return found == 0 ? status_of(23) : met();
+    return std::any_of(file.keys.begin(), file.keys.end(), [](const key_shape &key) { return key.sparse; });
+}
+
+// 22, or 00 and 02 as the look-ups show it.
+file_status look_up(open_file *file, const std::vector<changed_value> &values)
+{
+    std::string bytes;
+    file_status status{};
+    for (const changed_value &each : values) {
+        const int found = look(file, each.value, each.key, &bytes);
+        if (found == -1) return met();
+        if (found == 1 && !file->keys[each.key].duplicates) return status_of(22);
+        if (found == 1) status = status_of(2);
     }
-    for (size_t k = 1; k < file->keys.size(); ++k) {
-        const key_shape &key = file->keys[k];
-        if (!looks_up(key)) continue;
-        key.take(record, &value);
-        if (replaced != nullptr) key.take(before.data(), &old);
-        if (key.suppresses(value) || (replaced != nullptr && value == old)) continue;
-        const int found = look(file, value, k, &bytes);
-        if (found != 0) return found == 1 ? status_of(22) : met();
-    }
-    return {};
+    return status;
 }
 
 } // namespace
 
-file_status sparse_keys_check(open_file *file, const char *record, const std::string *replaced)
+bool has_suppressed_value(const open_file &file, const char *record)
 {
-    if (std::none_of(file->keys.begin(), file->keys.end(), looks_up)) return {};
-    const std::string replaced_key = replaced != nullptr ? *replaced : std::string{};
-    const file_status status = check(file, record, replaced != nullptr ? &replaced_key : nullptr);
-    go_back(file);
-    return status;
+    std::string value;
+    return std::any_of(file.keys.begin(), file.keys.end(), [&](const key_shape &key) {
+        if (!key.sparse) return false;
+        key.take(record, &value);
+        return key.suppresses(value);
+    });
+}
+
+alternate_check check_alternates(open_file *file, const char *record, bool replaces)
+{
+    const bool sparse = has_sparse_keys(*file);
+    if (!sparse && !replaces) return {};
+    std::string before, old;
+    if (replaces) {
+        std::string primary;
+        file->keys[0].take(record, &primary);
+        if (sparse) {
+            const int found = look(file, primary, 0, &before);
+            if (found != 1) {
+                const file_status status = found == 0 ? status_of(23) : met();
+                go_back(file);
+                return {status, true};
+            }
+        } else if (!file->record_read.empty() && primary == file->key_read) {
+            before = file->record_read;
+        } else {
+            return {}; // who has not read it is not made to wait for it: the driver's word has to do
+        }
+    }
+    std::vector<changed_value> unique, shared;
+    bool misleads = has_suppressed_value(*file, record);
+    for (size_t k = 1; k < file->keys.size(); ++k) {
+        const key_shape &key = file->keys[k];
+        changed_value changed{.key = k, .value = {}};
+        key.take(record, &changed.value);
+        if (key.suppresses(changed.value)) continue;
+        if (replaces) key.take(before.data(), &old);
+        const bool same = replaces && changed.value == old;
+        misleads = misleads || (same && key.duplicates);
+        if (!same && key.duplicates)
+            shared.push_back(std::move(changed));
+        else if (!same && key.sparse)
+            unique.push_back(std::move(changed));
+    }
+    if (misleads) unique.insert(unique.end(), shared.begin(), shared.end());
+    const file_status status = look_up(file, unique);
+    if (replaces ? sparse || !unique.empty() : !unique.empty()) go_back(file);
+    return {status, misleads};
 }

@@ -50,6 +50,7 @@ struct open_file {
     bool kept_open = false;  // CLOSE REEL: the control block is gone, the file is not
     size_t length_read = 0;  // of the record last read
     std::string key_read;    // its primary key
+    std::string record_read; // the record itself when it may be replaced and has alternate keys, else empty
     std::string key_written; // sequential access: the last primary key written; at EXTEND the highest in the file
     size_t reference = 0;    // key of reference
     place_kind place = place_kind::none;
@@ -68,7 +69,7 @@ struct running_call {
     file_status status = {}; // of the call
     size_t length = 0;       // of the record read; set when `read`
     bool read = false;
-    bool closes = false; // the control block goes with this call
+    bool locked = false; // OPEN: this SELECT was closed WITH LOCK
 };
 extern running_call running; // of the one thread that runs the program
 
@@ -78,7 +79,7 @@ std::optional<std::string> path_of_name(std::string_view name);
 std::string name_in_program(const control_block &fcd);
 
 // ---- status.cc
-enum class asked { open, optional_open, output_open, making, sequential_read, keyed_read, write, rewrite, other };
+enum class asked { open, output_open, making, sequential_read, keyed_read, write, rewrite, other };
 file_status status_of_error(int error, asked what, organization kind);
 
 // ---- open.cc, close.cc
@@ -92,7 +93,7 @@ void forget(open_file *file); // closes it, whatever its state
 void forget_file(const cob_file *owner);
 void forget_all();
 file_status unlock(open_file *file);
-void unlock_everything(bool flush);
+file_status unlock_everything(bool flush); // 30 when a flush failed, which standard error tells
 // Closes a file in which nothing is yet: the runtime is going to make it anew. False: it is not such a file.
 bool give_back_unwritten(open_file *file);
 // Whether the runtime keeps this file itself: a device, a pipe, a name that is no regular file.
@@ -111,10 +112,19 @@ file_status start_at_edge(control_block *fcd, open_file *file, bool first);
 vfs_record area_of(const control_block &fcd, const open_file &file);
 vfs_lock_request lock_for_read(const open_file &file, uint32_t options);
 
-// ---- sparse.cc: keys that leave out the records with a suppressed value
-// Before `record` is written, or replaces the one with this primary key: 22 when another one has its value in a unique key
-// with suppressed values, 23 when there is none to replace, or what the look-up met. The program's place stays.
-file_status sparse_keys_check(open_file *file, const char *record, const std::string *replaced);
+// ---- handler.cc
+bool is_tracing(); // VFS_EXTFH_TRACE has a value
+void trace(const char *verb, const std::string &name, file_status status);
+
+// ---- alternates.cc
+struct alternate_check {
+    file_status status =
+        {};             // 22 when another record has the value of a unique key with suppressed values, 23 when there is
+                        // none to replace, what the look-up met, or:
+    bool exact = false; // 00 or 02 are the answer, not what the driver tells of duplicates
+};
+// Before a record is written, or replaces the one with its primary key. The program's place stays.
+alternate_check check_alternates(open_file *file, const char *record, bool replaces);
 
 inline const vfs_ops &ops()
 {

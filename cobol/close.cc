@@ -83,13 +83,19 @@ file_status unlock(open_file *file)
     return {};
 }
 
-void unlock_everything(bool flush)
+file_status unlock_everything(bool flush)
 {
+    file_status status{};
     for (open_file *each : files.open) {
         if (each->handle == nullptr) continue;
-        if (flush) (void)ops().flush(each->handle);
+        if (flush && ops().flush(each->handle) == -1) {
+            fprintf(stderr, "%s (%s): COMMIT could not write it: %s\n", each->name.c_str(), each->path.c_str(),
+                    strerror(errno));
+            status = status_of(30);
+        }
         unlock(each);
     }
+    return status;
 }
 
 bool give_back_unwritten(open_file *file)

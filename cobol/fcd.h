@@ -11,9 +11,14 @@
 #include <string_view>
 #include <vector>
 
-static_assert(sizeof(FCD3) == 216 && offsetof(FCD3, openMode) == 7 && offsetof(FCD3, lockMode) == 28 &&
-              offsetof(FCD3, fnameLen) == 54 && offsetof(FCD3, opt) == 84 && offsetof(FCD3, relKey) == 144 &&
-              offsetof(FCD3, _fileHandle) == 152 && offsetof(FCD3, _kdbPtr) == 184);
+static_assert(sizeof(FCD3) == 216 && offsetof(FCD3, fileStatus) == 0 && offsetof(FCD3, fcdVer) == 4 &&
+              offsetof(FCD3, fileOrg) == 5 && offsetof(FCD3, accessFlags) == 6 && offsetof(FCD3, openMode) == 7 &&
+              offsetof(FCD3, recordMode) == 8 && offsetof(FCD3, otherFlags) == 21 && offsetof(FCD3, lockMode) == 28);
+static_assert(offsetof(FCD3, fnameLen) == 54 && offsetof(FCD3, refKey) == 60 && offsetof(FCD3, effKeyLen) == 66 &&
+              offsetof(FCD3, opt) == 84 && offsetof(FCD3, curRecLen) == 88 && offsetof(FCD3, minRecLen) == 92 &&
+              offsetof(FCD3, maxRecLen) == 96 && offsetof(FCD3, relKey) == 144);
+static_assert(offsetof(FCD3, _fileHandle) == 152 && offsetof(FCD3, _recPtr) == 160 &&
+              offsetof(FCD3, _fnamePtr) == 168 && offsetof(FCD3, _kdbPtr) == 184);
 
 inline uint64_t big_endian(const void *at, size_t width)
 {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <iterator>
 
 running_call running;
@@ -78,8 +79,7 @@ file_status unlocks(control_block *, open_file *file)
 }
 template <bool flush> file_status ends_transaction(control_block *, open_file *)
 {
-    unlock_everything(flush);
-    return {};
+    return unlock_everything(flush);
 }
 file_status flushes(control_block *, open_file *file)
 {
@@ -152,22 +152,14 @@ constexpr opcode_row opcodes[] = {
     {0x0006, "FILE INFORMATION", group::opens, nothing},
 };
 
-void trace(const control_block &fcd, const char *verb_name, file_status status)
+void answer(control_block *fcd, const char *verb_name, file_status status)
 {
-    static const bool on = getenv("VFS_EXTFH_TRACE") != nullptr;
-    if (!on) return;
-    fprintf(stderr, "vfs_extfh: %s %s %c%c\n", verb_name, name_in_program(fcd).c_str(), status.first, status.second);
+    fcd->set_status(status.first, status.second);
+    running.status = status;
+    if (is_tracing()) trace(verb_name, name_in_program(*fcd), status);
 }
 
-// The form without our wrappers: the runtime's own handling through its own entry.
-int give_back(unsigned char *opcode, FCD3 *fcd)
-{
-    return EXTFH(opcode, fcd);
-}
-
-} // namespace
-
-extern "C" __attribute__((visibility("default"))) int vfs_extfh(unsigned char *opcode, FCD3 *raw)
+void serve(unsigned char *opcode, FCD3 *raw)
 {
     control_block fcd{raw};
     const auto code = static_cast<uint16_t>(big_endian(opcode, 2));
@@ -175,10 +167,17 @@ extern "C" __attribute__((visibility("default"))) int vfs_extfh(unsigned char *o
         std::find_if(std::begin(opcodes), std::end(opcodes), [&](const opcode_row &each) { return each.code == code; });
     if (!fcd.known_version() || row == std::end(opcodes)) {
         fcd.set_status('9', '\xA1');
-        trace(fcd, "unknown call", {'9', '?'});
-        return 0;
+        if (is_tracing()) trace("unknown call", name_in_program(fcd), {'9', '?'});
+        return;
     }
-    if (!fcd.is_record_file() || (row->kind == group::opens && is_of_runtime(fcd))) return give_back(opcode, raw);
+    if (!fcd.is_record_file() || (row->kind == group::opens && is_of_runtime(fcd))) {
+        // Called without our wrappers: the runtime's own handling through its own entry.
+        EXTFH(opcode, raw);
+        if (is_tracing())
+            trace(row->name, name_in_program(fcd),
+                  {static_cast<char>(raw->fileStatus[0]), static_cast<char>(raw->fileStatus[1])});
+        return;
+    }
     open_file *file = file_of(fcd);
     if (file != nullptr) {
         fcd.set_handle(file);
@@ -186,8 +185,30 @@ extern "C" __attribute__((visibility("default"))) int vfs_extfh(unsigned char *o
     }
     const bool needs_file = row->kind != group::opens;
     const file_status status = file == nullptr && needs_file ? not_open(row->kind) : row->run(&fcd, file);
-    fcd.set_status(status.first, status.second);
-    running.status = status;
-    trace(fcd, row->name, status);
+    answer(&fcd, row->name, status);
+}
+
+} // namespace
+
+bool is_tracing()
+{
+    static const char *const value = getenv("VFS_EXTFH_TRACE");
+    return value != nullptr && *value != '\0';
+}
+
+void trace(const char *verb, const std::string &name, file_status status)
+{
+    fprintf(stderr, "vfs_extfh: %s %s %c%c\n", verb, name.c_str(), status.first, status.second);
+}
+
+// The caller is C: what memory runs out for is a status.
+extern "C" __attribute__((visibility("default"))) int vfs_extfh(unsigned char *opcode, FCD3 *fcd)
+{
+    try {
+        serve(opcode, fcd);
+    } catch (const std::exception &) {
+        running.status = status_of(30);
+        control_block{fcd}.set_status('3', '0');
+    }
     return 0;
 }

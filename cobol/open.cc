@@ -18,9 +18,12 @@ struct wanted_file {
     bool exclusive, manual, automatic, several;
 };
 
-bool exists(const std::string &path, struct stat *facts)
+enum class presence : uint8_t { missing, there, unknown }; // unknown: the driver's open is going to say why
+
+presence look_for(const std::string &path, struct stat *facts)
 {
-    return stat(path.c_str(), facts) == 0;
+    if (stat(path.c_str(), facts) == 0) return presence::there;
+    return errno == ENOENT || errno == ENOTDIR ? presence::missing : presence::unknown;
 }
 
 wanted_file wanted(const control_block &fcd, open_mode mode)
@@ -196,20 +199,19 @@ void say(const open_file &file, const std::string &what)
 }
 
 // EXTEND of an indexed file goes on behind its highest key.
-void note_highest_key(open_file *file)
+file_status note_highest_key(open_file *file)
 {
     std::string area(file->maximum, '\0');
     vfs_record record{.length = area.size(), .bytes = area.data()};
-    if (ops().read(file->handle, &record, nullptr, nullptr, nullptr, VFS_POS_LAST, int64_t{0}) > 0)
-        file->keys[0].take(area.data(), &file->key_written);
+    const int64_t length = ops().read(file->handle, &record, nullptr, nullptr, nullptr, VFS_POS_LAST, int64_t{0});
+    if (length == -1 && errno != ESPIPE) return status_of_error(errno, asked::open, file->kind);
+    if (length > 0) file->keys[0].take(area.data(), &file->key_written);
+    return {};
 }
 
-file_status refused(const open_file &file, int error, bool makes, bool optional)
+file_status refused(const open_file &file, int error, bool makes)
 {
-    const asked what = makes                            ? asked::making
-                       : file.mode == open_mode::output ? asked::output_open
-                       : optional                       ? asked::optional_open
-                                                        : asked::open;
+    const asked what = makes ? asked::making : file.mode == open_mode::output ? asked::output_open : asked::open;
     if ((error == EINVAL || error == EFBIG) && (makes || file.mode == open_mode::output)) {
         say(file, "its keys or its record lengths are more than a file of the driver can have");
         return status_of(30);
@@ -228,7 +230,7 @@ bool is_of_runtime(const control_block &fcd)
     if (!fcd.is_record_file()) return true;
     const std::optional<std::string> path = path_of_name(name_in_program(fcd));
     struct stat facts {};
-    return path && exists(*path, &facts) && !S_ISREG(facts.st_mode) && !S_ISDIR(facts.st_mode);
+    return path && look_for(*path, &facts) == presence::there && !S_ISREG(facts.st_mode) && !S_ISDIR(facts.st_mode);
 }
 
 file_status file_open(control_block *fcd, open_mode mode)
@@ -240,7 +242,7 @@ file_status file_open(control_block *fcd, open_mode mode)
     file->path = *path;
     file->record_area = fcd->record();
     file->owner = running.file;
-    if (file_was_locked(file->path, file->record_area)) return status_of(38);
+    if (running.file != nullptr ? running.locked : file_was_locked(file->path, file->record_area)) return status_of(38);
     file->mode = mode;
     file->kind = fcd->kind();
     file->access = fcd->access_mode();
@@ -260,27 +262,31 @@ file_status file_open(control_block *fcd, open_mode mode)
     }
 
     struct stat facts {};
-    const bool there = exists(file->path, &facts);
-    if (there && S_ISDIR(facts.st_mode)) return status_of(37);
-    const bool optional_there = fcd->optional() && !there;
-    const bool empty = there && facts.st_size == 0;
+    const presence seen = look_for(file->path, &facts);
+    if (seen == presence::there && S_ISDIR(facts.st_mode)) return status_of(37);
+    const bool optional_missing = fcd->optional() && seen == presence::missing;
+    const bool empty = seen == presence::there && facts.st_size == 0;
     const wanted_file how = wanted(*fcd, mode);
     file->manual = how.manual;
     file->automatic = how.automatic;
     file_status status{};
-    if (mode == open_mode::input && (optional_there || empty)) {
-        if (optional_there) status = status_of(5);
+    if (mode == open_mode::input && (optional_missing || empty)) {
+        if (optional_missing) status = status_of(5);
     } else {
-        const bool makes = mode != open_mode::input && mode != open_mode::output && (optional_there || empty);
-        if (!open_with_driver(how, makes, file.get())) return refused(*file, errno, makes, fcd->optional());
+        const bool makes = mode != open_mode::input && mode != open_mode::output && (optional_missing || empty);
+        if (!open_with_driver(how, makes, file.get())) {
+            if (errno == ENOENT && seen == presence::there) return file_open(fcd, mode); // it has just gone
+            return refused(*file, errno, makes);
+        }
         if (mode != open_mode::output && !makes) {
             if (const std::string other = difference(*file); !other.empty()) {
                 say(*file, other);
                 return status_of(39);
             }
         }
-        if (mode == open_mode::extend && file->kind == organization::indexed) note_highest_key(file.get());
-        if (optional_there && mode != open_mode::output) status = status_of(5);
+        if (mode == open_mode::extend && file->kind == organization::indexed)
+            if (const file_status looked = note_highest_key(file.get()); !looked.good()) return looked;
+        if (optional_missing && mode != open_mode::output) status = status_of(5);
     }
     file->block = fcd->raw();
     remember(file.get());

@@ -52,8 +52,12 @@ int64_t start_indexed(const control_block &fcd, open_file *file, int32_t relatio
     if (result < 0 || !key.sparse || found.key == nullptr) return result;
     value.assign(static_cast<const char *>(found.key), key.length);
     if (!key.suppresses(value)) return result;
-    if (relation == VFS_EQUAL) return not_there();
-    return driver_start(file, &found, relation >= VFS_GREATER_EQUAL ? VFS_GREATER : VFS_LESS, value, number);
+    const int32_t beyond = relation == VFS_EQUAL || relation >= VFS_GREATER_EQUAL ? VFS_GREATER : VFS_LESS;
+    result = driver_start(file, &found, beyond, value, number);
+    const bool equal =
+        relation != VFS_EQUAL ||
+        (found.key != nullptr && file->key.compare(0, length, static_cast<const char *>(found.key), length) == 0);
+    return result < 0 || equal ? result : not_there();
 }
 
 int64_t start_at(open_file *file, vfs_status *found, int32_t edge)

@@ -7,7 +7,7 @@ namespace {
 
 bool is_open(asked what)
 {
-    return what == asked::open || what == asked::optional_open || what == asked::output_open || what == asked::making;
+    return what == asked::open || what == asked::output_open || what == asked::making;
 }
 
 int code_of_open(int error, asked what)
@@ -17,9 +17,7 @@ int code_of_open(int error, asked what)
     case ENOLCK:
     case ETXTBSY: return 61;
     case ENOENT:
-    case ENOTDIR:
-        if (what == asked::output_open) return 30;
-        return what == asked::optional_open ? 5 : 35;
+    case ENOTDIR: return what == asked::output_open ? 30 : 35;
     case EACCES:
     case EPERM:
     case EISDIR:

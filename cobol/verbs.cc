@@ -32,8 +32,12 @@ bool tell_relative_key(control_block *fcd, uint64_t number)
 {
     fcd->set_relative_key(number);
     if (running.file == nullptr || running.file->keys == nullptr || running.file->keys[0].field == nullptr) return true;
-    cob_set_int(running.file->keys[0].field, static_cast<int>(number));
-    return cob_get_int(running.file->keys[0].field) == static_cast<int>(number);
+    cob_field *item = running.file->keys[0].field;
+    auto value = static_cast<cob_s64_t>(number);
+    cob_field_attr binary{COB_TYPE_NUMERIC_BINARY, 18, 0, COB_FLAG_HAVE_SIGN | COB_FLAG_REAL_BINARY, nullptr};
+    cob_field from{sizeof value, reinterpret_cast<unsigned char *>(&value), &binary};
+    cob_move(&from, item);
+    return cob_get_llint(item) == value;
 }
 
 file_status record_was_read(control_block *fcd, open_file *file, const vfs_status &found, int64_t length, bool stepped)
@@ -50,6 +54,8 @@ file_status record_was_read(control_block *fcd, open_file *file, const vfs_statu
         file->keys[0].take(fcd->record(), &file->key_read);
         file->keys[file->reference].take(fcd->record(), &file->place_value);
         file->place = place_kind::read;
+        if (file->mode == open_mode::io && file->keys.size() > 1)
+            file->record_read.assign(fcd->record(), file->maximum);
     }
     if (file->kind == organization::relative) {
         if (stepped && !tell_relative_key(fcd, found.rrn + 1)) {
@@ -95,21 +101,10 @@ bool length_fits(const open_file &file, size_t length)
     return length >= file.minimum && length <= file.maximum;
 }
 
-bool has_sparse_keys(const open_file &file)
+// What a change that was made answers.
+file_status written(const vfs_status &told, const alternate_check &checked)
 {
-    return std::any_of(file.keys.begin(), file.keys.end(), [](const key_shape &key) { return key.sparse; });
-}
-
-// A unique key whose suppressed values are all alike is one with duplicates to the driver: these do not count.
-bool duplicate_is_meant(const open_file &file, const char *record, const vfs_status &status)
-{
-    if (file.kind != organization::indexed || status.duplicate == 0) return false;
-    if (!has_sparse_keys(file)) return true;
-    return std::any_of(file.keys.begin(), file.keys.end(), [&](const key_shape &key) {
-        std::string value;
-        key.take(record, &value);
-        return key.duplicates && !key.suppresses(value);
-    });
+    return checked.exact ? checked.status : status_of(told.duplicate != 0 ? 2 : 0);
 }
 
 file_status write_in_order(control_block *fcd, open_file *file, vfs_record *record, const vfs_lock_request &lock)
@@ -140,7 +135,8 @@ file_status write_indexed(open_file *file, vfs_record *record, const vfs_lock_re
     file->keys[0].take(bytes, &file->key);
     const bool ordered = file->access == access::sequential;
     if (ordered && !file->key_written.empty() && file->key <= file->key_written) return status_of(21);
-    if (const file_status status = sparse_keys_check(file, bytes, nullptr); !status.good()) return status;
+    const alternate_check checked = check_alternates(file, bytes, false);
+    if (!checked.status.good()) return checked.status;
     file->keys[0].take(bytes, &file->key);
     vfs_status status{};
     if (ops().write(file->handle, record, nullptr, &status, &lock, VFS_POS_KEY,
@@ -148,15 +144,15 @@ file_status write_indexed(open_file *file, vfs_record *record, const vfs_lock_re
                     int64_t{0}) == -1)
         return status_of_error(errno, asked::write, file->kind);
     if (ordered) file->key_written = file->key;
-    return status_of(duplicate_is_meant(*file, bytes, status) ? 2 : 0);
+    return written(status, checked);
 }
 
 // The record that REWRITE and DELETE are about: the one last read under sequential access, else by number or primary key.
 template <typename Operation>
 int64_t on_named_record(const control_block &fcd, open_file *file, bool rewrites, const Operation &operation)
 {
-    // Looking for other records with a value of a sparse key has moved the driver's own place.
-    const bool looked = rewrites && has_sparse_keys(*file);
+    // Looking for other records with a value of an alternate key has moved the driver's own place.
+    const bool looked = rewrites && file->kind == organization::indexed && file->keys.size() > 1;
     if (file->access == access::sequential && !looked) return operation(VFS_POS_CURRENT);
     if (file->kind == organization::relative)
         return operation(VFS_POS_RRN, static_cast<int64_t>(fcd.relative_key()) - 1);
@@ -284,12 +280,12 @@ file_status rewrite_record(control_block *fcd, open_file *file)
     const bool fits = file->kind == organization::sequential ? length == file->length_read : length_fits(*file, length);
     if (!fits) return status_of(44);
     const char *bytes = fcd->record();
+    alternate_check checked;
     if (file->kind == organization::indexed) {
         file->keys[0].take(bytes, &file->key);
         if (file->access == access::sequential && file->key != file->key_read) return status_of(21);
-        if (has_sparse_keys(*file)) {
-            if (const file_status status = sparse_keys_check(file, bytes, &file->key); !status.good()) return status;
-        }
+        checked = check_alternates(file, bytes, true);
+        if (!checked.status.good()) return checked.status;
     }
     vfs_record record{.length = length, .bytes = fcd->record()};
     const vfs_lock_request lock = lock_for_change(fcd->options());
@@ -298,7 +294,8 @@ file_status rewrite_record(control_block *fcd, open_file *file)
         return ops().rewrite(file->handle, &record, nullptr, &status, &lock, mode, place...);
     });
     if (done == -1) return status_of_error(errno, asked::rewrite, file->kind);
-    return status_of(duplicate_is_meant(*file, bytes, status) ? 2 : 0);
+    file->record_read.clear();
+    return file->kind == organization::indexed ? written(status, checked) : file_status{};
 }
 
 file_status delete_record(control_block *fcd, open_file *file)

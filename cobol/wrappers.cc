@@ -20,6 +20,15 @@ using handler = int (*)(unsigned char *opcode, FCD3 *fcd);
 // Files that the runtime keeps itself, for as long as they are open.
 std::vector<const cob_file *> given_back;
 
+// One line about a verb that the runtime has carried out.
+void trace_given_back(const char *verb, const cob_file *file)
+{
+    if (!is_tracing()) return;
+    const char *name = file->select_name != nullptr ? file->select_name : "";
+    trace(verb, std::string{name} + ", kept by the runtime,",
+          {static_cast<char>(file->file_status[0]), static_cast<char>(file->file_status[1])});
+}
+
 bool is_given_back(const cob_file *file)
 {
     return std::find(given_back.begin(), given_back.end(), file) != given_back.end();
@@ -32,6 +41,7 @@ public:
     {
         running.file = file;
         running.sharing = sharing;
+        running.locked = file->open_mode == COB_OPEN_LOCKED;
     }
     ~call_under_way() { running = before_; }
     call_under_way(const call_under_way &) = delete;
@@ -82,6 +92,7 @@ EXPORTED void cob_extfh_open(handler call, cob_file *file, const int mode, const
         given_back.push_back(file);
     if (is_given_back(file)) {
         cob_open(file, mode, sharing, status);
+        trace_given_back("OPEN", file);
         if (file->open_mode == COB_OPEN_CLOSED || file->open_mode == COB_OPEN_LOCKED) // the next name may be another's
             std::erase(given_back, file);
         return;
@@ -98,6 +109,7 @@ EXPORTED void cob_extfh_close(handler call, cob_file *file, cob_field *status, c
     if (call != vfs_extfh) return next(call, file, status, option, remove);
     if (is_given_back(file)) {
         cob_close(file, status, option, remove);
+        trace_given_back("CLOSE", file);
         if (option < COB_CLOSE_UNIT) std::erase(given_back, file);
         return;
     }
@@ -111,7 +123,10 @@ EXPORTED void cob_extfh_read(handler call, cob_file *file, cob_field *key, cob_f
 {
     NEXT(cob_extfh_read);
     if (call != vfs_extfh) return next(call, file, key, status, options);
-    if (is_given_back(file)) return cob_read(file, key, status, options);
+    if (is_given_back(file)) {
+        cob_read(file, key, status, options);
+        return trace_given_back("READ", file);
+    }
     const call_under_way context{file};
     next(call, file, key, status, options);
     tell_length(file);
@@ -121,7 +136,10 @@ EXPORTED void cob_extfh_read_next(handler call, cob_file *file, cob_field *statu
 {
     NEXT(cob_extfh_read_next);
     if (call != vfs_extfh) return next(call, file, status, options);
-    if (is_given_back(file)) return cob_read_next(file, status, options);
+    if (is_given_back(file)) {
+        cob_read_next(file, status, options);
+        return trace_given_back("READ NEXT", file);
+    }
     const call_under_way context{file};
     next(call, file, status, options);
     tell_length(file);
@@ -132,7 +150,10 @@ EXPORTED void cob_extfh_start(handler call, cob_file *file, const int relation, 
 {
     NEXT(cob_extfh_start);
     if (call != vfs_extfh) return next(call, file, relation, key, size, status);
-    if (is_given_back(file)) return cob_start(file, relation, key, size, status);
+    if (is_given_back(file)) {
+        cob_start(file, relation, key, size, status);
+        return trace_given_back("START", file);
+    }
     const call_under_way context{file};
     next(call, file, relation, key, size, status);
 }
@@ -142,7 +163,10 @@ EXPORTED void cob_extfh_write(handler call, cob_file *file, cob_field *record, c
 {
     NEXT(cob_extfh_write);
     if (call != vfs_extfh) return next(call, file, record, options, status, end_of_page);
-    if (is_given_back(file)) return cob_write(file, record, options, status, end_of_page);
+    if (is_given_back(file)) {
+        cob_write(file, record, options, status, end_of_page);
+        return trace_given_back("WRITE", file);
+    }
     // The first WRITE shows that this is a file for a printer.
     open_file *ours = (options & (COB_WRITE_AFTER | COB_WRITE_BEFORE)) != 0 ? file_of(file) : nullptr;
     if (ours != nullptr && give_back_unwritten(ours)) {
@@ -160,7 +184,10 @@ EXPORTED void cob_extfh_rewrite(handler call, cob_file *file, cob_field *record,
 {
     NEXT(cob_extfh_rewrite);
     if (call != vfs_extfh) return next(call, file, record, options, status);
-    if (is_given_back(file)) return cob_rewrite(file, record, options, status);
+    if (is_given_back(file)) {
+        cob_rewrite(file, record, options, status);
+        return trace_given_back("REWRITE", file);
+    }
     const call_under_way context{file};
     note_length_to_write(file);
     next(call, file, record, options, status);
@@ -170,7 +197,10 @@ EXPORTED void cob_extfh_delete(handler call, cob_file *file, cob_field *status)
 {
     NEXT(cob_extfh_delete);
     if (call != vfs_extfh) return next(call, file, status);
-    if (is_given_back(file)) return cob_delete(file, status);
+    if (is_given_back(file)) {
+        cob_delete(file, status);
+        return trace_given_back("DELETE", file);
+    }
     const call_under_way context{file};
     next(call, file, status);
 }
@@ -187,14 +217,14 @@ EXPORTED void cob_unlock_file(cob_file *file, cob_field *status)
 EXPORTED void cob_commit()
 {
     NEXT(cob_commit);
-    unlock_everything(true);
+    (void)unlock_everything(true); // the verb has no status: standard error tells
     next();
 }
 
 EXPORTED void cob_rollback()
 {
     NEXT(cob_rollback);
-    unlock_everything(false);
+    (void)unlock_everything(false);
     next();
 }
 

@@ -45,7 +45,8 @@ procedure division.
     close x
     move "missing-a.dat" to x-name open input x call "expect" using "the first name is not there" "35" st
     move "made-b.dat" to x-name open input x call "expect" using "the second is" "00" st
-    close x
+    close x with lock
+    move "made-c.dat" to x-name open output x call "expect" using "whatever its name, it is locked" "38" st
     call "left-open" using answer call "expect" using "open in a subprogram" "00" answer
     cancel "left-open"
     call "left-open" using answer call "expect" using "open again after cancel" "00" answer

@@ -13,7 +13,8 @@ file-control.
     select g assign "idxg.dat" organization indexed access dynamic record key gk
         alternate record key ga with duplicates status st.
     select w assign "idxw.dat" organization indexed access dynamic record key wk
-        alternate record key wa suppress when all "*" status st.
+        alternate record key wa suppress when all "*"
+        alternate record key wd with duplicates status st.
     select l assign name-item organization sequential status st.
 data division.
 file section.
@@ -37,7 +38,10 @@ fd g.
 fd w.
 01 wr.
     05 wk pic x.
-    05 wa pic xx.
+    05 wa.
+        10 wa1 pic x.
+        10 pic x.
+    05 wd pic x.
 fd l.
 01 lr pic x(4).
 working-storage section.
@@ -119,20 +123,25 @@ procedure division.
     close g
 
     open output w
-    move "1**" to wr write wr call "expect" using "write a suppressed value" "00" st
-    move "2**" to wr write wr call "expect" using "write it again" "00" st
-    move "3bb" to wr write wr call "expect" using "write bb" "00" st
-    move "4bb" to wr write wr call "expect" using "write bb again" "22" st
-    move "4aa" to wr write wr call "expect" using "write aa" "00" st
+    move "1**1" to wr write wr call "expect" using "write a suppressed value" "00" st
+    move "2**2" to wr write wr call "expect" using "write it again" "00" st
+    move "3bb3" to wr write wr call "expect" using "write bb" "00" st
+    move "4bb4" to wr write wr call "expect" using "write bb again" "22" st
+    move "4aa4" to wr write wr call "expect" using "write aa" "00" st
+    move "5**1" to wr write wr call "expect" using "write a suppressed value, and a duplicate" "02" st
+    move "6*a6" to wr write wr call "expect" using "write a value that begins so" "00" st
     close w open i-o w
+    move "*" to wa1 start w key = wa1 call "expect" using "start = with a leading part" "00" st
+    read w next if wa not = "*a" display "not as expected: " wr move 1 to return-code end-if
     move spaces to wa start w key >= wa call "expect" using "start >= blank" "00" st
+    read w next if wa not = "*a" display "not as expected: " wr move 1 to return-code end-if
     read w next if wa not = "aa" display "not as expected: " wr move 1 to return-code end-if
     read w next if wa not = "bb" display "not as expected: " wr move 1 to return-code end-if
     read w next call "expect" using "next at end" "10" st
     move "**" to wa read w key wa call "expect" using "read the suppressed value" "23" st
-    move "1bb" to wr rewrite wr call "expect" using "rewrite ** to bb" "22" st
-    move "1cc" to wr rewrite wr call "expect" using "rewrite ** to cc" "00" st
-    move "1**" to wr rewrite wr call "expect" using "rewrite cc to **" "00" st
+    move "1bb1" to wr rewrite wr call "expect" using "rewrite ** to bb" "22" st
+    move "1cc1" to wr rewrite wr call "expect" using "rewrite ** to cc" "00" st
+    move "1**1" to wr rewrite wr call "expect" using "rewrite cc to **" "00" st
     close w
 
     *> What is looked up for a suppressed key does not move the place of READ NEXT.
