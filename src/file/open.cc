@@ -471,7 +471,7 @@ int bracket_take(vfs_file *file, lock_target *bracket)
         if (lock_set(*bracket) == -1) return refuse(file, errno);
         scope_guard release{[&] { lock_clr(*bracket); }};
         if (size_under_locks(file) == -1) return -1;
-        if (making || (!creates(file) && is_flat(file) == flat)) {
+        if (creates(file) == making && (making || is_flat(file) == flat)) {
             release.dismiss();
             return 0;
         }

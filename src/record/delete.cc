@@ -53,7 +53,8 @@ void put_entries_back(vfs_file *file, const vfs_request &work, uint64_t removed)
     const int cause = errno;
     for (uint64_t k = 0; k < removed; ++k) {
         vfs_request entry;
-        if (load_entry(file, work, k, &entry) == 0) (void)key_insert(file, &entry);
+        const int loaded = load_entry(file, work, k, &entry);
+        step_taken_back(file, loaded == 0 ? key_insert(file, &entry) : -1, EADDRINUSE);
     }
     errno = cause;
 }

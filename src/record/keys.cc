@@ -1,8 +1,10 @@
 // Key values cut from records, and the index work of one key. See keys.h.
 #include "record/keys.h"
 
+#include "store/slots.h"
 #include "util/errors.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -205,4 +207,17 @@ int status_fill(const operation_call &call, vfs_request *work, bool found)
     status->key = file->last.key;
     if (found) status->duplicate = (work->flags & VFS_FLAG_DUPLICATE) != 0;
     return 0;
+}
+
+void step_taken_back(vfs_file *file, int result, int harmless)
+{
+    if (result == -1 && errno != harmless) store_error(file, errno);
+}
+
+void slot_taken_back(vfs_file *file, uint64_t offset)
+{
+    if (slot_free(file, offset) == 0) return;
+    const int cause = errno;
+    slot_head head;
+    if (slot_head_read(file, offset, &head) == -1 || head.type != item_deleted) store_error(file, cause);
 }

@@ -27,6 +27,12 @@
 [[nodiscard]] int key_insert(vfs_file *file, vfs_request *request);
 [[nodiscard]] int key_repoint(vfs_file *file, vfs_request *request, uint64_t offset);
 [[nodiscard]] int key_delete(vfs_file *file, vfs_request *request);
+// The result of a step that takes an operation back. Where it failed, but for the `harmless` error that says that there was
+// nothing to do, the index is not what the records are: the handle keeps the error, nothing goes on from there, and the
+// file is not closed as a sound one.
+void step_taken_back(vfs_file *file, int result, int harmless);
+// The slot of a record that was taken back becomes a free one; that it cannot be listed loses no more than its space.
+void slot_taken_back(vfs_file *file, uint64_t offset);
 
 // Whether the stored record of a filled request has the key that the next appended one is compared with.
 bool is_sequence_key(vfs_file *file, const vfs_request &work);

@@ -157,29 +157,32 @@ int remove_stored(vfs_file *file, const vfs_request &stored, index_change *chang
     return 0;
 }
 
-// Best effort: the error that led here is the one that is reported. (In a shared file what failed is dropped as a
+// The error that led here is the one that is reported. (In a shared file what failed is dropped as a
 // whole.)
 void take_back(vfs_file *file, const vfs_request &work, const vfs_request &stored, const index_change &change)
 {
     const int cause = errno;
     for (uint64_t k = 0; k < change.removed; ++k) {
         vfs_request entry = entry_request(stored, k, file->old_key);
-        if (file->changed_keys[k] != 0 && key_load(file, &entry) == 0) (void)key_insert(file, &entry);
+        if (file->changed_keys[k] == 0) continue;
+        const int loaded = key_load(file, &entry);
+        step_taken_back(file, loaded == 0 ? key_insert(file, &entry) : -1, EADDRINUSE);
     }
     for (uint64_t k = 0; k < change.repointed; ++k) {
         if (file->indexed() && file->changed_keys[k] != 0) continue;
         vfs_request entry = entry_request(stored, k, file->old_key);
-        if (file->indexed() && key_load(file, &entry) == -1) continue;
+        const bool known = !file->indexed() || key_load(file, &entry) == 0;
         entry.record_offset = change.place;
-        (void)key_repoint(file, &entry, change.home);
+        step_taken_back(file, known ? key_repoint(file, &entry, change.home) : -1, ESPIPE);
     }
     for (uint64_t k = 0; k < change.inserted; ++k) {
         if (file->changed_keys[k] == 0) continue;
         vfs_request entry = entry_request(work, k, file->scratch_key);
         entry.record_offset = change.place;
-        if (key_extract(file, &entry, work.record, work.record_length) == 0) (void)key_delete(file, &entry);
+        const bool known = key_extract(file, &entry, work.record, work.record_length) == 0;
+        step_taken_back(file, known ? key_delete(file, &entry) : -1, ESPIPE);
     }
-    if (change.place != change.home) (void)slot_free(file, change.place);
+    if (change.place != change.home) slot_taken_back(file, change.place);
     errno = cause;
 }
 
@@ -192,7 +195,7 @@ int write_copy(vfs_file *file, const vfs_request &work, vfs_request *copy)
     if (record_write_new(file, copy) != -1 && copy_reaches_file(file, copy->record_offset, copy->stored_length) == 0)
         return 0;
     const int cause = errno;
-    if (copy->record_offset < file->end_of_file) (void)slot_free(file, copy->record_offset);
+    if (copy->record_offset < file->end_of_file) slot_taken_back(file, copy->record_offset);
     return fail(cause);
 }
 
@@ -216,7 +219,10 @@ int leave_home(const operation_call &call, vfs_request *work, vfs_request *copy)
 {
     vfs_file *file = call.file;
     ++file->dsn;
-    if (slot_free(file, work->record_offset) == -1 && is_shared(file)) return -1;
+    if (!is_shared(file))
+        slot_taken_back(file, work->record_offset);
+    else if (slot_free(file, work->record_offset) == -1)
+        return -1;
     moved_positions(file, work->record_offset, *copy);
     copy->node = work->node;
     copy->item = work->item;

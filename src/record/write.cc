@@ -222,8 +222,8 @@ void remove_keys(vfs_file *file, const vfs_request &work, uint64_t count)
         vfs_request key = work;
         key.key_number = k;
         key.key = file->scratch_key;
-        if (file->indexed() && key_extract(file, &key, work.record, work.record_length) == -1) continue;
-        (void)key_delete(file, &key); // what fails here is reported by the error that brought us here
+        const bool known = !file->indexed() || key_extract(file, &key, work.record, work.record_length) == 0;
+        step_taken_back(file, known ? key_delete(file, &key) : -1, ESPIPE);
     }
 }
 
@@ -234,7 +234,7 @@ void undo_write(vfs_file *file, const vfs_request &work, const write_undo &undo)
     const int cause = errno;
     if (file->trees()) {
         remove_keys(file, work, undo.keys_inserted);
-        if (undo.slot_taken && work.record_offset < file->end_of_file) (void)slot_free(file, work.record_offset);
+        if (undo.slot_taken && work.record_offset < file->end_of_file) slot_taken_back(file, work.record_offset);
     } else {
         end_cut(file, undo.end_of_file, undo.highest_rrn);
         file->deleted = undo.deleted;

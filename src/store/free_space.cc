@@ -136,11 +136,12 @@ int take_listed(vfs_file *file, uint64_t needed, vfs_request *request)
 
 int hole_write(vfs_file *file, uint64_t offset, uint64_t length, uint64_t next)
 {
-    std::byte head[24] = {};
+    // As long as the head of a slot, which is what is read of it before the bytes behind it are in the file.
+    std::byte head[slot_head_bytes] = {};
     store_u64(head, length);
     store_u64(head + 8, next);
     head[16] = std::byte{item_hole};
-    if (data_put(file, offset, head, sizeof head) == -1) return -1;
+    if (data_put(file, offset, head, std::min<uint64_t>(sizeof head, length - trailer_bytes)) == -1) return -1;
     return data_put(file, offset + length - trailer_bytes, &length, sizeof length);
 }
 

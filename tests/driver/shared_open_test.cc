@@ -331,4 +331,37 @@ TEST_F(SharedOpen, RenumberingUnderSharersKeepsEveryRecord)
     EXPECT_EQ(check_file(path()), "");
 }
 
+// Two programs make a file at the same time: the one that waited for the other finds it made, filled and emptied.
+TEST_F(SharedOpen, WhoWaitedToMakeAFileThatIsThereByThenSharesIt)
+{
+    make(100);
+    {
+        file emptied{spec(VFS_LOCK_RECORD)};
+        for (int64_t i = 0; i < 100; ++i) ASSERT_EQ(emptied.erase(by_record(), record(i)).value, 0);
+    }
+    const std::string made = slurp(path()); // where who opens it would start afresh
+    spill(path(), "");
+    const int descriptor = open(path().c_str(), O_RDWR | O_CLOEXEC);
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    ASSERT_EQ(fcntl(descriptor, F_SETLK, &lock), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        file_spec wanted = spec(VFS_LOCK_RECORD, O_RDWR | O_CREAT);
+        wanted.locks->wait_mode = VFS_WAIT_KERNEL;
+        file f{wanted};
+        _exit(f.ok() && f.write(record(1)).value > 0 && f.close() == 0 ? 0 : 1);
+    }
+    usleep(300'000);
+    ASSERT_EQ(pwrite(descriptor, made.data(), made.size(), 0), static_cast<ssize_t>(made.size()));
+    lock.l_type = F_UNLCK;
+    ASSERT_EQ(fcntl(descriptor, F_SETLK, &lock), 0);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    close(descriptor);
+    EXPECT_EQ(status, 0) << printed();
+    EXPECT_EQ(printed().find("Missing"), std::string::npos);
+    EXPECT_EQ(check_file(path()), "");
+}
+
 } // namespace
