@@ -182,7 +182,8 @@ vfs_record area_of(const control_block &fcd, const open_file &file)
 vfs_lock_request lock_for_read(const open_file &file, uint32_t options)
 {
     vfs_lock_request request{};
-    const bool asks = (options & (COB_READ_LOCK | COB_READ_KEPT_LOCK)) != 0;
+    // The compiler takes WITH WAIT or WITH LOCK, not both: who waits for a lock wants it.
+    const bool asks = (options & (COB_READ_LOCK | COB_READ_KEPT_LOCK | COB_READ_WAIT_LOCK)) != 0;
     if (file.mode == open_mode::input || (options & COB_READ_IGNORE_LOCK) != 0)
         request.request_kind = VFS_KIND_NO_LOCK;
     else if ((options & COB_READ_NO_LOCK) == 0)
