@@ -19,7 +19,7 @@ for handling in $handlings; do
             cobc -x -free -fcallfh=vfs_extfh -Q "-L$build -lvfs_extfh -Wl,-rpath,$build" -o program \
                 "$here/$program.cob" "$here/expect.cob"
         fi
-        HANDLING=$handling ./program >output 2>&1 || echo "not as expected: it ended with status $?" >>output
+        LD_PRELOAD=${SANITIZER_RUNTIME:-} HANDLING=$handling ./program >output 2>&1 || echo "not as expected: it ended with status $?" >>output
         if grep "not as expected" output >&2; then
             echo "$program with $handling handling failed; all that it said is in $PWD/output" >&2
             exit 1
