@@ -338,6 +338,64 @@ INSTANTIATE_TEST_SUITE_P(Workloads, EveryFault, testing::ValuesIn(workloads()), 
     return std::string{kind} + "Lock" + given.lock + given.call;
 });
 
+// What the engines of input and output call besides, and what they answer when a transfer of theirs fails.
+struct engine {
+    const char *name, *settings[2]; // variables that are set to 1
+    std::vector<fault_row> rows;
+};
+
+void PrintTo(const engine &which, std::ostream *out)
+{
+    *out << which.name;
+}
+
+class EngineFault : public FaultWork, public testing::WithParamInterface<engine> {
+protected:
+    EngineFault() : FaultWork(VFS_ORG_SEQUENTIAL, "2")
+    {
+        for (const char *name : GetParam().settings) variables.set(name, "1");
+        variables.set("VFS_DATA_COUNT", "3");
+    }
+};
+
+TEST_P(EngineFault, HangsNothingAndIsReported)
+{
+    for (const fault_row &row : GetParam().rows) sweep(row);
+    EXPECT_GT(rounds_, GetParam().rows.size()) << "some of these calls are made";
+}
+
+INSTANTIATE_TEST_SUITE_P(All, EngineFault,
+                         testing::Values(engine{"Threads",
+                                                {"VFS_IO_THREAD", "VFS_IO_THREAD"},
+                                                {{"pthread_create", EAGAIN, verdict::silent},
+                                                 {"pthread_create", ENOMEM, verdict::silent, true},
+                                                 {"sem_init", ENOSPC, verdict::silent, true},
+                                                 {"sem_wait", EINTR, verdict::silent},
+                                                 {"sem_trywait", EINTR, verdict::silent},
+                                                 {"sem_wait", EINVAL},
+                                                 {"sem_trywait", EINVAL},
+                                                 {"sem_post", EOVERFLOW},
+                                                 {"read", EIO},
+                                                 {"write", ENOSPC, verdict::given, true}}},
+                                         engine{"Kernel",
+                                                {"VFS_IO_AIO", "VFS_IO_AIO"},
+                                                {{"io_setup", EAGAIN, verdict::silent, true},
+                                                 {"io_submit", EAGAIN, verdict::silent},
+                                                 {"io_submit", EIO},
+                                                 {"io_getevents", EINTR, verdict::silent},
+                                                 {"io_cancel", EAGAIN, verdict::silent, true},
+                                                 {"read", EIO},
+                                                 {"write", ENOSPC, verdict::given, true}}},
+                                         engine{"ThreadsWithKernel",
+                                                {"VFS_IO_THREAD", "VFS_IO_AIO"},
+                                                {{"io_setup", EAGAIN, verdict::silent, true},
+                                                 {"pthread_create", EAGAIN, verdict::silent, true},
+                                                 {"sem_wait", EINTR, verdict::silent},
+                                                 {"sem_trywait", EINTR, verdict::silent},
+                                                 {"read", EIO},
+                                                 {"write", ENOSPC, verdict::given, true}}}),
+                         [](const auto &each) { return std::string{each.param.name}; });
+
 class Fault : public FaultWork, public testing::WithParamInterface<const char *> {
 protected:
     Fault() : FaultWork(VFS_ORG_INDEXED, GetParam()) {}

@@ -6,6 +6,8 @@
 #include <dlfcn.h>
 #include <link.h>
 #include <linux/aio_abi.h>
+#include <pthread.h>
+#include <semaphore.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -244,6 +246,36 @@ int open(const char *path, int flags, ...)
         if (answer.path != nullptr) path = answer.path;
     }
     return next_call(path, flags, mode);
+}
+
+int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument) noexcept
+{
+    NEXT(pthread_create);
+    return refused({"pthread_create", "thread"}, CALLER) ? errno : next_call(thread, attributes, body, argument);
+}
+
+int sem_init(sem_t *semaphore, int shared, unsigned value) noexcept
+{
+    NEXT(sem_init);
+    return refused({"sem_init", "semaphore"}, CALLER) ? -1 : next_call(semaphore, shared, value);
+}
+
+int sem_post(sem_t *semaphore) noexcept
+{
+    NEXT(sem_post);
+    return refused({"sem_post", "semaphore"}, CALLER) ? -1 : next_call(semaphore);
+}
+
+int sem_wait(sem_t *semaphore)
+{
+    NEXT(sem_wait);
+    return refused({"sem_wait", "semaphore"}, CALLER) ? -1 : next_call(semaphore);
+}
+
+int sem_trywait(sem_t *semaphore) noexcept
+{
+    NEXT(sem_trywait);
+    return refused({"sem_trywait", "semaphore"}, CALLER) ? -1 : next_call(semaphore);
 }
 
 int fcntl(int descriptor, int command, ...)
