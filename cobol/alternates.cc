@@ -85,8 +85,6 @@ file_status look_up(open_file *file, const std::vector<changed_value> &values)
     return status;
 }
 
-} // namespace
-
 bool has_suppressed_value(const open_file &file, const char *record)
 {
     std::string value;
@@ -96,6 +94,8 @@ bool has_suppressed_value(const open_file &file, const char *record)
         return key.suppresses(value);
     });
 }
+
+} // namespace
 
 alternate_check check_alternates(open_file *file, const char *record, bool replaces)
 {
