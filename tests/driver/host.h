@@ -171,6 +171,9 @@ private:
 size_t open_descriptors();
 std::string slurp(const std::string &path);
 void spill(const std::string &path, std::string_view bytes);
+// Places in the header of a file.
+constexpr uint64_t tsn_at = 40, dsn_at = 48, table_at = 96, table_end_at = 104, end_of_file_at = 136, state_at = 320,
+                   boot_at = 328;
 void poke(const std::string &path, uint64_t offset, std::string_view bytes);
 void poke(const std::string &path, uint64_t offset, uint64_t value);
 uint64_t peek(const std::string &path, uint64_t offset);

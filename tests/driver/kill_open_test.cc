@@ -22,7 +22,6 @@ namespace {
 
 using namespace host;
 
-constexpr uint64_t tsn_at = 40;
 constexpr int64_t old_records = 60, new_records = 3;
 
 std::string record_of(int64_t n)

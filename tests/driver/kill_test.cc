@@ -15,7 +15,6 @@ namespace {
 
 using namespace host;
 
-constexpr uint64_t state_at = 320;
 constexpr int64_t at_once = 5'000'000'000; // nanoseconds: what waits for a dead process waits for ever
 
 // ---- What the operations work on ---------------------------------------------------------------------------------

@@ -12,8 +12,6 @@ namespace {
 
 using namespace host;
 
-constexpr uint64_t tsn_at = 40, table_at = 96, table_end_at = 104, state_at = 320, boot_at = 328;
-
 class Session : public DriverTest {
 protected:
     file_spec spec(uint32_t flags = O_RDWR) { return indexed(path(), keys, 100).with_flags(flags); }

@@ -15,8 +15,6 @@ namespace {
 
 using namespace host;
 
-constexpr uint64_t end_of_file_at = 136, state_word_at = 320, boot_word_at = 328, tsn_at = 40, dsn_at = 48;
-
 std::string word(uint64_t value)
 {
     return {reinterpret_cast<const char *>(&value), sizeof value};
@@ -111,11 +109,11 @@ protected:
         for (size_t page = 0; page < after.size(); page += 4096)
             if (before.compare(page, 4096, after, page, 4096) != 0) ranges.push_back({page, after.substr(page, 4096)});
         ranges.push_back({0, after.substr(0, 4096)}); // the header, last
-        ranges.back().bytes.replace(state_word_at, 8, word(area));
-        ranges.back().bytes.replace(boot_word_at, 8, word(boot_word()));
+        ranges.back().bytes.replace(state_at, 8, word(area));
+        ranges.back().bytes.replace(boot_at, 8, word(boot_word()));
         std::string bytes = before;
-        bytes.replace(state_word_at, 8, word(area));
-        bytes.replace(boot_word_at, 8, word(boot_word()));
+        bytes.replace(state_at, 8, word(area));
+        bytes.replace(boot_at, 8, word(boot_word()));
         bytes.resize(area, '\0');
         spill(path(), bytes + redo_area(ranges));
     }
@@ -137,7 +135,7 @@ TEST_P(UnfinishedCommit, IsCompletedByWhoeverOpens)
     leave_unfinished(before, after);
     file opened(spec(GetParam().first, GetParam().second));
     ASSERT_TRUE(opened.ok()) << opened.error() << printed();
-    EXPECT_EQ(peek(path(), state_word_at), 0U);
+    EXPECT_EQ(peek(path(), state_at), 0U);
     EXPECT_TRUE(opened.read(by_key("00000077")).found(record(77, "mend")));
     EXPECT_EQ(opened.close(), 0);
 }
@@ -168,7 +166,7 @@ TEST_F(SharedOpen, HandlesThatAreOpenCompleteACommitToo)
                   0);
         leave_unfinished(before, slurp(path())); // in place: the handle has the same file open
         EXPECT_TRUE(open_before.read(by_key("00000077")).found(record(77, "mend"))) << printed();
-        EXPECT_EQ(peek(path(), state_word_at), 0U);
+        EXPECT_EQ(peek(path(), state_at), 0U);
         EXPECT_EQ(open_before.close(), 0);
         spill(path(), before);
     }
@@ -182,7 +180,7 @@ TEST_F(SharedOpen, AnAreaThatIsNotWholeIsLeftAlone)
     after.replace(dsn_at, 8, word(word_at(before, dsn_at) + 1));
     leave_unfinished(before, after);
     const std::string whole = slurp(path());
-    const uint64_t area = word_at(whole, state_word_at);
+    const uint64_t area = word_at(whole, state_at);
     const auto refused = [&](const std::string &bytes) {
         spill(path(), bytes);
         for (const uint32_t mode : {VFS_LOCK_RECORD, VFS_LOCK_FILE, VFS_LOCK_NONE}) {
@@ -203,11 +201,11 @@ TEST_F(SharedOpen, AnAreaThatIsNotWholeIsLeftAlone)
     older.replace(dsn_at, 8, word(word_at(before, dsn_at) + 2));
     refused(older);
     std::string elsewhere_word = whole;
-    elsewhere_word.replace(state_word_at, 8, word(area + 8));
+    elsewhere_word.replace(state_at, 8, word(area + 8));
     refused(elsewhere_word);
     // Whole, but with a range that would lie in the area itself.
     std::string outside = before;
-    outside.replace(state_word_at, 8, word(area));
+    outside.replace(state_at, 8, word(area));
     outside.resize(area, '\0');
     refused(outside + redo_area({{area + 4096, std::string(8, 'x')}}));
 }

@@ -34,7 +34,7 @@ constexpr vfs_lock_request policy(uint32_t wait, uint32_t hold = 1, uint32_t kin
             .sleep = 0};
 }
 
-constexpr vfs_lock_request never = policy(VFS_WAIT_NEVER), kernel = policy(VFS_WAIT_KERNEL),
+constexpr vfs_lock_request never = policy(VFS_WAIT_NEVER), kernel_waits = policy(VFS_WAIT_KERNEL),
                            passing = policy(VFS_WAIT_KERNEL, 0);
 
 file_spec shared(file_spec spec, uint32_t lock_mode = VFS_LOCK_RECORD, uint32_t lock_flags = 0)
@@ -328,14 +328,14 @@ TEST_F(Sharing, ADeadlockReachesExactlyOneOfTwo)
         {
             peer a{shared(spec(what), VFS_LOCK_RECORD, VFS_LOCK_SEVERAL)},
                 b{shared(spec(what), VFS_LOCK_RECORD, VFS_LOCK_SEVERAL)};
-            EXPECT_EQ(a.run(operation::read, at(what, 0), {}, &kernel).bytes, record(0));
-            const outcome second = b.run(operation::read, at(what, 1), {}, &kernel);
+            EXPECT_EQ(a.run(operation::read, at(what, 0), {}, &kernel_waits).bytes, record(0));
+            const outcome second = b.run(operation::read, at(what, 1), {}, &kernel_waits);
             EXPECT_EQ(second.bytes, record(1));
             const outcome first_one = a.run(operation::position, at(what, 0));
             EXPECT_EQ(first_one.error, 0);
-            a.begin(operation::read, at(what, 1), {}, &kernel);
+            a.begin(operation::read, at(what, 1), {}, &kernel_waits);
             EXPECT_TRUE(a.waits());
-            b.begin(operation::read, at(what, 0), {}, &kernel); // closes the circle
+            b.begin(operation::read, at(what, 0), {}, &kernel_waits); // closes the circle
             const outcome of_b = b.answer(), of_a = a.answer();
             EXPECT_TRUE(of_b.failed(EDEADLK)) << of_b; // and gave up its locks, so that the other goes on
             EXPECT_EQ(of_a.bytes, record(1));
@@ -345,7 +345,7 @@ TEST_F(Sharing, ADeadlockReachesExactlyOneOfTwo)
             EXPECT_TRUE(b.run(operation::read, at(what, 1), {}, &never).failed(EAGAIN));
             EXPECT_NE(printed(), "");
             EXPECT_EQ(a.run(operation::unlock, next()).value, 0);
-            EXPECT_EQ(b.run(operation::rewrite, at(what, 1), record(1), &kernel).error, 0);
+            EXPECT_EQ(b.run(operation::rewrite, at(what, 1), record(1), &kernel_waits).error, 0);
         }
         sound();
     }
@@ -372,12 +372,12 @@ TEST_F(Sharing, ANewRecordLeavesAFreeSlotAloneThatSomebodyHoldsLocked)
                 done.wait();
             }};
             ASSERT_TRUE(locked.wait());
-            const outcome first_one = f.run(operation::write, insertion(what), record(8), &kernel);
+            const outcome first_one = f.run(operation::write, insertion(what), record(8), &kernel_waits);
             EXPECT_EQ(first_one.error, 0);
             EXPECT_NE(first_one.offset, slot);
             done.open();
             EXPECT_EQ(holder.finish(), 0);
-            EXPECT_EQ(f.run(operation::write, insertion(what), record(9), &kernel).offset, slot);
+            EXPECT_EQ(f.run(operation::write, insertion(what), record(9), &kernel_waits).offset, slot);
             EXPECT_EQ(f.read(first(), &passing).bytes, record(0));
             EXPECT_EQ(f.rest().size(), 5u);
         }

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <linux/fs.h>
-#include <nlohmann/json.hpp>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 #include "format/check.h"
 #include "format/clear.h"
 #include "hold.h"
+#include "json.h"
 #include "new_file.h"
 #include "output.h"
 #include "progress.h"

@@ -5,12 +5,12 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "csv.h"
 #include "driver.h"
 #include "errors.h"
+#include "json.h"
 #include "json_record.h"
 #include "keys.h"
 #include "output.h"

@@ -4,13 +4,13 @@
 #include <vector>
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "errors.h"
 #include "format/check.h"
 #include "format/clear.h"
 #include "hold.h"
+#include "json.h"
 #include "output.h"
 #include "progress.h"
 
@@ -54,20 +54,19 @@ void print_findings(const std::string &file, const check_report &report)
 
 void print_json(const check_command &options, const check_result &found, const verdict &said)
 {
-    using json = nlohmann::ordered_json;
-    json problems = json::array();
+    json_value problems = json_value::array();
     for (const finding &each : found.report.problems())
         problems.push_back({{"area", finding_area_name(each.area)}, {"offset", each.offset}, {"text", each.text}});
-    const json all{{"file", options.file},
-                   {"status", said.status},
-                   {"sound", found.sound()},
-                   {"fast", options.fast},
-                   {"kind", kind_of(found.facts)},
-                   {"records", found.records},
-                   {"problem_count", found.report.problem_count()},
-                   {"problems", problems},
-                   {"notes", found.report.notes()},
-                   {"says", said.says}};
+    const json_value all{{"file", options.file},
+                         {"status", said.status},
+                         {"sound", found.sound()},
+                         {"fast", options.fast},
+                         {"kind", kind_of(found.facts)},
+                         {"records", found.records},
+                         {"problem_count", found.report.problem_count()},
+                         {"problems", problems},
+                         {"notes", found.report.notes()},
+                         {"says", said.says}};
     put_json(all);
 }
 

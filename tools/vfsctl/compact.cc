@@ -8,7 +8,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include "errors.h"
 #include "format/check.h"
 #include "hold.h"
+#include "json.h"
 #include "keys.h"
 #include "output.h"
 #include "progress.h"

@@ -4,11 +4,11 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "driver.h"
 #include "errors.h"
+#include "json.h"
 #include "keys.h"
 #include "output.h"
 #include "replace.h"

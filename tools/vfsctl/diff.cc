@@ -6,11 +6,11 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "driver.h"
 #include "errors.h"
+#include "json.h"
 #include "json_record.h"
 #include "keys.h"
 #include "output.h"
@@ -129,10 +129,9 @@ void comparison::show(size_t from, const std::string &record)
     ++shown_;
     const json_shape shape{.columns = shape_.columns ? &*shape_.columns : nullptr, .latin_1 = shape_.latin_1};
     if (options_.json) {
-        put_out(fmt::format(
-            "{{\"only_in\":{},\"record\":{}}}\n",
-            nlohmann::json(options_.files[from]).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace),
-            json_of_record(shape, record)));
+        put_out(fmt::format("{{\"only_in\":{},\"record\":{}}}\n",
+                            json_value(options_.files[from]).dump(-1, ' ', false, json_value::error_handler_t::replace),
+                            json_of_record(shape, record)));
         return;
     }
     put_out(from == 0 ? "< " : "> ");

@@ -10,7 +10,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <linux/magic.h>
-#include <nlohmann/json.hpp>
 #include <sys/resource.h>
 #include <sys/statfs.h>
 #include <sys/wait.h>
@@ -19,11 +18,10 @@
 #include "commands.h"
 #include "driver.h"
 #include "errors.h"
+#include "json.h"
 #include "output.h"
 
 namespace {
-
-using json = nlohmann::ordered_json;
 
 struct doctor_options {
     std::string folder = ".";
@@ -83,13 +81,13 @@ private:
     void settings_in_force();
 
     const doctor_options &options_;
-    json report_ = json::array(), settings_ = json::array();
+    json_value report_ = json_value::array(), settings_ = json_value::array();
     unsigned troubles_ = 0;
 };
 
 void examination::add(const char *verdict, const std::string &what, const std::string &found, const std::string &advice)
 {
-    json row{{"verdict", verdict}, {"what", what}, {"found", found}};
+    json_value row{{"verdict", verdict}, {"what", what}, {"found", found}};
     if (!advice.empty()) row["advice"] = advice;
     report_.push_back(row);
 }
@@ -235,7 +233,7 @@ void examination::settings_in_force()
         const char *value = std::getenv(std::string{row.name}.c_str());
         const bool set = value != nullptr && *value != '\0';
         settings_.push_back({{"name", row.name},
-                             {"value", set ? json(value) : json(nullptr)},
+                             {"value", set ? json_value(value) : json_value(nullptr)},
                              {"default", row.unset},
                              {"meaning", row.meaning}});
     }
@@ -261,13 +259,13 @@ int examination::run()
         put_json({{"folder", options_.folder}, {"checks", report_}, {"settings", settings_}, {"attention", troubles_}});
         return troubles_ == 0 ? exit_good : exit_failed;
     }
-    for (const json &row : report_) {
+    for (const json_value &row : report_) {
         fmt::print("{:<10} {}: {}\n", row["verdict"].get<std::string>(), row["what"].get<std::string>(),
                    row["found"].get<std::string>());
         if (row.contains("advice")) fmt::print("{:<10}   {}\n", "", row["advice"].get<std::string>());
     }
     fmt::print("settings:\n");
-    for (const json &row : settings_)
+    for (const json_value &row : settings_)
         fmt::print("  {:<21} {:<10} {}\n", row["name"].get<std::string>(),
                    row["value"].is_null() ? fmt::format("({})", row["default"].get<std::string>())
                                           : row["value"].get<std::string>(),

@@ -13,12 +13,12 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "csv.h"
 #include "driver.h"
 #include "errors.h"
+#include "json.h"
 #include "keys.h"
 #include "output.h"
 #include "progress.h"
@@ -297,11 +297,11 @@ void filler::report(double seconds, bool sequential) const
 {
     const bool has_layout = input_.format() == input_format::csv;
     if (request_.json) {
-        nlohmann::ordered_json all{{"file", request_.file},
-                                   {"records", stored_},
-                                   {"refused", refused_.count()},
-                                   {"seconds", seconds},
-                                   {"sequential", sequential}};
+        json_value all{{"file", request_.file},
+                       {"records", stored_},
+                       {"refused", refused_.count()},
+                       {"seconds", seconds},
+                       {"sequential", sequential}};
         if (has_layout) all["layout"] = input_.columns()->text();
         put_json(all);
         return;

@@ -4,12 +4,12 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
 #include "commands.h"
 #include "driver.h"
 #include "errors.h"
+#include "json.h"
 #include "keys.h"
 #include "output.h"
 
@@ -20,45 +20,43 @@ struct info_options {
     bool json = false;
 };
 
-using json = nlohmann::ordered_json;
-
 const char *organization_word(uint32_t code)
 {
     constexpr const char *words[] = {"unknown", "sequential", "relative", "indexed"};
     return words[code < std::size(words) ? code : 0];
 }
 
-json facts_of(const std::string &path)
+json_value facts_of(const std::string &path)
 {
     record_file file{{.path = path, .flags = O_RDONLY}};
     const vfs_open_block block = file.info();
-    json keys = json::array();
+    json_value keys = json_value::array();
     const bool indexed = block.logical_organization == VFS_ORG_INDEXED;
     for (const key_spec &key : indexed ? keys_of(block.keys) : std::vector<key_spec>{}) {
-        json parts = json::array();
+        json_value parts = json_value::array();
         for (const key_part &part : key.parts) parts.push_back({{"offset", part.offset}, {"length", part.length}});
         keys.push_back(
             {{"key", key_text(key)}, {"length", key.length()}, {"duplicates", key.duplicates}, {"parts", parts}});
     }
     struct stat status {};
     if (stat(path.c_str(), &status) == -1) status.st_size = 0;
-    json facts{{"file", path},
-               {"organization", organization_word(block.logical_organization)},
-               {"record_format", block.record_format == VFS_FORMAT_FIXED ? "fixed" : "variable"},
-               {"min_record_length", block.min_record_length},
-               {"max_record_length", block.max_record_length},
-               {"records", block.record_count},
-               {"deleted", block.empty_count},
-               {"moved", block.node_count},
-               {"bytes", status.st_size},
-               {"keys", keys},
-               {"driver", driver().name},
-               {"library", driver_path()}};
+    json_value facts{{"file", path},
+                     {"organization", organization_word(block.logical_organization)},
+                     {"record_format", block.record_format == VFS_FORMAT_FIXED ? "fixed" : "variable"},
+                     {"min_record_length", block.min_record_length},
+                     {"max_record_length", block.max_record_length},
+                     {"records", block.record_count},
+                     {"deleted", block.empty_count},
+                     {"moved", block.node_count},
+                     {"bytes", status.st_size},
+                     {"keys", keys},
+                     {"driver", driver().name},
+                     {"library", driver_path()}};
     file.close();
     return facts;
 }
 
-void print_for_people(const json &facts)
+void print_for_people(const json_value &facts)
 {
     fmt::print("{}: {}, records of {} to {} bytes ({} length)\n", facts["file"].get<std::string>(),
                facts["organization"].get<std::string>(), facts["min_record_length"].get<int64_t>(),
@@ -66,7 +64,7 @@ void print_for_people(const json &facts)
     fmt::print("  records {}, deleted slots {}, moved {}, {} bytes\n", facts["records"].get<int64_t>(),
                facts["deleted"].get<int64_t>(), facts["moved"].get<int64_t>(), facts["bytes"].get<int64_t>());
     size_t number = 0;
-    for (const json &key : facts["keys"]) {
+    for (const json_value &key : facts["keys"]) {
         fmt::print("  key {}: {}{}\n", number, key["key"].get<std::string>(), number == 0 ? "  (primary)" : "");
         ++number;
     }
@@ -81,7 +79,7 @@ command_body declare_info(CLI::App &command)
     command.add_option("file", options->file, "The file")->required();
     command.add_flag("--json", options->json, "Print JSON");
     return [options] {
-        const json facts = facts_of(options->file);
+        const json_value facts = facts_of(options->file);
         if (options->json)
             put_json(facts);
         else

@@ -4,13 +4,11 @@
 #include <cstdlib>
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "errors.h"
+#include "json.h"
 
 namespace {
-
-using json = nlohmann::ordered_json;
 
 constexpr size_t exact_digits = 15; // a double keeps so many
 
@@ -48,15 +46,15 @@ std::optional<std::string> latin_1_of(std::string_view text)
 bool is_utf_8(const std::string &text)
 {
     try {
-        json(text).dump();
+        json_value(text).dump();
         return true;
-    } catch (const json::type_error &) {
+    } catch (const json_value::type_error &) {
         return false;
     }
 }
 
 // A number that every reader of JSON keeps exactly is a number, another one a string of its digits.
-json number_value(const field_type &type, const std::string &text)
+json_value number_value(const field_type &type, const std::string &text)
 {
     if (text.empty()) return nullptr;
     if (text.starts_with("0x") || text.size() > exact_digits) return text;
@@ -64,7 +62,7 @@ json number_value(const field_type &type, const std::string &text)
     return std::strtoll(text.c_str(), nullptr, 10);
 }
 
-json text_value(const json_shape &shape, const std::string &name, std::string text)
+json_value text_value(const json_shape &shape, const std::string &name, std::string text)
 {
     if (shape.latin_1) return utf_8_of(text);
     if (!is_utf_8(text))
@@ -75,7 +73,7 @@ json text_value(const json_shape &shape, const std::string &name, std::string te
     return text;
 }
 
-std::optional<std::string> text_of_value(const json_shape &shape, const json &value)
+std::optional<std::string> text_of_value(const json_shape &shape, const json_value &value)
 {
     if (value.is_null()) return std::string{};
     if (value.is_number()) return value.dump();
@@ -90,7 +88,7 @@ std::optional<std::string> fail(std::string *reason, std::string text)
     return std::nullopt;
 }
 
-std::optional<std::string> whole_record(const json_shape &shape, const json &object, std::string *reason)
+std::optional<std::string> whole_record(const json_shape &shape, const json_value &object, std::string *reason)
 {
     const bool hex = object.contains("hex");
     if (object.size() != 1 || (!hex && !object.contains("record")))
@@ -104,7 +102,7 @@ std::optional<std::string> whole_record(const json_shape &shape, const json &obj
 
 std::string json_of_record(const json_shape &shape, std::string_view record)
 {
-    json object = json::object();
+    json_value object = json_value::object();
     if (shape.columns == nullptr) {
         const std::string text{record};
         if (is_utf_8(text))
@@ -124,7 +122,7 @@ std::string json_of_record(const json_shape &shape, std::string_view record)
 
 std::optional<std::string> record_of_json(const json_shape &shape, std::string_view line, std::string *reason)
 {
-    const json object = json::parse(line, nullptr, false);
+    const json_value object = json_value::parse(line, nullptr, false);
     if (!object.is_object()) return fail(reason, "it is no JSON object");
     if (shape.columns == nullptr) return whole_record(shape, object, reason);
     std::vector<std::string> texts(shape.columns->columns.size());

@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr uint64_t longest_record = UINT64_C(1) << 31; // a typing error above this, not a record
-
 std::optional<uint64_t> number(std::string_view text)
 {
     uint64_t value = 0;

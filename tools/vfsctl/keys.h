@@ -17,6 +17,8 @@
 
 struct layout;
 
+constexpr uint64_t longest_record = uint64_t{1} << 31; // a larger number in a description is a typing error
+
 struct key_part {
     uint64_t offset;
     uint64_t length;

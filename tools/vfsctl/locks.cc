@@ -6,7 +6,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "commands.h"
@@ -14,12 +13,11 @@
 #include "field_type.h"
 #include "format/facts.h"
 #include "format/frames.h"
+#include "json.h"
 #include "output.h"
 #include "system_view.h"
 
 namespace {
-
-using json = nlohmann::ordered_json;
 
 struct locks_options {
     std::string file;
@@ -41,7 +39,7 @@ public:
     locked_file(const locked_file &) = delete;
     locked_file &operator=(const locked_file &) = delete;
 
-    json kind_of(const system_lock &lock)
+    json_value kind_of(const system_lock &lock)
     {
         if (lock.last == UINT64_MAX) return {{"kind", "File"}};
         if (lock.first == exclusive_byte && lock.last == lock.first) return {{"kind", "Exclusive"}};
@@ -55,9 +53,9 @@ public:
     }
 
 private:
-    json record(const frame &item)
+    json_value record(const frame &item)
     {
-        json said{{"kind", "Record"}, {"number", item.rrn + 1}};
+        json_value said{{"kind", "Record"}, {"number", item.rrn + 1}};
         std::vector<std::byte> value;
         if (!facts_.indexed || !facts_.keys_known || !item.is_record()) return said;
         const file_key &key = facts_.keys[facts_.primary];
@@ -79,12 +77,12 @@ std::string holder_text(pid_t process)
     return process > 0 ? fmt::format("{} ({})", process, process_name(process)) : "an open file of some process";
 }
 
-void print_for_people(const std::string &file, const json &facts)
+void print_for_people(const std::string &file, const json_value &facts)
 {
-    for (const json &user : facts["users"])
+    for (const json_value &user : facts["users"])
         fmt::print("{}: open in {} ({}), for {}\n", file, user["process"].get<pid_t>(), user["name"].get<std::string>(),
                    user["writes"].get<bool>() ? "reading and writing" : "reading");
-    for (const json &lock : facts["locks"]) {
+    for (const json_value &lock : facts["locks"]) {
         const bool waits = lock["waits"].get<bool>();
         fmt::print("  {} {} {} {}", holder_text(lock["process"].get<pid_t>()), waits ? "waits for" : "holds",
                    lock["type"].get<std::string>(), lock["kind"].get<std::string>());
@@ -102,14 +100,14 @@ void print_for_people(const std::string &file, const json &facts)
 int locks(const locks_options &options)
 {
     const std::vector<system_lock> found = locks_on(options.file);
-    json facts{{"file", options.file}, {"users", json::array()}, {"locks", json::array()}};
+    json_value facts{{"file", options.file}, {"users", json_value::array()}, {"locks", json_value::array()}};
     for (const file_user &user : users_of(options.file))
         facts["users"].push_back(
             {{"process", user.process}, {"name", process_name(user.process)}, {"writes", user.writes}});
     locked_file file{options.file};
     size_t waiting = 0;
     for (const system_lock &lock : found) {
-        json row{{"process", lock.process}, {"name", process_name(lock.process)}, {"waits", lock.waits}};
+        json_value row{{"process", lock.process}, {"name", process_name(lock.process)}, {"waits", lock.waits}};
         row["type"] = lock.write ? "write" : "read";
         row.update(file.kind_of(lock));
         row["first"] = lock.first;

@@ -54,11 +54,11 @@ struct node_place {
     uint64_t key, level;
 };
 
-json pieces_of(const picture &drawn, const std::unordered_map<uint64_t, node_place> &nodes)
+json_value pieces_of(const picture &drawn, const std::unordered_map<uint64_t, node_place> &nodes)
 {
-    json all = json::array();
+    json_value all = json_value::array();
     for (const picture_piece &piece : drawn.pieces()) {
-        json row{static_cast<size_t>(piece.kind), piece.offset, piece.length};
+        json_value row{static_cast<size_t>(piece.kind), piece.offset, piece.length};
         if (const auto node = nodes.find(piece.offset); node != nodes.end()) {
             row.push_back(node->second.key);
             row.push_back(node->second.level);
@@ -69,11 +69,11 @@ json pieces_of(const picture &drawn, const std::unordered_map<uint64_t, node_pla
 }
 
 // Of each cell: kind, bytes and items of what is in it, one after the other.
-json cells_of(const picture &drawn)
+json_value cells_of(const picture &drawn)
 {
-    json all = json::array();
+    json_value all = json_value::array();
     for (const picture_cell &cell : drawn.cells()) {
-        json row = json::array();
+        json_value row = json_value::array();
         for (size_t kind = 0; kind < spaces; ++kind)
             if (const space_count &count = cell.kinds[kind]; count.bytes != 0)
                 row.insert(row.end(), {kind, count.bytes, count.items});
@@ -83,11 +83,11 @@ json cells_of(const picture &drawn)
 }
 
 // The page with its data, which may contain nothing that ends a script.
-std::string page_of(const json &data)
+std::string page_of(const json_value &data)
 {
     constexpr std::string_view place = "/*data*/null";
     std::string text;
-    for (const char c : data.dump(-1, ' ', true, json::error_handler_t::replace))
+    for (const char c : data.dump(-1, ' ', true, json_value::error_handler_t::replace))
         text += c == '<' ? std::string{"\\u003c"} : std::string(1, c);
     std::string page = map_page;
     return page.replace(page.find(place), place.size(), text);
@@ -108,8 +108,8 @@ std::string draw_page(const map_options &options)
                 },
             .progress = {}};
     });
-    json data = survey_facts(options.file, found);
-    data["kinds"] = json::array();
+    json_value data = survey_facts(options.file, found);
+    data["kinds"] = json_value::array();
     for (size_t kind = 0; kind < spaces; ++kind)
         data["kinds"].push_back(
             {{"name", space_name(static_cast<space>(kind))}, {"colour", fmt::format("#{:06x}", marks[kind].colour)}});
@@ -166,7 +166,7 @@ void print_text(const map_options &options)
         how.item = [&](space kind, uint64_t offset, uint64_t length) { drawn.add(kind, offset, length); };
         return how;
     });
-    const json facts = survey_facts(options.file, found);
+    const json_value facts = survey_facts(options.file, found);
     const bool colours = colours_on(stdout);
     fmt::print("{}: {}, {} records; a character for {} bytes\n", options.file, size_text(found.size),
                facts["records"].get<uint64_t>(), drawn.cell_bytes());

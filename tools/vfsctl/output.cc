@@ -3,8 +3,6 @@
 
 #include <cstdio>
 
-#include <nlohmann/json.hpp>
-
 #include "csv.h"
 #include "errors.h"
 #include "json_record.h"
@@ -16,14 +14,14 @@ void put_out(std::string_view bytes)
 }
 
 // Names of files may be in any encoding.
-void put_json(const nlohmann::ordered_json &value)
+void put_json(const json_value &value)
 {
-    put_out(value.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+    put_out(value.dump(2, ' ', false, json_value::error_handler_t::replace) + "\n");
 }
 
-void put_json_line(const nlohmann::ordered_json &value)
+void put_json_line(const json_value &value)
 {
-    put_out(value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+    put_out(value.dump(-1, ' ', false, json_value::error_handler_t::replace) + "\n");
 }
 
 record_printer::record_printer(record_shape shape, output_format format)

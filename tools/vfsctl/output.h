@@ -4,8 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include <nlohmann/json_fwd.hpp>
-
+#include "json.h"
 #include "schema.h"
 
 enum class output_format { lines, csv, raw, json };
@@ -21,6 +20,6 @@ private:
     bool header_due_;
 };
 
-void put_out(std::string_view bytes);               // to standard output; throws tool_error
-void put_json(const nlohmann::ordered_json &value); // for people who look at it: indented
-void put_json_line(const nlohmann::ordered_json &value);
+void put_out(std::string_view bytes);   // to standard output; throws tool_error
+void put_json(const json_value &value); // for people who look at it: indented
+void put_json_line(const json_value &value);

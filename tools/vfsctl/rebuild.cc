@@ -9,7 +9,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "commands.h"
@@ -18,6 +17,7 @@
 #include "format/check.h"
 #include "format/salvage.h"
 #include "hold.h"
+#include "json.h"
 #include "keys.h"
 #include "new_file.h"
 #include "output.h"
@@ -38,7 +38,7 @@ struct rebuild_options {
     bool json = false;
 };
 
-constexpr uint64_t longest_record = uint64_t{1} << 30;
+constexpr uint64_t longest_believed = uint64_t{1} << 30;
 constexpr const char *cache_size = "64M"; // records may come in any order of their keys
 
 bool report_progress(staged_progress &bar, std::string_view what, uint64_t done, uint64_t total)
@@ -119,7 +119,7 @@ open_request request_for(const rebuild_options &options, const std::string &path
                          const vfs_key_desc *keys, uint64_t longest)
 {
     uint64_t min = facts.minimum_record, max = facts.maximum_record;
-    if (!facts.lengths_known || max > longest_record) {
+    if (!facts.lengths_known || max > longest_believed) {
         min = 0;
         max = longest;
         fmt::print(
@@ -138,7 +138,7 @@ open_request request_for(const rebuild_options &options, const std::string &path
             .fixed_length = facts.fixed,
             .organization = organization,
             .logical = facts.logical,
-            .block_size = facts.block <= longest_record ? static_cast<int64_t>(facts.block) : 0,
+            .block_size = facts.block <= longest_believed ? static_cast<int64_t>(facts.block) : 0,
             .only_writes = true};
 }
 
@@ -263,7 +263,7 @@ check_result check_old_file(const rebuild_options &options, file_image &image)
 void report(const rebuild_options &options, uint64_t kept, const reject_file &rejects)
 {
     if (options.json) {
-        nlohmann::ordered_json reasons = nlohmann::ordered_json::object();
+        json_value reasons = json_value::object();
         for (const auto &[reason, count] : rejects.by_reason()) reasons[reason] = count;
         put_json({{"file", options.file},
                   {"to", options.target},

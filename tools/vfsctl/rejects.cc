@@ -7,10 +7,10 @@
 #include <vector>
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "errors.h"
+#include "json.h"
 
 namespace {
 
@@ -49,7 +49,7 @@ void reject_file::add(const rejected_bytes &what)
     for (uint64_t done = 0; done == 0 || done < what.length; done += step) {
         std::vector<std::byte> bytes(std::min(step, what.length - done));
         const bool readable = image_.read(what.offset + done, bytes);
-        nlohmann::ordered_json line{{"offset", what.offset + done}, {"length", bytes.size()}, {"reason", what.reason}};
+        json_value line{{"offset", what.offset + done}, {"length", bytes.size()}, {"reason", what.reason}};
         if (what.rrn) line["rrn"] = *what.rrn;
         line["hex"] = readable ? hex_of(bytes) : "";
         if (std::fputs((line.dump() + "\n").c_str(), file_.get()) == EOF) fail(errno);

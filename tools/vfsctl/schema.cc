@@ -4,26 +4,23 @@
 #include <algorithm>
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "errors.h"
+#include "json.h"
+#include "keys.h"
 #include "text_input.h"
 
 namespace {
 
-using json = nlohmann::json;
-
-constexpr uint64_t longest_record = uint64_t{1} << 31; // a typing error above this, not a record
-
 // An object of the description: members are taken one by one, and what is left at the end is a mistake.
 class description {
 public:
-    description(const json &object, std::string place) : object_(object), place_(std::move(place))
+    description(const json_value &object, std::string place) : object_(object), place_(std::move(place))
     {
         if (!object_.is_object()) fail("a JSON object belongs here");
     }
 
-    const json *take(const char *member)
+    const json_value *take(const char *member)
     {
         taken_.emplace_back(member);
         const auto found = object_.find(member);
@@ -31,23 +28,23 @@ public:
     }
     std::string text(const char *member, const std::string &otherwise)
     {
-        const json *found = take(member);
+        const json_value *found = take(member);
         if (found == nullptr) return otherwise;
         if (!found->is_string()) fail(fmt::format("'{}' is a text", member));
         return found->get<std::string>();
     }
     std::optional<uint64_t> number(const char *member)
     {
-        const json *found = take(member);
+        const json_value *found = take(member);
         if (found == nullptr) return std::nullopt;
         if (!found->is_number_unsigned() || found->get<uint64_t>() > longest_record)
             fail(fmt::format("'{}' is a whole number of at most {}", member, longest_record));
         return found->get<uint64_t>();
     }
-    const json &list(const char *member)
+    const json_value &list(const char *member)
     {
-        static const json none = json::array();
-        const json *found = take(member);
+        static const json_value none = json_value::array();
+        const json_value *found = take(member);
         if (found != nullptr && !found->is_array()) fail(fmt::format("'{}' is a list", member));
         return found == nullptr ? none : *found;
     }
@@ -60,7 +57,7 @@ public:
     [[noreturn]] void fail(const std::string &what) const { throw usage_error(fmt::format("{}: {}", place_, what)); }
 
 private:
-    const json &object_;
+    const json_value &object_;
     std::string place_;
     std::vector<std::string> taken_;
 };
@@ -104,11 +101,11 @@ layout_column column_of(description field, uint64_t next, bool last)
     return column;
 }
 
-layout columns_of(const json &fields, const std::string &name)
+layout columns_of(const json_value &fields, const std::string &name)
 {
     layout result;
     uint64_t next = 0;
-    for (const json &field : fields) {
+    for (const json_value &field : fields) {
         const std::string place = fmt::format("{}: field {}", name, result.columns.size() + 1);
         layout_column column = column_of(description{field, place}, next, result.columns.size() + 1 == fields.size());
         for (const layout_column &earlier : result.columns)
@@ -124,17 +121,17 @@ layout columns_of(const json &fields, const std::string &name)
 
 record_shape parse_schema(const std::string &text, const std::string &name)
 {
-    json whole;
+    json_value whole;
     try {
-        whole = json::parse(text);
-    } catch (const json::parse_error &error) {
+        whole = json_value::parse(text);
+    } catch (const json_value::parse_error &error) {
         throw usage_error(fmt::format("{}: it is no JSON: {}", name, error.what()));
     }
     description schema{whole, name};
     record_shape shape;
-    const json &fields = schema.list("fields");
+    const json_value &fields = schema.list("fields");
     if (!fields.empty()) shape.columns = columns_of(fields, name);
-    for (const json &key : schema.list("keys")) {
+    for (const json_value &key : schema.list("keys")) {
         if (!key.is_string()) schema.fail("a key is a text as for --key");
         shape.keys.push_back(key.get<std::string>());
     }

@@ -2,10 +2,10 @@
 #include <memory>
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "commands.h"
 #include "errors.h"
+#include "json.h"
 #include "output.h"
 #include "survey_report.h"
 
@@ -16,7 +16,7 @@ struct stats_options {
     bool json = false;
 };
 
-void print_for_people(const json &facts)
+void print_for_people(const json_value &facts)
 {
     const auto number = [&](const char *name) { return facts[name].get<uint64_t>(); };
     const uint64_t size = number("bytes");
@@ -40,7 +40,7 @@ int stats(const stats_options &options)
     if (!found.facts.identified)
         throw tool_error(options.file +
                          ": this is no file of the driver, or its header is damaged: 'vfsctl check' says more");
-    const json facts = survey_facts(options.file, found);
+    const json_value facts = survey_facts(options.file, found);
     if (options.json)
         put_json(facts);
     else

@@ -11,9 +11,9 @@
 
 namespace {
 
-json facts_of_tree(const file_facts &facts, size_t number, const tree_survey &tree)
+json_value facts_of_tree(const file_facts &facts, size_t number, const tree_survey &tree)
 {
-    json levels = json::array();
+    json_value levels = json_value::array();
     for (const level_survey &level : tree.levels)
         levels.push_back({{"nodes", level.nodes},
                           {"entries", level.entries},
@@ -59,13 +59,13 @@ double percent(uint64_t part, uint64_t whole)
     return whole == 0 ? 0 : 100.0 * static_cast<double>(part) / static_cast<double>(whole);
 }
 
-json survey_facts(const std::string &file, const file_survey &found)
+json_value survey_facts(const std::string &file, const file_survey &found)
 {
-    json kinds = json::object();
+    json_value kinds = json_value::object();
     for (size_t i = 0; i < spaces; ++i)
         kinds[space_name(static_cast<space>(i))] = {{"items", found.by_kind[i].items},
                                                     {"bytes", found.by_kind[i].bytes}};
-    json trees = json::array();
+    json_value trees = json_value::array();
     for (size_t i = 0; i < found.trees.size(); ++i) trees.push_back(facts_of_tree(found.facts, i, found.trees[i]));
     const uint64_t records = found.of(space::record).items;
     const uint64_t unused = found.pad_bytes + found.of(space::deleted).bytes + found.of(space::hole).bytes +
@@ -95,20 +95,20 @@ std::string size_text(uint64_t bytes)
     return unit == 0 ? fmt::format("{} bytes", bytes) : fmt::format("{:.1f} {}", value, units[unit]);
 }
 
-void print_trees(const json &trees)
+void print_trees(const json_value &trees)
 {
-    for (const json &tree : trees) {
+    for (const json_value &tree : trees) {
         fmt::print("key {}: {} entries, {} values, at most {} alike, {} entries left behind{}\n",
                    tree["key"].get<uint64_t>(), tree["entries"].get<uint64_t>(), tree["values"].get<uint64_t>(),
                    tree["most_equal"].get<uint64_t>(), tree["entries_left_behind"].get<uint64_t>(),
                    tree["whole"].get<bool>() ? "" : "; not all of its nodes can be read");
         size_t depth = 0;
-        for (const json &level : tree["levels"]) {
+        for (const json_value &level : tree["levels"]) {
             ++depth;
             fmt::print("  level {}: {} nodes, {} entries, {:.1f} % full; by tenths of fill:", depth,
                        level["nodes"].get<uint64_t>(), level["entries"].get<uint64_t>(),
                        level["fill_percent"].get<double>());
-            for (const json &count : level["nodes_by_tenths"]) fmt::print(" {}", count.get<uint64_t>());
+            for (const json_value &count : level["nodes_by_tenths"]) fmt::print(" {}", count.get<uint64_t>());
             fmt::print("\n");
         }
     }

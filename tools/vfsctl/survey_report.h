@@ -4,11 +4,8 @@
 #include <functional>
 #include <string>
 
-#include <nlohmann/json.hpp>
-
 #include "format/survey.h"
-
-using json = nlohmann::ordered_json;
+#include "json.h"
 
 // Holds the file, goes through it with the options that `options_for` returns, shows how far it is, and throws when the
 // user or the storage stops it. A file that is damaged or no file of the driver is no error.
@@ -17,5 +14,5 @@ file_survey survey_of(const std::string &path, const std::function<survey_option
 double percent(uint64_t part, uint64_t whole); // 0 of nothing
 std::string size_text(uint64_t bytes);         // "1.5 MiB"
 
-json survey_facts(const std::string &file, const file_survey &found);
-void print_trees(const json &trees); // "trees" of the facts
+json_value survey_facts(const std::string &file, const file_survey &found);
+void print_trees(const json_value &trees); // "trees" of the facts

@@ -11,12 +11,12 @@
 #include <fcntl.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "commands.h"
 #include "errors.h"
+#include "json.h"
 #include "output.h"
 #include "progress.h"
 #include "store/format.h"
@@ -98,7 +98,7 @@ std::string line_of(const sample &now, const std::optional<sample> &before)
                        now.in_memory ? ", as of the last flush of its program" : "");
 }
 
-nlohmann::ordered_json facts_of(const watch_options &options, const sample &now)
+json_value facts_of(const watch_options &options, const sample &now)
 {
     return {{"file", options.file},
             {"time", fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::chrono::system_clock::now()))},
