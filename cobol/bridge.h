@@ -116,6 +116,9 @@ vfs_lock_request lock_for_read(const open_file &file, uint32_t options);
 bool is_tracing(); // VFS_EXTFH_TRACE has a value
 void trace(const char *verb, const std::string &name, file_status status);
 
+// ---- caller.cc
+bool keeps_files_with_runtime(const void *code); // the program that this code is part of, compiled without the handler
+
 // ---- alternates.cc
 struct alternate_check {
     file_status status =

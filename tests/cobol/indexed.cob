@@ -50,6 +50,9 @@ working-storage section.
 01 i pic 99.
 01 steps pic 99.
 procedure division.
+    read f call "expect" using "read, closed" "47" st
+    start f key = k1 call "expect" using "start, closed" "47" st
+    delete f call "expect" using "delete, closed" "49" st
     open output f
     move "0001aacc.dd" to r write r call "expect" using "write" "00" st
     move "0002aacc.ee" to r write r call "expect" using "write, k2 equal" "02" st
@@ -120,6 +123,14 @@ procedure division.
     if gk not = "AD01" display "not as expected: next gave " gk move 1 to return-code end-if
     move "xx" to ga start g key > ga call "expect" using "start > xx by the alternate" "00" st
     read g next perform at-ac01
+    move "xx" to ga start g key = ga call "expect" using "start = xx by the alternate" "00" st
+    read g next
+    if gk not = "AB01" display "not as expected: = xx gave " gk move 1 to return-code end-if
+    move "xx" to ga start g key <= ga call "expect" using "start <= xx by the alternate" "00" st
+    read g next
+    if gk not = "AB02" display "not as expected: <= xx gave " gk move 1 to return-code end-if
+    move 0 to i start g key = gk with size i call "expect" using "start, size 0" "23" st
+    move 5 to i start g key = gk with size i call "expect" using "start, size above the key's" "23" st
     close g
 
     open output w

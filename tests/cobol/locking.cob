@@ -10,6 +10,7 @@ file-control.
         lock mode automatic status st.
     select m assign "shared.dat" organization indexed access dynamic record key mk
         lock mode manual with lock on multiple records status st.
+    select p assign "shared.dat" organization indexed access dynamic record key pk status st.
     select e assign "shared.dat" organization indexed access dynamic record key ek
         lock mode exclusive status st.
 data division.
@@ -26,6 +27,10 @@ fd m.
 01 mr.
     05 mk pic x.
     05 filler pic x(9).
+fd p.
+01 pr.
+    05 pk pic x.
+    05 filler pic x(9).
 fd e.
 01 er.
     05 ek pic x.
@@ -37,6 +42,11 @@ working-storage section.
     05 filler pic x(10) value "./program ".
     05 task pic x(20).
     05 filler pic x(14) value " 2>/dev/null".
+01 expected pic x(17).
+01 holder pic x(20) value "a sharer with a lock".
+01 asked-for pic x(40).
+01 ways pic x(6) value "rsuwxe".
+01 i pic 9.
 01 ended pic 9(5).
 01 answer pic 99.
 01 answer-text redefines answer pic xx.
@@ -63,7 +73,7 @@ procedure division.
     move "write4" to task perform ask call "expect" using "the other writes" "00" answer-text
     move "4" to k read f call "expect" using "what it wrote" "00" st
     move "1" to k read f with lock
-    move "exclusive" to task perform ask call "expect" using "the other opens alone what is locked" "61" answer-text
+    move "open, x" to task perform ask call "expect" using "the other opens alone what is locked" "61" answer-text
     close f
     move "read1" to task perform ask call "expect" using "after close" "00" answer-text
     open i-o m
@@ -76,7 +86,20 @@ procedure division.
     read a next
     move "read1" to task perform ask call "expect" using "automatic, gone on" "00" answer-text
     close a
+    *> How this program has the file open, and what the other is answered at its OPEN.
+    open i-o f move "1" to k read f with lock
+    move "61 00 00 61 61 61" to expected perform ask-for-each
+    close f
+    open input f move "an idle sharer" to holder move "00 00 00 00 00 00" to expected perform ask-for-each
+    close f
+    open input p move "a reader" to holder move "00 61 00 61 61 61" to expected perform ask-for-each
+    close p
+    open i-o p move "a writer" to holder move "61 61 61 61 61 61" to expected perform ask-for-each
+    close p
+    open extend p move "extend" to holder perform ask-for-each
+    close p
     open i-o e call "expect" using "open alone" "00" st
+    move "open alone" to holder perform ask-for-each
     move "read1" to task perform ask call "expect" using "the other opens what is open alone" "61" answer-text
     close e
     stop run.
@@ -84,9 +107,22 @@ ask.
     call "SYSTEM" using command-text giving ended
     if ended > 255 compute ended = ended / 256 end-if
     move ended to answer.
+ask-for-each.
+    perform varying i from 1 by 1 until i > 6
+        move ways(i:1) to task(7:1) move "open, " to task(1:6) perform ask
+        string holder delimited by size ", asked for " ways(i:1) delimited by size into asked-for
+        call "expect" using asked-for expected(3 * i - 2:2) answer-text
+    end-perform.
 second-program.
-    if what = "exclusive"
-        open i-o e
+    if what(1:6) = "open, "
+        evaluate what(7:1)
+            when "r" open input p
+            when "s" open i-o f
+            when "u" open input f
+            when "w" open i-o p
+            when "x" open i-o e
+            when "e" open extend p
+        end-evaluate
     else
         open i-o f
         if st = "00"

@@ -7,6 +7,7 @@ file-control.
     select f assign "rel.dat" organization relative access dynamic relative key n status st.
     select s assign "rels.dat" organization relative access sequential relative key n status st.
     select d assign "rel10.dat" organization relative access sequential relative key digit status st.
+    select d2 assign "rel10.dat" organization relative access sequential status st.
 data division.
 file section.
 fd f.
@@ -15,6 +16,8 @@ fd s.
 01 sr pic x(10).
 fd d.
 01 dr pic x(10).
+fd d2.
+01 d2r pic x(10).
 working-storage section.
 01 st pic xx.
 01 n pic 9(6).
@@ -97,6 +100,11 @@ procedure division.
     open output d
     perform varying i from 1 by 1 until i > 9 write dr from "x" end-perform
     call "expect" using "write the ninth" "00" st
+    close d
+    open extend d2 write d2r from "y" close d2
+    open input d
+    perform 9 times read d end-perform
+    read d call "expect" using "read the tenth, its number has one digit" "14" st
     close d
     stop run.
 at-3.

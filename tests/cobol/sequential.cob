@@ -72,6 +72,7 @@ procedure division.
     move 3 to len write vr call "expect" using "write 3" "00" st
     move 7 to len write vr call "expect" using "write 7" "00" st
     move 12 to len write vr call "expect" using "write 12" "00" st
+    move 13 to len write vr call "expect" using "write 13 of 3 to 12" "44" st
     close v
     open i-o v
     read v call "expect" using "read 3" "00" st

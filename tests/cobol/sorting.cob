@@ -10,6 +10,8 @@ file-control.
     select m assign "merged.dat" organization sequential status st.
     select p assign "print.txt" organization sequential status st.
     select q assign "more.dat" organization sequential status st.
+    select missing assign "missing.dat" organization sequential.
+    select no-place assign "nowhere/file" organization sequential.
     select w assign "sortwork".
 data division.
 file section.
@@ -27,6 +29,10 @@ fd p.
 01 pr pic x(6).
 fd q.
 01 qr pic x(6).
+fd missing.
+01 missing-record pic x(6).
+fd no-place.
+01 no-place-record pic x(6).
 sd w.
 01 wr.
     05 wk pic x(3).
@@ -34,6 +40,7 @@ sd w.
 working-storage section.
 01 st pic xx.
 01 code-seen pic 99.
+01 code-text redefines code-seen pic xx.
 procedure division.
     open output i
     move "001ccc" to ir write ir move "002aaa" to ir write ir move "003bbb" to ir write ir
@@ -56,6 +63,16 @@ procedure division.
     open input m read m read m
     if mr not = "004aab" display "not as expected: merged " mr end-if
     close m
+    *> What cannot be sorted is said, and what is there stays as it is.
+    sort w ascending key wv using missing giving m
+    move sort-return to code-seen call "expect" using "sort-return, nothing to sort" "00>16" code-text
+    open input m read m
+    call "expect" using "what was there before" "10>00" st
+    close m
+    sort w ascending key wv using q giving no-place r
+    move sort-return to code-seen call "expect" using "sort-return, nowhere to write" "00>16" code-text
+    open input r read r if rr not = "004aab" display "not as expected: sorted beside a failure " rr end-if
+    close r
     open output p
     move "line 1" to pr write pr after advancing 1 line
     move "line 2" to pr write pr after advancing page
