@@ -168,7 +168,9 @@ bool open_with_driver(const wanted_file &wanted, bool makes, open_file *file)
     block.record_format = file->fixed ? VFS_FORMAT_FIXED : VFS_FORMAT_VARIABLE;
     const setting_for_open clauses_decide{"VFS_LOCK", "9"};
     // Programs of this kind read their files by key all over the place.
-    const setting_for_open budget{"VFS_CACHE_SIZE", getenv("VFS_DATA_COUNT") == nullptr ? "16M" : nullptr};
+    // A file of the program's own is a batch's; those who share one are many.
+    const char *memory = locks.lock_mode == VFS_LOCK_RECORD ? "16M" : "64M";
+    const setting_for_open budget{"VFS_CACHE_SIZE", getenv("VFS_DATA_COUNT") == nullptr ? memory : nullptr};
     file->handle = ops().open(&block);
     file->shared = locks.lock_mode == VFS_LOCK_RECORD;
     return file->handle != nullptr;

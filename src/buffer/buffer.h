@@ -29,6 +29,7 @@
 struct vfs_buffer;
 struct vfs_cache;
 struct io_engine;     // io/io.h
+struct area_slab;     // cache/area.cc
 struct buffer_server; // io/servers.cc
 
 enum : uint8_t { cache_data = 0, cache_index = 1, cache_meta = 2 }; // bufftype
@@ -115,6 +116,7 @@ struct vfs_buffer {
     uint32_t pins;                     // holders of a pointer into `data`; a pinned buffer is not evicted
     std::byte *data;                   // owned I/O area, or a pointer into the mapping
     std::byte *area;                   // owned: the allocated area, null when the buffer never needed one
+    bool area_in_slab;                 // the area is a part of one of the cache's slabs
     uint64_t offset;                   // first byte of the block held; all ones when none
     uint64_t end;                      // its last byte
     uint64_t valid_end;                // last byte holding valid data; offset - 1 when none
@@ -159,6 +161,8 @@ struct vfs_cache {
     std::byte *header_copy; // Meta only: owned, as long as hdrb: the header as the file has it
     uint64_t filesize;      // one past the highest byte this cache knows to exist
     uint32_t min, max, count;
+    area_slab *slabs;       // owned: memory for blocks, the newest first
+    std::byte *spare_areas; // blocks of slabs that no buffer has; each begins with the next one's address
     uint32_t miss;
     uint32_t first_error;
     uint8_t flags, state;

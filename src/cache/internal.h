@@ -15,8 +15,15 @@ enum class wanted { now, ahead };
 
 // A new idle buffer; null when there is no memory, with one warning a cache.
 [[nodiscard]] vfs_buffer *buffer_alloc(vfs_cache *cache);
-void buffer_free(vfs_buffer *buffer);                                  // on a list, without a block
-[[nodiscard]] std::byte *area_alloc(vfs_cache *cache, uint64_t bytes); // page-aligned, whole pages, zeroed
+void buffer_free(vfs_buffer *buffer); // on a list, without a block
+
+// ---- area.cc: page-aligned and zeroed; null when there is no memory, with one warning a cache.
+[[nodiscard]] std::byte *area_alloc(vfs_cache *cache, uint64_t bytes); // whole pages; free() takes it back
+std::byte *block_area_take(vfs_buffer *buffer);                        // the buffer's `area`, for its block
+void block_area_give(vfs_buffer *buffer);                              // leaves it without, if it has one
+void slabs_free(vfs_cache *cache);                                     // no buffer has an area any more
+// `what` there was no memory for, and where to look when memory is limited.
+void warn_allocation(vfs_cache *cache, const char *what, int error, const char *advice);
 
 // Writes the buffer if it is dirty, waits for its transfer and makes it idle. -1 when the write failed: it is kept.
 [[nodiscard]] int buffer_release(vfs_buffer *buffer);

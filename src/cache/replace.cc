@@ -3,33 +3,11 @@
 // nothing may be written before the operation is committed.
 #include "cache/internal.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <unistd.h>
 
 namespace {
-
-uint64_t page_size()
-{
-    static const auto size = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
-    return size;
-}
-
-// The warning of a failed allocation, once a cache: `what` and where to look when memory is limited.
-void warn_allocation(vfs_cache *cache, const char *what, int error, const char *advice)
-{
-    if ((cache->state & cache_warned) != 0) return;
-    cache->state |= cache_warned;
-    if (error == ENOMEM) {
-        fprintf(stderr, "Error allocating I/O %s: %d Not enough space\nContinuing with reduced performance. %s\n", what,
-                error, advice);
-        return;
-    }
-    fprintf(stderr, "Error allocating I/O %s: %d %s\nContinuing with reduced performance.\n", what, error,
-            strerror(error));
-}
 
 void buffer_reset(vfs_buffer *buffer)
 {
@@ -129,8 +107,7 @@ int place_data(vfs_buffer *buffer)
         return 0;
     }
     buffer->engine = static_cast<uint8_t>(cache->engine & ~engine_mmap);
-    if (buffer->area == nullptr) buffer->area = area_alloc(buffer->cache, buffer->size);
-    buffer->data = buffer->area;
+    buffer->data = buffer->area != nullptr ? buffer->area : block_area_take(buffer);
     return buffer->data != nullptr ? 0 : fail(ENOMEM);
 }
 
@@ -148,19 +125,6 @@ int cache_assign(vfs_buffer *buffer, uint64_t position)
 }
 
 } // namespace
-
-std::byte *area_alloc(vfs_cache *cache, uint64_t bytes)
-{
-    const uint64_t whole = (bytes + page_size() - 1) / page_size() * page_size();
-    void *area = nullptr;
-    const int error = posix_memalign(&area, page_size(), whole);
-    if (error != 0) {
-        warn_allocation(cache, "Area", error, "`ulimit -d`");
-        return nullptr;
-    }
-    std::memset(area, 0, whole);
-    return static_cast<std::byte *>(area);
-}
 
 vfs_buffer *buffer_alloc(vfs_cache *cache)
 {
@@ -181,8 +145,8 @@ vfs_buffer *buffer_alloc(vfs_cache *cache)
     buffer->engine = cache->engine;
     if ((cache->flags & cache_drop_behind) != 0) buffer->state |= buffer_drop_behind;
     if ((cache->engine & engine_mmap) == 0) {
-        buffer->area = buffer->data = area_alloc(cache, buffer->size);
-        if (buffer->area == nullptr) {
+        buffer->data = block_area_take(buffer);
+        if (buffer->data == nullptr) {
             std::free(memory);
             return nullptr;
         }
@@ -201,7 +165,7 @@ void buffer_free(vfs_buffer *buffer)
     list_unlink(buffer);
     --buffer->cache->count;
     server_stop(buffer);
-    std::free(buffer->area);
+    block_area_give(buffer);
     std::free(buffer);
 }
 

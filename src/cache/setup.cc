@@ -147,6 +147,7 @@ int cache_close(vfs_cache *cache)
     file->bytes_written += cache->stats.bytes_written;
     hash_close(cache);
     while (cache->idle_head != nullptr) buffer_free(cache->idle_head);
+    slabs_free(cache);
     cache_header_free(cache);
     cache->curr = cache->wcurr = cache->last_found = nullptr;
     cache->pending_reads = cache->pending_writes = 0;

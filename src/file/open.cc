@@ -26,8 +26,9 @@
 
 namespace {
 
-constexpr uint64_t random_block_bytes = 32768; // Data buffers of random and dynamic access
-constexpr uint64_t shared_block_bytes = 4096;  // Data buffers of shared update handles
+constexpr uint64_t random_block_bytes = 32768;  // Data buffers of random and dynamic access
+constexpr uint64_t budgeted_block_bytes = 8192; // the least of them where VFS_CACHE_SIZE is set
+constexpr uint64_t shared_block_bytes = 4096;   // Data buffers of shared update handles
 constexpr uint32_t shared_block_count = 64;
 constexpr uint32_t random_block_count = 16;
 constexpr uint64_t largest_block_bytes = 1 << 20; // of Data, whatever the header asks for
@@ -547,6 +548,16 @@ uint64_t data_budget(const vfs_file *file)
     return left;
 }
 
+// A block is read for one record. Few buffers had better be large; with a budget there are many, and smaller ones that
+// have room for two records cost less to read.
+uint64_t random_block(const vfs_file *file)
+{
+    if (file->settings.cache_size == 0) return random_block_bytes;
+    uint64_t bytes = budgeted_block_bytes;
+    while (bytes < random_block_bytes && bytes < 2 * file->maximum_slot) bytes *= 2;
+    return bytes;
+}
+
 void size_data_cache(vfs_file *file)
 {
     vfs_cache &data = file->data;
@@ -560,7 +571,7 @@ void size_data_cache(vfs_file *file)
         !(file->physically_sequential && sequential && file->key_count <= 1 && is_read_only(file)))
         data.block_size = file->data_block_size < largest_block_bytes ? file->data_block_size : largest_block_bytes;
     if (!sequential) {
-        data.block_size = random_block_bytes;
+        data.block_size = random_block(file);
         data.readahead = 0;
         data.max = is_read_only(file)                         ? random_block_count
                    : settings.data_count < random_block_count ? settings.data_count

@@ -93,6 +93,31 @@ TEST_P(Replacement, BudgetLetsTheCacheGrowBeforeItEvicts)
     EXPECT_EQ(cached_blocks(), "234567");
 }
 
+TEST_P(Replacement, ManyBlocksShrinkAndGrowAgain)
+{
+    constexpr uint64_t many = 600; // more than come one by one, and more than one slab has
+    fill(26);
+    ASSERT_EQ(ftruncate(other, many * block), 0);
+    file.end_of_file = file.size_at_open = many * block;
+    file.settings.cache_size = many * block;
+    set_up(&data, 2, many);
+    for (int round = 0; round < 3; ++round) {
+        data.max = many;
+        for (uint64_t k = many; k-- > 0;) {
+            const vfs_buffer *buffer = cache_fetch_at(&data, k * block);
+            ASSERT_NE(buffer, nullptr);
+            for (const uint64_t at : {uint64_t{0}, block - 1})
+                ASSERT_EQ(static_cast<char>(buffer->data[at]), k < 26 ? static_cast<char>('a' + k) : '\0') << k;
+        }
+        EXPECT_EQ(data.count, many);
+        data.max = 20;
+        ASSERT_EQ(write(700 * block, "beyond"), 6);
+        check();
+        EXPECT_EQ(data.count, 20U);
+        cache_discard(&data);
+    }
+}
+
 TEST_P(Replacement, SharedFileKeepsWhatIsDirtyUntilItIsCommitted)
 {
     fill(8);

@@ -139,6 +139,23 @@ TEST_F(Rebuild, SmashedTreesAndCountersLoseNoRecord)
     expect_all("end of file");
 }
 
+TEST_F(Rebuild, TableOfKeysMayLieBehindTheRegion)
+{
+    std::vector<host::key> keys;
+    for (int64_t k = 0; k < 24; ++k) keys.push_back({.parts = {{k, 8}}, .duplicates = k != 0});
+    host::file f{host::indexed(path(), keys, 100)};
+    for (const int64_t n : {3, 1, 2}) ASSERT_GT(f.write(text(n, 90), host::by_record()).value, 0);
+    ASSERT_EQ(f.close(), 0);
+    const std::vector<std::string> by_key = scan(path(), 0, false);
+    ASSERT_GT(peek(path(), header_metadata_size.offset), 4096U);
+    poke(path(), header_metadata_size.offset, uint64_t{4096});
+    EXPECT_FALSE(check(path()).sound());
+    EXPECT_EQ(vfsctl("stats " + path()).status, 0);
+    const run_result result = rebuild();
+    EXPECT_EQ(result.status, 1) << result; // the table's rest is no item
+    EXPECT_EQ(scan(path("new"), 0, false), by_key);
+}
+
 TEST_F(Rebuild, SmashedMiddleCostsOnlyWhatItCovers)
 {
     for (const shape &each : shapes()) {

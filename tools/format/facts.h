@@ -43,8 +43,10 @@ struct file_facts {
     std::vector<file_key> keys;         // one for each tree
 
     template <typename T> T get(field<T> at) const { return image_get(std::span{region}, at); }
+    // 0 when the region ends before the key's entry does: its size may be wrong while the description is not.
     template <typename T> T get(const file_key &key, field<T> at) const
     {
+        if (key.entry + key_entry_bytes > region.size()) return 0;
         return image_get(std::span{region}.subspan(key.entry), at);
     }
 };
