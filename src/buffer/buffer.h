@@ -30,6 +30,7 @@ struct vfs_buffer;
 struct vfs_cache;
 struct io_engine;     // io/io.h
 struct area_slab;     // cache/area.cc
+struct spare_area;    // likewise
 struct buffer_server; // io/servers.cc
 
 enum : uint8_t { cache_data = 0, cache_index = 1, cache_meta = 2 }; // bufftype
@@ -161,8 +162,8 @@ struct vfs_cache {
     std::byte *header_copy; // Meta only: owned, as long as hdrb: the header as the file has it
     uint64_t filesize;      // one past the highest byte this cache knows to exist
     uint32_t min, max, count;
-    area_slab *slabs;       // owned: memory for blocks, the newest first
-    std::byte *spare_areas; // blocks of slabs that no buffer has; each begins with the next one's address
+    area_slab *slabs;        // owned: memory for blocks, the newest first
+    spare_area *spare_areas; // blocks of slabs that no buffer has
     uint32_t miss;
     uint32_t first_error;
     uint8_t flags, state;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -13,6 +14,11 @@ struct area_slab {
     area_slab *next;
     std::byte *memory; // owned: slab_bytes
     uint64_t used;     // bytes handed out, from the front
+};
+
+// A block of a slab that no buffer has: its first bytes lead to the next one.
+struct spare_area {
+    spare_area *next;
 };
 
 namespace {
@@ -55,9 +61,9 @@ area_slab *slab_new(vfs_cache *cache)
 std::byte *take_from_slab(vfs_cache *cache)
 {
     if (cache->spare_areas != nullptr) {
-        std::byte *area = cache->spare_areas;
-        memcpy(&cache->spare_areas, area, sizeof area);
-        return area;
+        spare_area *area = cache->spare_areas;
+        cache->spare_areas = area->next;
+        return reinterpret_cast<std::byte *>(area);
     }
     area_slab *slab = cache->slabs;
     if (slab == nullptr || slab->used == slab_bytes) slab = slab_new(cache);
@@ -112,8 +118,7 @@ void block_area_give(vfs_buffer *buffer)
 {
     if (buffer->area_in_slab) {
         vfs_cache *cache = buffer->cache;
-        memcpy(buffer->area, &cache->spare_areas, sizeof buffer->area);
-        cache->spare_areas = buffer->area;
+        cache->spare_areas = new (buffer->area) spare_area{cache->spare_areas};
     } else {
         std::free(buffer->area);
     }
