@@ -124,6 +124,7 @@ TEST(Schema, MistakesAreNamedWithTheirPlace)
         const char *text, *says;
     } cases[] = {
         {"{", "no JSON"},
+        {"1e999", "no JSON"},
         {"[]", "object"},
         {R"({"field": []})", "'field' is not known"},
         {R"({"fields": {}})", "'fields' is a list"},

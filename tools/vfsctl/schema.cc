@@ -124,7 +124,7 @@ record_shape parse_schema(const std::string &text, const std::string &name)
     json_value whole;
     try {
         whole = json_value::parse(text);
-    } catch (const json_value::parse_error &error) {
+    } catch (const json_value::exception &error) { // a number may be beyond all numbers
         throw usage_error(fmt::format("{}: it is no JSON: {}", name, error.what()));
     }
     description schema{whole, name};
