@@ -137,16 +137,6 @@ int duplicates_of_reference(vfs_file *file, vfs_request *work)
     return 0;
 }
 
-int64_t transfer(vfs_file *file, vfs_request *work)
-{
-    const vfs_buffer *curr = file->data.curr;
-    if ((curr == nullptr || !holds(curr, work->record_offset)) && file->data.readahead != 0) {
-        vfs_request ahead = *work;
-        if (cache_fetch_ahead(&file->data, &ahead) == -1) return -1;
-    }
-    return record_read(file, work);
-}
-
 // The saved blocks and the file position after a read that found a record.
 void save_record(vfs_file *file, vfs_request *work)
 {
@@ -198,7 +188,7 @@ int64_t deliver(const operation_call &call, vfs_request *work, operation_lock *l
     vfs_file *file = call.file;
     if (file->indexed() && duplicates_of_reference(file, work) == -1) return -1;
     work->flags2 = static_cast<uint8_t>(work->flags2 & ~VFS_FLAG2_REREAD);
-    const int64_t length = transfer(file, work);
+    const int64_t length = record_read(file, work);
     if (length == -1) return -1;
     if (call.lock->hold == 0) record_unlock(lock);
     save_record(file, work);

@@ -24,10 +24,23 @@ void begin(vfs_request *request)
     request->record_state = state_unread;
 }
 
+// Reading ahead begins where a step enters a block, which it does with the head of the record, or the end of the slot
+// before, not with the bytes that a program asked for.
+int enter_block(vfs_file *file, const vfs_request *request, uint64_t offset)
+{
+    const vfs_buffer *curr = file->data.curr;
+    if (file->data.readahead == 0 || (curr != nullptr && holds(curr, offset))) return 0;
+    if (offset < file->data_start || offset >= file->end_of_file) return 0; // damage, found by who reads there
+    vfs_request ahead = *request;
+    ahead.record_offset = offset;
+    return cache_fetch_ahead(&file->data, &ahead);
+}
+
 // An index entry leads to a live record, always: anything else is a damaged file.
 int record_of_entry(vfs_file *file, vfs_request *request)
 {
     const uint64_t rrn = request->rrn;
+    if (enter_block(file, request, request->record_offset) == -1) return -1;
     if (record_head(file, request) == -1) return errno == ENOEXEC ? slot_damaged(file, request) : -1;
     if (!is_record(file, request->record_state)) return damaged();
     if (!file->indexed() && request->rrn != rrn) return damaged();
@@ -40,6 +53,7 @@ int flat_forward_from(vfs_file *file, vfs_request *request, uint64_t offset)
 {
     for (uint64_t stored = 0;; offset += stored) {
         if (offset >= file->end_of_file) return nothing_found(request);
+        if (enter_block(file, request, offset) == -1) return -1;
         slot_head head;
         if (slot_head_read(file, offset, &head) == -1) {
             request->record_offset = offset;
@@ -66,6 +80,7 @@ int slot_before(vfs_file *file, uint64_t end, uint64_t *offset, slot_head *head)
 int flat_backward_from(vfs_file *file, vfs_request *request, uint64_t end)
 {
     while (end > file->data_start) {
+        if (enter_block(file, request, end - 1) == -1) return -1;
         slot_head head;
         if (slot_before(file, end, &end, &head) == -1) return -1;
         if (!is_record(file, head.type)) continue;
