@@ -8,6 +8,12 @@
 #include <optional>
 #include <string>
 
+#include <dlfcn.h>
+
+// A function that stands in front of the runtime's one of the same name, and in it: the runtime's.
+#define EXPORTED extern "C" __attribute__((visibility("default")))
+#define NEXT(name) static const auto next = reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
+
 // Two characters, as the program sees them.
 struct file_status {
     char first = '0', second = '0';

@@ -8,11 +8,6 @@
 #include <map>
 #include <vector>
 
-#include <dlfcn.h>
-
-#define EXPORTED extern "C" __attribute__((visibility("default")))
-#define NEXT(name) static const auto next = reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
-
 namespace {
 
 // SORT-RETURN of the sorts under way, and whether one has failed already: what is sorted then is not all.
@@ -35,6 +30,12 @@ void fail(const cob_file *sort, const cob_file *file, const char *what)
 bool good(const cob_file *file)
 {
     return file->file_status[0] == '0';
+}
+
+// 14 is no end: a record's number was longer than RELATIVE KEY.
+bool at_end(const cob_file *file)
+{
+    return file->file_status[0] == '1' && file->file_status[1] == '0';
 }
 
 // Cut, or filled with blanks.
@@ -95,7 +96,7 @@ EXPORTED void cob_file_sort_using(cob_file *sort, cob_file *input)
         if (sort->variable_record != nullptr) cob_set_int(sort->variable_record, static_cast<int>(input->record->size));
         cob_file_release(sort);
     }
-    if (input->file_status[0] != '1') fail(sort, input, "READ");
+    if (!at_end(input)) fail(sort, input, "READ");
     cob_extfh_close(vfs_extfh, input, nullptr, COB_CLOSE_NORMAL, 0);
 }
 
@@ -110,22 +111,31 @@ EXPORTED void cob_file_sort_giving(cob_file *sort, const size_t count, ...)
     if (sorts[sort].failed) return;
     const bool ours = !keeps_files_with_runtime(__builtin_return_address(0));
     const output_verbs &verbs = ours ? verbs_of_bridge : verbs_of_runtime;
+    // A file that has failed gets nothing any more, and says so once.
+    const auto went_well = [&](const cob_file *output, const char *what) {
+        if (ours && !good(output)) fail(sort, output, what);
+        return good(output);
+    };
     std::erase_if(outputs, [&](cob_file *output) {
         verbs.open(output);
-        if (ours && !good(output)) fail(sort, output, "OPEN OUTPUT");
-        return !good(output);
+        return !went_well(output, "OPEN OUTPUT");
     });
     for (;;) {
         cob_file_return(sort);
         if (!good(sort)) break;
-        for (cob_file *output : outputs) {
+        std::erase_if(outputs, [&](cob_file *output) {
             copy_record(output->record, output->record_max, sort->record);
             if (output->variable_record != nullptr)
                 cob_set_int(output->variable_record,
                             static_cast<int>(std::min(sort->record->size, output->record_max)));
             verbs.write(output);
-            if (ours && !good(output)) fail(sort, output, "WRITE");
-        }
+            if (went_well(output, "WRITE")) return false;
+            verbs.close(output);
+            return true;
+        });
     }
-    for (cob_file *output : outputs) verbs.close(output);
+    for (cob_file *output : outputs) {
+        verbs.close(output);
+        went_well(output, "CLOSE");
+    }
 }

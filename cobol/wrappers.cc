@@ -6,12 +6,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <dlfcn.h>
 #include <utility>
 #include <vector>
-
-#define EXPORTED extern "C" __attribute__((visibility("default")))
-#define NEXT(name) static const auto next = reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
 
 namespace {
 

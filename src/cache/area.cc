@@ -24,6 +24,11 @@ struct spare_area {
 namespace {
 
 constexpr uint64_t slab_bytes = uint64_t{2} << 20;
+#ifdef __has_feature // clang
+#if __has_feature(address_sanitizer)
+#define __SANITIZE_ADDRESS__ 1
+#endif
+#endif
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool has_slabs = false; // each block has its own bounds
 #else

@@ -10,6 +10,8 @@ file-control.
     select m assign "merged.dat" organization sequential status st.
     select p assign "print.txt" organization sequential status st.
     select q assign "more.dat" organization sequential status st.
+    select ten assign "ten.dat" organization relative access sequential status st.
+    select by-digit assign "ten.dat" organization relative access sequential relative key digit.
     select missing assign "missing.dat" organization sequential.
     select no-place assign "nowhere/file" organization sequential.
     select w assign "sortwork".
@@ -29,6 +31,10 @@ fd p.
 01 pr pic x(6).
 fd q.
 01 qr pic x(6).
+fd ten.
+01 ten-record pic x(6).
+fd by-digit.
+01 by-digit-record pic x(6).
 fd missing.
 01 missing-record pic x(6).
 fd no-place.
@@ -39,6 +45,7 @@ sd w.
     05 wv pic x(3).
 working-storage section.
 01 st pic xx.
+01 digit pic 9.
 01 code-seen pic 99.
 01 code-text redefines code-seen pic xx.
 procedure division.
@@ -69,6 +76,10 @@ procedure division.
     open input m read m
     call "expect" using "what was there before" "10>00" st
     close m
+    open output ten perform 10 times write ten-record from "000xyz" end-perform close ten
+    sort w ascending key wv using by-digit giving m
+    move sort-return to code-seen
+    call "expect" using "sort-return, a number too long for its key" "00>16" code-text
     sort w ascending key wv using q giving no-place r
     move sort-return to code-seen call "expect" using "sort-return, nowhere to write" "00>16" code-text
     open input r read r if rr not = "004aab" display "not as expected: sorted beside a failure " rr end-if
