@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <random>
 
 namespace {
@@ -185,33 +187,121 @@ TEST_F(Volume, IndexBlocksAreAppendedBehindPaddingAndHoles)
     ASSERT_EQ(check_file(path()), "");
 }
 
-TEST_F(Volume, OffsetsBeyondFourGigabytesAreReached)
+// Marks that offsets pass, two of them those of lock bytes that lie in the middle of the data then. A flat file of fixed
+// length is made to look like one that grew: its end moves up over a gap of the file system, and one live slot is placed
+// where the arithmetic expects it, beginning at the mark or lying across it.
+class Marks : public Volume, public testing::WithParamInterface<std::tuple<uint64_t, int, bool>> {};
+
+TEST_P(Marks, RecordsAreReachedAndLocked)
 {
-    // A flat file of fixed length is made to look like one that grew: its end moves up over a gap of the file system,
-    // in which one live slot is placed where the arithmetic expects it.
-    const file_spec fixed = flat(path(), VFS_FORMAT_FIXED, 984);
+    const auto [mark, length, shared] = GetParam();
+    variables.set("VFS_LOCK", shared ? "4" : "2");
+    const file_spec fixed = flat(path(), VFS_FORMAT_FIXED, length);
     file f{fixed};
-    const outcome one = f.write(std::string(984, 'a'));
+    const auto bytes = [&](char each) { return std::string(static_cast<size_t>(length), each); };
+    const outcome one = f.write(bytes('a'));
     ASSERT_EQ(f.close(), 0);
-    constexpr uint64_t far = 6'000'000;
-    const uint64_t offset = one.offset + far * 1024;
-    const std::string slot = slurp(path()).substr(one.offset, 1024);
+    const auto slot_bytes = static_cast<uint64_t>(length) + 40;
+    const uint64_t far = (mark - one.offset) / slot_bytes, offset = one.offset + far * slot_bytes;
+    ASSERT_EQ(slot_bytes == 1024, offset == mark) << "the slot begins there, or lies across";
+    const std::string slot = slurp(path()).substr(one.offset, slot_bytes);
     poke(path(), offset, slot);
     poke(path(), offset + 24, far);
     poke(path(), 72, far);
-    poke(path(), 136, offset + 1024);
+    poke(path(), end_of_file_at, offset + slot_bytes);
+
     ASSERT_TRUE(f.open(fixed.with_flags(O_RDWR)));
     EXPECT_EQ(f.read(last()).rrn, far);
-    EXPECT_EQ(f.read(by_rrn(far)).offset, offset);
-    EXPECT_EQ(f.write(std::string(984, 'b')).rrn, far + 1);
-    EXPECT_EQ(f.rewrite(std::string(984, 'c'), by_rrn(far)).value, 984);
-    EXPECT_TRUE(f.read(by_rrn(far + 1)).found(std::string(984, 'b')));
-    EXPECT_TRUE(f.read(prev()).found(std::string(984, 'c')));
+    EXPECT_EQ(f.read(by_rrn(static_cast<int64_t>(far))).offset, offset);
+    EXPECT_EQ(f.write(bytes('b')).rrn, far + 1);
+    EXPECT_EQ(f.rewrite(bytes('c'), by_rrn(static_cast<int64_t>(far))).value, length);
+    EXPECT_TRUE(f.read(by_rrn(static_cast<int64_t>(far) + 1)).found(bytes('b')));
+    EXPECT_TRUE(f.read(prev()).found(bytes('c')));
+    if (shared) {
+        vfs_lock_request holding{};
+        holding.hold = 1;
+        file other{fixed.with_flags(O_RDWR)};
+        ASSERT_TRUE(other.ok()); // a lock on the record is none on the file
+        EXPECT_TRUE(f.read(by_rrn(static_cast<int64_t>(far)), &holding).found(bytes('c')));
+        EXPECT_TRUE(other.read(by_rrn(static_cast<int64_t>(far)), &holding).failed(EAGAIN));
+        EXPECT_TRUE(other.read(by_rrn(static_cast<int64_t>(far) + 1), &holding).found(bytes('b')));
+        file third{fixed.with_flags(O_RDWR)};
+        EXPECT_TRUE(third.ok());
+        EXPECT_NE(printed().find("for Write on file"), std::string::npos) << "who asked for what is told";
+    }
     EXPECT_EQ(f.close(), 0);
     struct stat facts {};
     stat(path().c_str(), &facts);
-    EXPECT_EQ(static_cast<uint64_t>(facts.st_size), offset + 2048);
+    EXPECT_EQ(static_cast<uint64_t>(facts.st_size), offset + 2 * slot_bytes);
     EXPECT_LT(facts.st_blocks * 512, 8 << 20);
+}
+
+INSTANTIATE_TEST_SUITE_P(FourGigabytes, Marks,
+                         testing::Values(std::tuple{uint64_t{6'000'000} * 1024, 984, false},
+                                         std::tuple{uint64_t{1} << 32, 1000, true}));
+INSTANTIATE_TEST_SUITE_P(LockBytes, Marks,
+                         testing::Combine(testing::Values(0x1900000000, 0x3200000000), testing::Values(984, 1000),
+                                          testing::Bool()));
+
+// One handle, many operations of all kinds on a file that stays as large as it is: nothing adds up. 100 million by hand:
+// VFS_LONG_OPERATIONS.
+TEST_F(Volume, MemoryAndDescriptorsStayAsTheyAre)
+{
+    const char *wanted = getenv("VFS_LONG_OPERATIONS");
+    const uint64_t operations = wanted != nullptr ? std::strtoull(wanted, nullptr, 10) : 150'000;
+    if (wanted != nullptr) alarm(0);
+    constexpr size_t numbers = 50'000;
+    const auto resident = [] {
+        std::ifstream in{"/proc/self/statm"};
+        uint64_t all = 0, pages = 0;
+        in >> all >> pages;
+        return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+    };
+    std::vector<uint8_t> present(numbers);
+    const auto at = [&](size_t n, uint8_t version) { return record(n, version % 2 == 1 ? "same" : "else"); };
+    std::mt19937_64 random{13};
+    file f{spec()};
+    f.area = 16;
+    uint64_t settled = 0, descriptors = 0, bytes = 0;
+    for (uint64_t i = 0; i < operations; ++i) {
+        if (i == operations / 4) {
+            settled = resident();
+            descriptors = open_descriptors();
+            bytes = std::filesystem::file_size(path());
+        }
+        const size_t n = random() % numbers;
+        const uint8_t had = present[n];
+        const std::string key = record(n).substr(0, 8);
+        switch (random() % 4) {
+        case 0: {
+            const outcome got = f.write(at(n, 1), by_record());
+            ASSERT_TRUE(had == 0 ? got.value == 16 : got.failed(EADDRINUSE)) << i << " " << got;
+            if (had == 0) present[n] = 1;
+            break;
+        }
+        case 1:
+            ASSERT_EQ(f.erase(by_key(key)).value, had == 0 ? -1 : 0) << i;
+            present[n] = 0;
+            break;
+        case 2:
+            ASSERT_EQ(f.rewrite(at(n, static_cast<uint8_t>(had + 1)), by_record()).value, had == 0 ? -1 : 16) << i;
+            if (had != 0) present[n] = static_cast<uint8_t>(3 - had);
+            break;
+        default: {
+            const outcome got = f.read(by_key(key));
+            ASSERT_TRUE(had == 0 ? got.value <= 0 : got.found(at(n, had))) << i << " " << got;
+        }
+        }
+        if (random() % 100'000 == 0) {
+            ASSERT_EQ(f.flush(), 0);
+        }
+    }
+    EXPECT_LE(resident(), settled + (8 << 20));
+    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_LE(std::filesystem::file_size(path()), bytes + bytes / 4);
+    EXPECT_EQ(f.info().record_count, std::count_if(present.begin(), present.end(), [](auto v) { return v != 0; }));
+    ASSERT_EQ(f.close(), 0);
+    ASSERT_EQ(check_file(path()), "");
 }
 
 TEST_F(Volume, FlatFilesOfVariableLengthAreReadByNumberInReasonableTime)
