@@ -1,7 +1,6 @@
 // vfs_bench: measures the driver beside other stores and beside plain reading and writing of the same bytes, in one run
 // and interleaved. Owns the arguments, the scratch directory and the order of things.
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -20,6 +19,7 @@
 
 #include "child.h"
 #include "jobs.h"
+#include "program.h"
 #include "report.h"
 
 namespace {
@@ -38,33 +38,6 @@ struct options {
     std::vector<std::string> jobs;
     std::string directory = fs::temp_directory_path();
     std::string json;
-};
-
-volatile sig_atomic_t interrupted = 0;
-
-void note_interrupt(int)
-{
-    interrupted = 1;
-}
-
-// A directory of our own that goes away with all that is in it.
-class scratch_directory {
-public:
-    explicit scratch_directory(const std::string &parent) : path_(parent + "/vfs_bench-XXXXXX")
-    {
-        if (mkdtemp(path_.data()) == nullptr) throw engine_error(path_ + ": " + strerror(errno));
-    }
-    scratch_directory(const scratch_directory &) = delete;
-    scratch_directory &operator=(const scratch_directory &) = delete;
-    ~scratch_directory()
-    {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    [[nodiscard]] const std::string &path() const { return path_; }
-
-private:
-    std::string path_;
 };
 
 template <typename Table> std::vector<std::string> names_of(const Table &table)
@@ -130,7 +103,7 @@ public:
         for (const job *row : all_.jobs)
             for (size_t i = 0; i < all_.engines.size(); ++i) {
                 const engine &store = *all_.engines[(i + number) % all_.engines.size()];
-                if (interrupted) throw engine_error("interrupted");
+                stop_when_interrupted();
                 if (isatty(STDERR_FILENO))
                     fmt::print(stderr, "\r\033[Kround {}: {}, {}", number + 1, row->title, store.title);
                 one(*row, store);
@@ -229,7 +202,7 @@ int run(const options &wanted)
     warn_about_space(wanted, all.engines.size());
     fmt::print("{}", heading(all, wanted.directory));
     fflush(stdout); // before any child inherits it
-    const scratch_directory scratch{wanted.directory};
+    const scratch_directory scratch{wanted.directory, "vfs_bench"};
     round_of_jobs rounds{scratch.path(), work, all};
     for (unsigned number = 0; number < wanted.rounds; ++number) rounds.run(number);
     fmt::print("{}", tables(all));
@@ -250,12 +223,5 @@ int main(int argc, char **argv)
     options wanted;
     declare(app, wanted);
     CLI11_PARSE(app, argc, argv);
-    signal(SIGINT, note_interrupt);
-    signal(SIGTERM, note_interrupt);
-    try {
-        return run(wanted);
-    } catch (const std::exception &error) {
-        fmt::print(stderr, "vfs_bench: {}\n", error.what());
-        return 1;
-    }
+    return run_program("vfs_bench", [&] { return run(wanted); });
 }

@@ -1,6 +1,8 @@
 // Medians over the rounds, and the ratio of the driver to the faster of its peers.
 #include "report.h"
 
+#include "program.h"
+
 #include <algorithm>
 #include <functional>
 #include <optional>
@@ -11,13 +13,6 @@
 namespace {
 
 using maybe = std::optional<double>;
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const size_t middle = values.size() / 2;
-    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
 
 template <typename Member>
 maybe median_of(const results &all, const job &row, const engine &store, Member measurement::*member)

@@ -22,6 +22,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "../program.h"
 #include "store.h"
 
 namespace {
@@ -43,13 +44,6 @@ struct options {
     std::string directory = fs::temp_directory_path();
     std::string json;
 };
-
-volatile sig_atomic_t interrupted = 0;
-
-void note_interrupt(int)
-{
-    interrupted = 1;
-}
 
 enum class job { read, update, insert };
 constexpr std::array jobs{job::read, job::update, job::insert};
@@ -267,7 +261,7 @@ void run_round(const std::string &directory, const options &wanted, unsigned num
     each_measurement(wanted, [&](job which, unsigned measured, unsigned processes) {
         for (size_t i = 0; i < engines.size(); ++i) {
             const store &engine = *engines[(i + number) % engines.size()];
-            if (interrupted) throw store_error("interrupted");
+            stop_when_interrupted();
             sync(); // nothing of an earlier job is left to be written
             const double seconds = measure(engine, paths[&engine], {wanted, which, processes, measured});
             const double operations = static_cast<double>(wanted.operations) * processes;
@@ -278,13 +272,6 @@ void run_round(const std::string &directory, const options &wanted, unsigned num
         wait_for(engine->name, start_child(engine->name, [&] { verify(*engine, paths[engine], wanted); }));
         fs::remove_all(fs::path(directory) / engine->name);
     }
-}
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const size_t middle = values.size() / 2;
-    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
 std::string report(const options &wanted, const samples &all)
@@ -336,16 +323,11 @@ void write_json(const options &wanted, const samples &all)
 int run(const options &wanted)
 {
     setenv("VFS_LOCK", wanted.lock.c_str(), 1);
-    std::string directory = wanted.directory + "/vfs_bench_sharing-XXXXXX";
-    if (mkdtemp(directory.data()) == nullptr) throw store_error(directory + ": " + strerror(errno));
     samples all;
-    try {
-        for (unsigned number = 0; number < wanted.rounds; ++number) run_round(directory, wanted, number, all);
-    } catch (...) {
-        fs::remove_all(directory);
-        throw;
+    {
+        const scratch_directory scratch{wanted.directory, "vfs_bench_sharing"};
+        for (unsigned number = 0; number < wanted.rounds; ++number) run_round(scratch.path(), wanted, number, all);
     }
-    fs::remove_all(directory);
     fmt::print("{}", report(wanted, all));
     if (!wanted.json.empty()) write_json(wanted, all);
     return 0;
@@ -385,12 +367,5 @@ int main(int argc, char **argv)
         ->capture_default_str();
     app.add_option("--json", wanted.json, "File to write every sample to as well");
     CLI11_PARSE(app, argc, argv);
-    signal(SIGINT, note_interrupt);
-    signal(SIGTERM, note_interrupt);
-    try {
-        return run(wanted);
-    } catch (const std::exception &error) {
-        fmt::print(stderr, "vfs_bench_sharing: {}\n", error.what());
-        return 1;
-    }
+    return run_program("vfs_bench_sharing", [&] { return run(wanted); });
 }

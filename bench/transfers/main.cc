@@ -22,6 +22,7 @@
 #include <vfs.h>
 
 #include "../child.h"
+#include "../program.h"
 
 namespace {
 
@@ -59,13 +60,6 @@ struct options {
 
     [[nodiscard]] uint64_t records() const { return (mebibytes << 20) / record_bytes; }
 };
-
-volatile sig_atomic_t interrupted = 0;
-
-void note_interrupt(int)
-{
-    interrupted = 1;
-}
 
 [[noreturn]] void fail(const std::string &what)
 {
@@ -162,13 +156,6 @@ struct row {
     const way *how;
     std::map<std::string, std::vector<double>> seconds; // of "load", "fio write", "scan", "fio read"
 };
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const size_t middle = values.size() / 2;
-    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
 
 double driver_seconds(const way &how, const options &wanted, const char *name,
                       tally (*work)(const std::string &, const options &), const std::string &path,
@@ -273,19 +260,14 @@ int run(const options &wanted)
     for (const way &how : ways)
         if (wanted.ways.empty() || std::find(wanted.ways.begin(), wanted.ways.end(), how.name) != wanted.ways.end())
             rows.push_back({&how, {}});
-    std::string directory = wanted.directory + "/vfs_bench_transfers-XXXXXX";
-    if (mkdtemp(directory.data()) == nullptr) fail(directory);
-    try {
+    {
+        const scratch_directory scratch{wanted.directory, "vfs_bench_transfers"};
         for (unsigned number = 0; number < wanted.rounds; ++number)
             for (row &one : rows) {
-                if (interrupted) throw engine_error("interrupted");
-                measure(one, wanted, directory, number % 2 == 1);
+                stop_when_interrupted();
+                measure(one, wanted, scratch.path(), number % 2 == 1);
             }
-    } catch (...) {
-        fs::remove_all(directory);
-        throw;
     }
-    fs::remove_all(directory);
     fmt::print("{}", report(wanted, rows));
     if (!wanted.json.empty()) write_json(wanted, rows);
     return 0;
@@ -328,12 +310,5 @@ int main(int argc, char **argv)
     options wanted;
     declare(app, wanted);
     CLI11_PARSE(app, argc, argv);
-    signal(SIGINT, note_interrupt);
-    signal(SIGTERM, note_interrupt);
-    try {
-        return run(wanted);
-    } catch (const std::exception &error) {
-        fmt::print(stderr, "vfs_bench_transfers: {}\n", error.what());
-        return 1;
-    }
+    return run_program("vfs_bench_transfers", [&] { return run(wanted); });
 }

@@ -388,6 +388,8 @@ protected:
     std::string session()
     {
         variables.set("VFS_DEBUG", "1");
+        for (const char *name : {"VFS_DATA_COUNT", "VFS_IO_DIO", "VFS_IO_THREAD", "VFS_IO_HASH", "VFS_IO_CACHE"})
+            variables.set(name, {});
         variables.set("VFS_IO_AIO", "0"); // counters that do not depend on the system's queue
         file f{indexed(path(), {{.parts = {{0, 4}}}, {.parts = {{4, 2}, {8, 2}}, .duplicates = true}}, 100)};
         for (int n = 1; n <= 1200; ++n) EXPECT_EQ(f.write(numbered("%04ld", n) + "aa00bb", by_record()).value, 10);
