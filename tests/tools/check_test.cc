@@ -66,6 +66,7 @@ TEST_F(Check, FilesOfEveryShapeAreSoundToBothJudges)
         const check_result found = check(path());
         EXPECT_TRUE(found.sound() && found.report.note_count() == 0) << each.name << "\n" << lines(found);
         EXPECT_EQ(check_file(path()), "") << each.name;
+        EXPECT_EQ(pieces > 3, !found.facts.flat) << each.name << " in " << pieces;
         const run_result run = vfsctl("check " + path());
         EXPECT_EQ(run.status, 0) << each.name << run;
         EXPECT_TRUE(run.says("sound")) << each.name << run;

@@ -41,12 +41,19 @@ protected:
         return result;
     }
 
-    // The check without the program around it.
+    static inline uint64_t pieces = 0; // in which the last file was checked
+    // The check without the program around it. By several threads, a small piece at a time, it comes to the same.
     static check_result check(const std::string &file)
     {
         const int descriptor = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-        file_image image{descriptor};
+        file_image image{descriptor}, again{descriptor};
         check_result found = check_image(image, {.line_limit = 10, .progress = {}});
+        const check_result side_by_side =
+            check_image(again, {.line_limit = 10, .threads = 3, .piece_bytes = 20'000, .progress = {}});
+        EXPECT_EQ(lines(side_by_side), lines(found));
+        EXPECT_EQ(side_by_side.records, found.records);
+        EXPECT_EQ(side_by_side.trees_sound(), found.trees_sound());
+        pieces = side_by_side.pieces;
         close(descriptor);
         return found;
     }

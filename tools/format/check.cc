@@ -53,9 +53,10 @@ check_result check_image(file_image &image, const check_options &options)
         result.records = state.header(header_records);
         check_trees(state);
     } else if (readable) {
-        check_items(state);
+        const bool sound = check_side_by_side(state);
+        if (!sound && result.complete) check_items(state);
         if (result.complete && state.walk_whole) check_lists(state);
-        if (result.complete) check_trees(state);
+        if (result.complete && !sound) check_trees(state);
         result.walked = true;
     }
     if (image.storage_error() != 0)

@@ -2,18 +2,27 @@
 // Reads only; knows nothing of locks, of the command line or of the driver.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <string_view>
+#include <thread>
 
 #include "format/facts.h"
 #include "format/image.h"
 #include "format/report.h"
 #include "format/words.h"
 
+inline unsigned all_processors()
+{
+    return std::max(1U, std::thread::hardware_concurrency());
+}
+
 struct check_options {
-    uint64_t line_limit = 40; // problems whose text is kept, and notes
-    bool fast = false;        // header and trees alone: neither records nor free space are looked at
+    uint64_t line_limit = 40;        // problems whose text is kept, and notes
+    bool fast = false;               // header and trees alone: neither records nor free space are looked at
+    unsigned threads = 1;            // at most; more than one for files that are several pieces long
+    uint64_t piece_bytes = 16 << 20; // of the file, for each thread at a time
     // Told what is being done and how far it is; returns false when the check is to stop.
     std::function<bool(std::string_view what, uint64_t done, uint64_t total)> progress;
 };
@@ -26,6 +35,7 @@ struct check_result {
     file_facts facts;
     items_behind behind;
     uint64_t records = 0; // that were found; of a fast check those that the header counts
+    uint64_t pieces = 1;  // in which the items were walked
     bool complete = true; // false: it was stopped
     // Items and trees were gone through: not behind a header that says nothing, nor in a fast check.
     bool walked = false;

@@ -8,39 +8,16 @@ namespace {
 
 using enum finding_area;
 
-// Record numbers that were seen. Those of ordinary size are bits; the others are kept and sorted, so that memory stays
-// below eight bytes for each record whatever they are.
-class number_set {
-public:
-    explicit number_set(uint64_t file_bytes) : dense_(std::max<uint64_t>(file_bytes / 5, 1 << 16)) {}
-    bool insert(uint64_t number) // false: it is there already, as far as can be told at once
-    {
-        if (number < dense_) return bits_.insert(number);
-        others_.push_back(number);
-        return true;
-    }
-    template <typename Call> void each_double(Call call)
-    {
-        std::sort(others_.begin(), others_.end());
-        for (size_t i = 1; i < others_.size(); ++i)
-            if (others_[i] == others_[i - 1]) call(others_[i]);
-    }
-
-private:
-    uint64_t dense_;
-    offset_set bits_{1};
-    std::vector<uint64_t> others_;
-};
-
-// Calls for every item, for items whose trailer is another length, and for ranges where no item begins. False: stopped.
+// Calls for every item that begins in a range, for items whose trailer is another length, and for ranges where no item
+// begins. Where the next one begins, or where it was stopped.
 template <typename Item, typename Trailer, typename Damage>
-bool walk(check_state &state, Item item, Trailer trailer, Damage damage)
+uint64_t walk(check_state &state, uint64_t at, uint64_t to, Item item, Trailer trailer, Damage damage)
 {
-    uint64_t at = state.facts.metadata_size, told = 0;
-    while (at < state.end) {
+    uint64_t told = 0;
+    while (at < to) {
         if (at - told >= 4 * 1024 * 1024) {
             told = at;
-            if (!state.go_on("items", at, state.end)) return false;
+            if (!state.go_on("items", at, state.end)) return at;
         }
         frame found;
         frame_fault fault = read_frame(state.image, at, state.end, &found);
@@ -63,37 +40,15 @@ bool walk(check_state &state, Item item, Trailer trailer, Damage damage)
         damage(at, good);
         at = good;
     }
-    return true;
+    return at;
 }
 
-class item_walk {
-public:
-    explicit item_walk(check_state &state) : state_(state), numbers_(state.end) {}
-    void run();
+} // namespace
 
-private:
-    bool flat() const { return state_.facts.flat; }
-    void item(const frame &found);
-    void slot(const frame &found);
-    void flat_slot(const frame &found);
-    void moved_slot(const frame &found);
-    void record(const frame &found);
-    void keys_of(const frame &found);
-    void length_of_record(const frame &found);
-    void totals();
-
-    check_state &state_;
-    number_set numbers_;
-    std::vector<std::byte> value_;
-    uint64_t records_ = 0, free_home_ = 0;
-    uint64_t highest_ = UINT64_MAX; // none yet
-    uint64_t expected_ = 0;         // flat files: number of the next home slot
-};
-
-void item_walk::run()
+uint64_t item_walk::run(uint64_t from, uint64_t to)
 {
-    const bool whole = walk(
-        state_, [&](const frame &found) { item(found); },
+    return walk(
+        state_, from, to, [&](const frame &found) { item(found); },
         [&](const frame &found) {
             const uint64_t at = found.offset + found.length - trailer_bytes;
             state_.report.problem(items, at,
@@ -107,7 +62,24 @@ void item_walk::run()
                                   "missing",
                                   good - at, good);
         });
-    if (whole) totals();
+}
+
+bool item_walk::absorb(const item_walk &next)
+{
+    if (!numbers_.absorb(next.numbers_)) return false;
+    records_ += next.records_;
+    if (highest_ == UINT64_MAX || (next.highest_ != UINT64_MAX && next.highest_ > highest_)) highest_ = next.highest_;
+    check_state &mine = state_;
+    const check_state &other = next.state_;
+    mine.records += other.records;
+    mine.hole_bytes += other.hole_bytes;
+    mine.moved += other.moved;
+    for (size_t key = 0; key < mine.pairs.size(); ++key) mine.pairs[key].add(other.pairs[key]);
+    bool apart = true;
+    for (const auto set : {&check_state::free_slots, &check_state::holes, &check_state::free_blocks,
+                           &check_state::leaves, &check_state::branches, &check_state::lists})
+        apart = (mine.*set).absorb(other.*set) && apart;
+    return apart;
 }
 
 void item_walk::item(const frame &found)
@@ -259,12 +231,12 @@ void item_walk::totals()
     });
 }
 
-} // namespace
-
 void check_items(check_state &state)
 {
-    item_walk walk{state};
-    walk.run();
+    item_walk all{state};
+    all.run(state.facts.metadata_size, state.end);
+    if (state.result.complete) all.totals();
+    state.items_known = true;
     state.result.records = state.facts.flat ? state.records + state.moved : state.records;
 }
 
@@ -272,7 +244,7 @@ offset_set record_slots(check_state &state)
 {
     offset_set slots;
     walk(
-        state,
+        state, state.facts.metadata_size, state.end,
         [&](const frame &found) {
             if (found.is_record()) slots.insert(found.offset);
         },

@@ -19,7 +19,9 @@ public:
         : state_(state), key_(key), visited_(visited), all_nodes_(nodes)
     {
     }
-    void run();
+    void run();     // gone through once
+    void compare(); // with the records
+    const pair_sum &pairs() const { return pairs_; }
 
 private:
     struct level { // what is known of one level, from left to right
@@ -64,7 +66,7 @@ private:
 // Whether a node of the kind is at an address: as the walk over the items found it, or as its frame says.
 bool tree_check::is_node(uint64_t address, bool leaf) const
 {
-    if (!state_.options.fast) return (leaf ? state_.leaves : state_.branches).contains(address);
+    if (state_.items_known) return (leaf ? state_.leaves : state_.branches).contains(address);
     frame found;
     return address % metadata_unit == 0 && address >= state_.facts.metadata_size &&
            read_frame(state_.image, address, state_.end, &found) == frame_fault::none &&
@@ -351,6 +353,10 @@ void tree_check::run()
         ends();
         edges();
     }
+}
+
+void tree_check::compare()
+{
     if (state_.options.fast)
         state_.expect(trees, key_.entry + key_entry_entries.offset, entries_, state_.result.records,
                       "key {}, records that it leads to", key_.number);
@@ -360,6 +366,14 @@ void tree_check::run()
 
 } // namespace
 
+void sum_tree(check_state &state, const file_key &key, offset_set &visited, pair_sum *sum)
+{
+    tree_check tree{state, key, visited,
+                    state.facts.get(key, key_entry_leaves) + state.facts.get(key, key_entry_branches)};
+    tree.run();
+    *sum = tree.pairs();
+}
+
 void check_trees(check_state &state)
 {
     offset_set visited{metadata_unit};
@@ -367,7 +381,9 @@ void check_trees(check_state &state)
     for (const file_key &key : state.facts.keys)
         nodes += state.facts.get(key, key_entry_leaves) + state.facts.get(key, key_entry_branches);
     for (const file_key &key : state.facts.keys) {
-        tree_check{state, key, visited, nodes}.run();
+        tree_check tree{state, key, visited, nodes};
+        tree.run();
+        if (state.result.complete) tree.compare();
         if (!state.result.complete) return;
     }
     // The nodes below a damaged one are in no tree then.

@@ -33,6 +33,21 @@ public:
 
     uint64_t count() const { return count_; }
 
+    // False when something was in both.
+    bool absorb(const offset_set &other)
+    {
+        bool apart = true;
+        for (const auto &[number, words] : other.pieces_) {
+            piece &mine = piece_for(number);
+            for (uint64_t i = 0; i < words->size(); ++i) {
+                apart = apart && (mine[i] & (*words)[i]) == 0;
+                count_ += static_cast<uint64_t>(__builtin_popcountll((*words)[i] & ~mine[i]));
+                mine[i] |= (*words)[i];
+            }
+        }
+        return apart;
+    }
+
     // Calls with every offset that is here and not in `other`, in no order, until the call returns false.
     template <typename Call> void each_not_in(const offset_set &other, Call call) const
     {

@@ -104,7 +104,9 @@ int backup(const backup_options &options)
     file_image image{to.get()};
     staged_progress bar;
     const check_result found =
-        check_image(image, {.line_limit = 1, .progress = [&](std::string_view what, uint64_t done, uint64_t total) {
+        check_image(image, {.line_limit = 1,
+                            .threads = all_processors(),
+                            .progress = [&](std::string_view what, uint64_t done, uint64_t total) {
                                 bar.show(what, done, total);
                                 return !interrupted();
                             }});

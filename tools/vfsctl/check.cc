@@ -145,6 +145,7 @@ int check(const check_command &options)
     const check_result found =
         check_image(image, {.line_limit = options.limit,
                             .fast = options.fast,
+                            .threads = all_processors(),
                             .progress = [&](std::string_view what, uint64_t done, uint64_t total) {
                                 progress.show(what, done, total);
                                 return !interrupted();

@@ -89,7 +89,7 @@ void verify(const std::string &path, uint64_t records)
 {
     const held_file held{path, hold_kind::read};
     file_image image{held.descriptor()};
-    const check_result found = check_image(image, {.line_limit = 1, .progress = {}});
+    const check_result found = check_image(image, {.line_limit = 1, .threads = all_processors(), .progress = {}});
     if (!found.sound() || found.records != records)
         throw tool_error(
             fmt::format("the new file does not pass the check with its {} records: {}; the old one is as it "

@@ -233,7 +233,7 @@ void verify(const std::string &path, const rebuild_options &options, uint64_t ke
 {
     const held_file held{path, hold_kind::read};
     file_image image{held.descriptor()};
-    const check_result found = check_image(image);
+    const check_result found = check_image(image, {.threads = all_processors(), .progress = {}});
     if (!found.sound() || found.records != kept)
         throw tool_error(fmt::format("{}: the new file does not pass the check with its {} records: {}", options.target,
                                      kept,
@@ -252,10 +252,11 @@ std::unique_ptr<held_file> hold_old_file(const rebuild_options &options)
 check_result check_old_file(const rebuild_options &options, file_image &image)
 {
     staged_progress bar;
-    check_result found =
-        check_image(image, {.line_limit = 1, .progress = [&](std::string_view what, uint64_t done, uint64_t total) {
-                                return report_progress(bar, what, done, total);
-                            }});
+    check_result found = check_image(image, {.line_limit = 1,
+                                             .threads = all_processors(),
+                                             .progress = [&](std::string_view what, uint64_t done, uint64_t total) {
+                                                 return report_progress(bar, what, done, total);
+                                             }});
     if (!found.complete) throw_interruption(options);
     return found;
 }
