@@ -1,8 +1,8 @@
 // afl_mutator.cc: the mutator of whole files as AFL++ loads it (AFL_CUSTOM_MUTATOR_LIBRARY). Owns the buffer that it hands
-// out, and the changes of single bytes that libFuzzer brings with it and AFL++ does not.
+// out.
+#include "byte_mutator.h"
+
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <random>
 #include <vector>
 
@@ -10,24 +10,17 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max
 
 namespace {
 
-std::mt19937 random_bytes;
+std::mt19937 seeds;
 std::vector<uint8_t> handed_out;
 
 } // namespace
 
 extern "C" {
 
-size_t LLVMFuzzerMutate(uint8_t *data, size_t size, size_t max_size)
-{
-    if (size == 0 && max_size > 0) data[size++] = 0;
-    for (unsigned changes = 1 + random_bytes() % 4; size > 0 && changes > 0; --changes)
-        data[random_bytes() % size] = static_cast<uint8_t>(random_bytes());
-    return size;
-}
-
 void *afl_custom_init(void *, unsigned seed)
 {
-    random_bytes.seed(seed);
+    seeds.seed(seed);
+    seed_byte_changes(seed);
     return &handed_out;
 }
 
@@ -37,7 +30,7 @@ size_t afl_custom_fuzz(void *, const uint8_t *bytes, size_t size, const uint8_t 
     handed_out.resize(std::max(size, most));
     std::copy_n(bytes, size, handed_out.begin());
     *out = handed_out.data();
-    return LLVMFuzzerCustomMutator(handed_out.data(), size, most, static_cast<unsigned>(random_bytes()));
+    return LLVMFuzzerCustomMutator(handed_out.data(), size, most, static_cast<unsigned>(seeds()));
 }
 
 void afl_custom_deinit(void *) {}
