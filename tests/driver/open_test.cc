@@ -404,6 +404,7 @@ protected:
                                        {"[0-9.]+[KMG]?i?Bps", "RATE"},
                                        {"file: /.*", "file: PATH"},
                                        {"-?nan", "NAN"},
+                                       {".*Delay.*Elapsed: .*\n", ""}, // only when something took a tick
                                        {"   [1-9][0-9]*: 0x.*\n", ""}})
             text = std::regex_replace(text, std::regex{from}, to);
         return text;
