@@ -3,6 +3,7 @@
 // run. Owns the arguments and the clock; calls the driver as a host.
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -159,15 +160,15 @@ struct row {
 
 double driver_seconds(const way &how, const options &wanted, const char *name,
                       tally (*work)(const std::string &, const options &), const std::string &path,
-                      const tally *expected)
+                      const tally &expected)
 {
     const measurement done = run_in_child(name, [&] {
         apply(how, wanted);
         return work(path, wanted);
     });
-    if (expected != nullptr && done.met != *expected)
+    if (done.met != expected)
         throw engine_error(
-            fmt::format("{}: met {} records instead of {}, or others", how.name, done.met.count, expected->count));
+            fmt::format("{}: met {} records instead of {}, or others", how.name, done.met.count, expected.count));
     return done.seconds;
 }
 
@@ -192,7 +193,7 @@ void measure(row &into, const options &wanted, const std::string &directory, boo
     const auto by_driver = [&](const char *name, auto work) {
         sync();
         if (fs::exists(path)) forget(path);
-        into.seconds[name].push_back(driver_seconds(how, wanted, name, work, path, &expected));
+        into.seconds[name].push_back(driver_seconds(how, wanted, name, work, path, expected));
     };
     if (!how.maps && fio_first) by_fio("write", other);
     by_driver("load", load);
@@ -286,6 +287,9 @@ void declare(CLI::App &app, options &wanted)
         ->capture_default_str();
     app.add_option("--block", wanted.block_kibibytes, "KiB of a block, a power of two")
         ->check(CLI::Range(4, 1 << 20))
+        ->check([](const std::string &text) {
+            return std::has_single_bit(std::stoul(text)) ? std::string{} : "not a power of two: " + text;
+        })
         ->capture_default_str();
     app.add_option("--buffers", wanted.buffers, "Data buffers of the driver, and fio's queue depth")
         ->check(CLI::Range(1, 1024))

@@ -46,7 +46,7 @@ struct check_result {
 
 // Puts a pending change of the file into `image`, so that it is checked as the next open will make it.
 // Memory: a bit for each record number, and for each eight bytes where slots are free; when a tree does not agree with
-// the records also two bits for each eight bytes of the file.
+// the records also two bits for each eight bytes of the file. By several threads up to twice that.
 check_result check_image(file_image &image, const check_options &options = {});
 
 // The slots of the records in the order of a sound tree, until the call returns false.
