@@ -1,11 +1,11 @@
-// checker.h: verifies the bytes of a closed file against everything that the format promises. It shares no code with
-// the driver and has its own table of offsets; it trusts nothing that it reads.
+// checker.h: verifies the bytes of a closed file against everything that the format promises: vfsctl's check, which shares
+// no code with the driver but the format's constants, and nothing left to note.
 #ifndef TESTS_DRIVER_CHECKER_H
 #define TESTS_DRIVER_CHECKER_H
 
 #include <string>
 
-// "" for a sound file, else up to twenty lines that say what is wrong and where.
+// "" for a sound file that was closed, else lines that say what is wrong and where.
 std::string check_file(const std::string &path);
 
 // Whether the file says of itself that it was not closed (state word or boot word).

@@ -173,7 +173,7 @@ protected:
         std::string others;
         std::istringstream lines{complaints};
         for (std::string line; std::getline(lines, line);)
-            if (!line.ends_with("is not listed")) others += line + "\n";
+            if (line.find("free slots are on no list") == std::string::npos) others += line + "\n";
         return others;
     }
 

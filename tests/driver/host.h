@@ -194,8 +194,7 @@ private:
 };
 
 // A scratch directory, a clean VFS_ environment, standard error caught, descriptors counted. At the end nothing that
-// the test did not take may have been printed, no descriptor may have been lost, and of every file that was left sound
-// the check of vfsctl must say so too.
+// the test did not take may have been printed, and no descriptor may have been lost.
 class DriverTest : public ::testing::Test {
 protected:
     DriverTest();

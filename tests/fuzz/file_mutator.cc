@@ -1,13 +1,12 @@
 // Changes whole files so that they stay almost right: most changes are to one aligned word, which becomes a number that
 // means something in such a file. Bytes changed at random would rarely get past the header.
+#include "byte_mutator.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <random>
-
-extern "C" size_t LLVMFuzzerMutate(uint8_t *data, size_t size, size_t max_size);
-extern "C" size_t LLVMFuzzerCustomMutator(uint8_t *data, size_t size, size_t max_size, unsigned seed);
 
 namespace {
 

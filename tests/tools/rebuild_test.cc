@@ -1,6 +1,6 @@
 // rebuild_test.cc: what comes back. Of sound files all, in the same orders; of damaged ones every record that the damage
 // does not touch; of killed programs every record that a flush covered; and what cannot be kept is in the side file. The
-// old file is never changed, and every new file passes both judges.
+// old file is never changed, and every new file is sound.
 #include "tool_fixture.h"
 
 #include "store/format.h"

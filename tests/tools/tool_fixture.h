@@ -1,5 +1,5 @@
 // tool_fixture.h: files of every shape, made through the driver; the program vfsctl run as an operator runs it; and the
-// reader of the format called directly. Two judges of a file: the tool's check and the tests' own checker.
+// reader of the format called directly.
 #ifndef TESTS_TOOLS_TOOL_FIXTURE_H
 #define TESTS_TOOLS_TOOL_FIXTURE_H
 
