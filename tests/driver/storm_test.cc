@@ -56,7 +56,7 @@ TEST_P(Storm, EveryAnswerIsKept)
     std::cout << testing::PrintToString(how) << ", seed " << seed << ": " << figures.str() << std::endl;
     RecordProperty("figures", figures.str());
     EXPECT_EQ(report.anomalies, "") << "VFS_STORM_SEED=" << seed;
-    EXPECT_GT(report.operations, 1000u);
+    EXPECT_GT(report.operations, 100u); // how many depends on what else the machine does
     if (how.kills) {
         EXPECT_GT(report.kills, 10u);
     }

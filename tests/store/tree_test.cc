@@ -1,10 +1,9 @@
-// The index trees against an ordered list of what they should hold: structure, search with every relation, steps from
-// the file position, edges, runs of equal keys, and trees whose bytes were damaged. Long keys make small nodes, so
-// that a few thousand entries give four levels.
+// The index trees against an ordered list of what they should hold: structure, search with every relation, edges, runs of
+// equal keys, and trees whose bytes were damaged. Long keys make small nodes, so that a few thousand entries give four
+// levels. What a position does beside changes is seen through the driver, in the model test.
 #include "tree_fixture.h"
 
 #include <algorithm>
-#include <list>
 #include <random>
 
 namespace {
@@ -177,129 +176,6 @@ TEST(Tree, FullNodeGivesOneEntryToTheNeighbourWithLess)
     }
 }
 
-// The position as the model sees it: its record, or where that record was.
-class position_model {
-public:
-    struct entry {
-        std::string key;
-        uint64_t offset;
-        bool live;
-    };
-    explicit position_model(bool duplicates) : duplicates_(duplicates) {}
-
-    void insert(const std::string &key, uint64_t offset)
-    {
-        auto at = list_.begin();
-        while (at != list_.end() && (at->key < key || (at->key == key && (at->live || duplicates_)))) ++at;
-        list_.insert(at, {key, offset, true});
-    }
-    void remove(std::list<entry>::iterator at)
-    {
-        if (at == stand)
-            at->live = false; // its place stays marked
-        else
-            list_.erase(at);
-    }
-    void move_to(std::list<entry>::iterator at)
-    {
-        if (stand != list_.end() && !stand->live) list_.erase(stand);
-        stand = at;
-    }
-    uint64_t beside(bool forward)
-    {
-        auto at = stand;
-        while (forward || at != list_.begin()) {
-            forward ? ++at : --at;
-            if (at == list_.end()) return none;
-            if (at->live) return at->offset;
-        }
-        return none;
-    }
-    entry_list entries() const
-    {
-        entry_list live;
-        for (const entry &e : list_)
-            if (e.live) live.emplace_back(e.key, e.offset);
-        return live;
-    }
-    std::list<entry> list_;
-    std::list<entry>::iterator stand = list_.end();
-
-private:
-    bool duplicates_;
-};
-
-void position_work(uint64_t keys, bool duplicates, bool relative, unsigned seed)
-{
-    tree_file file(relative ? 0 : long_key, duplicates);
-    position_model model(duplicates);
-    std::mt19937 random(seed);
-    const auto make_key = [&](uint64_t number) { return relative ? rrn_key(number) : key_number(number, long_key); };
-    uint64_t next = 0;
-    for (unsigned i = 0; i < 4000; ++i) {
-        const size_t live = model.entries().size();
-        const bool growing = (i / 500) % 2 == 0;
-        const auto what = random() % 10;
-        if (what < (growing ? 7u : 2u) || live == 0) {
-            const std::string key = make_key(random() % keys);
-            if (file.insert(key, offset_of(next)) == 0)
-                model.insert(key, offset_of(next));
-            else
-                ASSERT_EQ(errno, EADDRINUSE);
-            ++next;
-        } else {
-            // As a rule the current record or one close to it.
-            auto at = model.stand == model.list_.end() || random() % 8 == 0 ? model.list_.begin() : model.stand;
-            for (auto steps = random() % 5; steps != 0 && std::next(at) != model.list_.end(); --steps) ++at;
-            while (!at->live) at = at == model.list_.begin() ? std::prev(model.list_.end()) : std::prev(at);
-            ASSERT_EQ(file.remove(at->key, at->offset), 0) << i;
-            model.remove(at);
-        }
-        if (model.stand == model.list_.end() || random() % 12 == 0) {
-            if (model.entries().empty()) continue;
-            auto at = std::next(model.list_.begin(), static_cast<long>(random() % model.list_.size()));
-            if (!at->live) continue;
-            model.move_to(at);
-            file.stand_at(at->key, at->offset);
-        }
-        file.handle.current.flags2 = 0; // no line about the re-reading here
-        ASSERT_EQ(file.peek(true), model.beside(true)) << "next after " << i << " seed " << seed;
-        ASSERT_EQ(file.peek(false), model.beside(false)) << "previous after " << i << " seed " << seed;
-        if (model.stand->live) {
-            ASSERT_EQ(file.handle.position.side, position_side::entry);
-        }
-        if (i % 40 == 0 && (model.stand->live || !duplicates)) { // the cursor lost: found again by identity
-            file.forget_cache();
-            ASSERT_EQ(file.peek(true), model.beside(true)) << i;
-            ASSERT_EQ(file.peek(false), model.beside(false)) << i;
-            if (model.stand->live)
-                file.stand_at(model.stand->key, model.stand->offset);
-            else
-                file.handle.position.side = position_side::gap;
-        }
-        if (!model.stand->live && file.handle.position.node == none) { // start afresh from a live record
-            auto at = model.list_.begin();
-            while (at != model.list_.end() && !at->live) ++at;
-            model.move_to(at);
-            if (at != model.list_.end()) file.stand_at(at->key, at->offset);
-        }
-    }
-    EXPECT_EQ(file.differs(model.entries()), "");
-}
-
-TEST(TreePosition, FollowsEveryChangeAmongUniqueKeys)
-{
-    for (unsigned seed = 1; seed <= 3; ++seed) position_work(120, false, false, seed);
-}
-TEST(TreePosition, FollowsEveryChangeAmongEqualKeys)
-{
-    for (unsigned seed = 1; seed <= 3; ++seed) position_work(5, true, false, seed);
-}
-TEST(TreePosition, FollowsEveryChangeAmongRecordNumbers)
-{
-    position_work(200, false, true, 1);
-}
-
 TEST(TreePosition, LostInARunItIsFoundBesideTheNearestRecordThatIsStillThere)
 {
     tree_file file(long_key, true);
@@ -313,40 +189,6 @@ TEST(TreePosition, LostInARunItIsFoundBesideTheNearestRecordThatIsStillThere)
     ASSERT_EQ(file.insert(key, 8), 0); // a reused slot: its offset says nothing about its place
     EXPECT_EQ(file.peek(true), offset_of(6));
     EXPECT_EQ(file.peek(false), offset_of(2));
-}
-
-TEST(TreePosition, EndsTurnBackAndAppendedRecordsAppear)
-{
-    tree_file file(long_key);
-    for (uint64_t i = 1; i <= 3; ++i) ASSERT_EQ(file.insert(key_number(i, long_key), offset_of(i)), 0);
-    EXPECT_EQ(file.peek(true), offset_of(1)); // before first
-    EXPECT_EQ(file.peek(false), none);
-    file.stand_at(key_number(3, long_key), offset_of(3));
-    vfs_request r;
-    EXPECT_EQ(file.peek(true, &r), none);
-    EXPECT_EQ(errno, ESPIPE);
-    EXPECT_NE(r.flags & VFS_FLAG_AT_END, 0);
-    file.handle.position.side = position_side::after_last;
-    EXPECT_EQ(file.peek(true), none);
-    EXPECT_EQ(file.peek(false), offset_of(3));
-    ASSERT_EQ(file.insert(key_number(4, long_key), offset_of(4)), 0);
-    EXPECT_EQ(file.peek(true), offset_of(4));
-}
-
-TEST(TreePosition, BrowseDoesNotMeetWhatItsHandleInserts)
-{
-    tree_file file(long_key);
-    for (const uint64_t i : {1, 3, 5}) ASSERT_EQ(file.insert(key_number(i, long_key), offset_of(i)), 0);
-    file.stand_at(key_number(1, long_key), offset_of(1));
-    ASSERT_EQ(file.insert(key_number(2, long_key), offset_of(2), VFS_FLAG_BROWSE), 0);
-    EXPECT_EQ(file.tree().get(key_entry_tsn), 1);
-    vfs_request r;
-    EXPECT_EQ(file.peek(true, &r, VFS_FLAG_BROWSE), offset_of(3));
-    EXPECT_EQ(r.stamp, 0u);
-    EXPECT_EQ(file.peek(true, &r), offset_of(2)); // without a browse nothing is passed over, and the stamp is fresh
-    EXPECT_EQ(r.stamp, 1u);
-    file.stand_at(key_number(1, long_key), offset_of(1));
-    EXPECT_EQ(file.peek(true), offset_of(2));
 }
 
 TEST(TreePosition, ForwardStepAfterDeletionInARelativeFileSaysThatItReReads)
@@ -379,51 +221,6 @@ TEST(Tree, EntryIsRepointedByKeyAndRecord)
     EXPECT_EQ(file.handle.position.record_offset, 8u);
     EXPECT_EQ(entry_set_address(&file.handle, &r, 16), -1);
     EXPECT_EQ(errno, ESPIPE);
-}
-
-TEST(Tree, DuplicatesAreToldFromSingleKeys)
-{
-    tree_file file(long_key, true);
-    for (const uint64_t number : {1, 2, 2, 3}) {
-        static uint64_t offset = 0;
-        ASSERT_EQ(file.insert(key_number(number, long_key), offset_of(offset++)), 0);
-    }
-    const auto duplicate = [&](uint64_t number, uint64_t offset, uint8_t mode) {
-        vfs_request r = file.request();
-        file.put_key(&r, key_number(number, long_key));
-        r.record_offset = offset_of(offset);
-        EXPECT_EQ(tree_seek_record(&file.handle, &r), 0);
-        r.mode = mode;
-        return tree_has_duplicate(&file.handle, &r);
-    };
-    EXPECT_EQ(duplicate(1, 0, VFS_POS_KEY), 0);
-    EXPECT_EQ(duplicate(2, 1, VFS_POS_KEY), 1);
-    EXPECT_EQ(duplicate(2, 2, VFS_POS_KEY), 1);
-    EXPECT_EQ(duplicate(2, 2, VFS_POS_NEXT), 0);
-    EXPECT_EQ(duplicate(2, 1, VFS_POS_PREV), 0);
-    EXPECT_EQ(duplicate(3, 3, VFS_POS_KEY), 0);
-}
-
-TEST(Tree, DeletingALongRunOfEqualKeysIsNotQuadratic)
-{
-    constexpr uint64_t count = 100000;
-    const std::string key = key_number(1, 8);
-    for (const int order : {0, 1, 2}) {
-        tree_file file(8, true);
-        std::vector<uint64_t> numbers(count);
-        for (uint64_t i = 0; i < count; ++i) {
-            ASSERT_EQ(file.insert(key, offset_of(i)), 0);
-            numbers[i] = i;
-        }
-        if (order == 1) std::reverse(numbers.begin(), numbers.end());
-        if (order == 2) std::shuffle(numbers.begin(), numbers.end(), std::mt19937(7));
-        const clock_t begin = clock();
-        for (const uint64_t i : numbers) ASSERT_EQ(file.remove(key, offset_of(i)), 0);
-        const double seconds = static_cast<double>(clock() - begin) / CLOCKS_PER_SEC;
-        EXPECT_LT(seconds, 20) << order; // seconds in a sanitized build; hours when quadratic in leaves
-        RecordProperty("seconds_" + std::to_string(order), std::to_string(seconds));
-        EXPECT_EQ(file.differs({}), "");
-    }
 }
 
 TEST(Tree, RenumberingMakesEveryEntryVisible)

@@ -294,60 +294,6 @@ TEST_F(Rebuild, NothingIsOverwritten)
 
 // ---- Killed programs -------------------------------------------------------------------------------------------
 
-// Loads without end; says after each flush how many records it covered.
-[[noreturn]] void load_and_flush(const file_spec &what, int told, const std::function<std::string(int64_t)> &record)
-{
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    file f{what};
-    const bool keyed = what.logical == VFS_ORG_INDEXED;
-    for (int64_t n = 0;; ++n) {
-        if (f.write(record(n), keyed ? by_record() : end()).value < 0) _exit(1);
-        if (n % 97 != 96) continue;
-        if (f.flush() != 0 || write(told, &n, sizeof n) != sizeof n) _exit(1);
-    }
-}
-
-TEST_F(Rebuild, EveryRecordThatAFlushCoveredOutlivesItsProgram)
-{
-    const auto record = [](int64_t n) { return text(n * 7919 % 100003, 60 + static_cast<size_t>(n % 50)); };
-    unsigned round = 0;
-    variables.set("VFS_LOCK", "9"); // as the program asks
-    for (const uint32_t lock_mode : {uint32_t{VFS_LOCK_NONE}, uint32_t{VFS_LOCK_FILE}}) {
-        for (const bool keyed : {true, false}) {
-            unlink(path().c_str());
-            spec what = keyed ? indexed() : flat(path(), VFS_FORMAT_VARIABLE, 200);
-            what.locks = vfs_lock_request{};
-            what.locks->lock_mode = lock_mode;
-            what.locks->share_mode = lock_mode == VFS_LOCK_FILE ? VFS_SHARE_NONE : VFS_SHARE_ALL;
-            int pipe_ends[2];
-            ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
-            const pid_t child = fork();
-            if (child == 0) load_and_flush(what, pipe_ends[1], record);
-            close(pipe_ends[1]);
-            int64_t flushed = -1, got = 0;
-            for (unsigned n = 0; n < 12 + 5 * round; ++n) {
-                ASSERT_EQ(read(pipe_ends[0], &got, sizeof got), static_cast<ssize_t>(sizeof got));
-                flushed = got;
-            }
-            kill(child, SIGKILL);
-            while (read(pipe_ends[0], &got, sizeof got) == sizeof got) flushed = got;
-            waitpid(child, nullptr, 0);
-            close(pipe_ends[0]);
-            ++round;
-
-            const run_result seen = vfsctl("check " + path());
-            EXPECT_TRUE(seen.status == 0 || seen.status == 4) << seen;
-            const run_result result = rebuild();
-            EXPECT_TRUE(result.status == 0 || result.status == 3) << result << seen;
-            const std::set<std::string> kept = records_of(path("new"));
-            for (int64_t n = 0; n <= flushed; ++n)
-                ASSERT_TRUE(kept.contains(record(n)))
-                    << "lock mode " << lock_mode << ", record " << n << " of " << flushed;
-        }
-    }
-    printed();
-}
-
 // Writes, moves and deletes records of a shared file, without flush, until it is killed.
 [[noreturn]] void work_on_shared(const file_spec &what, uint64_t seed, int told)
 {
