@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
 #include <functional>
 #include <iostream>
 #include <set>
@@ -227,15 +226,6 @@ struct closing_board {
     bool opener_done, close_failed, opener_failed;
 };
 
-bool waits_in_kernel(int id)
-{
-    const std::string mark = " " + std::to_string(id) + " ";
-    std::ifstream locks{"/proc/locks"};
-    for (std::string line; std::getline(locks, line);)
-        if (line.find("->") != std::string::npos && line.find(mark) != std::string::npos) return true;
-    return false;
-}
-
 class OpenWhile : public Moments, public testing::WithParamInterface<closing> {};
 
 TEST_P(OpenWhile, ClosingLosesNobodysRecords)
@@ -281,7 +271,7 @@ TEST_P(OpenWhile, ClosingLosesNobodysRecords)
         // again and again, which nobody sees.
         const volatile closing_board *const seen = &*board;
         for (const int64_t until = now_ns() + 50'000'000; now_ns() < until; poll(nullptr, 0, 1))
-            if (seen->opener_done || seen->refusals > 0 || waits_in_kernel(seen->opener_id)) break;
+            if (seen->opener_done || seen->refusals > 0 || waits_for_a_lock(seen->opener_id)) break;
         if (!last) go_on.open();
         EXPECT_EQ(closer.finish(), 0);
         EXPECT_EQ(opener.finish(), 0);

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <utility>
 
 namespace host {
@@ -140,6 +141,15 @@ std::string in_child(const std::function<std::string()> &body, int seconds)
     const int code = worker.finish(seconds);
     if (code != 0) text += "\nthe process ended with " + std::to_string(code);
     return text;
+}
+
+bool waits_for_a_lock(pid_t process)
+{
+    const std::string mark = " " + std::to_string(process) + " ";
+    std::ifstream locks{"/proc/locks"};
+    for (std::string line; std::getline(locks, line);)
+        if (line.find("->") != std::string::npos && line.find(mark) != std::string::npos) return true;
+    return false;
 }
 
 } // namespace host

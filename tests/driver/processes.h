@@ -69,6 +69,9 @@ private:
 // What the body returns, or how its process ended.
 std::string in_child(const std::function<std::string()> &body, int seconds = 60);
 
+// Whether the process waits now for a byte range that another one has locked, as the system's list of locks says.
+bool waits_for_a_lock(pid_t process);
+
 } // namespace host
 
 #endif

@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <random>
 #include <set>
@@ -87,12 +86,8 @@ public:
     // Until the process waits for a lock that another one holds.
     bool waits()
     {
-        const std::string mark = " " + std::to_string(id()) + " ";
-        for (const int64_t until = now_ns() + 20'000'000'000; now_ns() < until; poll(nullptr, 0, 1)) {
-            std::ifstream locks{"/proc/locks"};
-            for (std::string line; std::getline(locks, line);)
-                if (line.find("->") != std::string::npos && line.find(mark) != std::string::npos) return true;
-        }
+        for (const int64_t until = now_ns() + 20'000'000'000; now_ns() < until; poll(nullptr, 0, 1))
+            if (waits_for_a_lock(id())) return true;
         return false;
     }
     int finish()
@@ -239,26 +234,6 @@ TEST_F(Sharing, AHeldRecordIsRefusedAtOnceToWhoeverDoesNotWait)
         }
         sound();
     }
-}
-
-TEST_F(Sharing, RetriesAreCounted)
-{
-    make(form::indexed, 3);
-    file f{shared(spec(form::indexed))};
-    peer other{shared(spec(form::indexed))};
-    const outcome held = f.read(at(form::indexed, 1), &never);
-    vfs_lock_request retries = policy(VFS_WAIT_RETRY);
-    retries.retry_count = 2;
-    retries.sleep = 1;
-    const int64_t before = now_ns();
-    EXPECT_TRUE(other.run(operation::read, at(form::indexed, 1), {}, &retries).failed(EAGAIN));
-    EXPECT_GE(now_ns() - before, 1'000'000'000); // one pause, before the last attempt
-    EXPECT_LT(now_ns() - before, 20'000'000'000);
-    EXPECT_EQ(printed(), refusal(other.id(), held.offset, 64, path(), getpid()));
-    retries.retry_count = 60;
-    other.begin(operation::read, at(form::indexed, 1), {}, &retries);
-    EXPECT_EQ(f.run(operation::unlock, next()).value, 0);
-    EXPECT_EQ(other.answer().bytes, record(1));
 }
 
 // Whoever waits for a record lets the others work, its holder first; afterwards it sees what they have done.
