@@ -4,7 +4,7 @@
 #include "format/check_parts.h"
 
 #include <atomic>
-#include <system_error>
+#include <exception>
 #include <thread>
 
 namespace {
@@ -56,7 +56,7 @@ public:
         std::vector<std::thread> helpers;
         try {
             while (helpers.size() + 1 < state_.options.threads) helpers.emplace_back([this] { work(false); });
-        } catch (const std::system_error &) { // as many as there are
+        } catch (const std::exception &) { // as many as there are
         }
         work(true);
         for (std::thread &helper : helpers) helper.join();
