@@ -127,7 +127,8 @@ int preallocate(vfs_buffer *buffer)
     if (!is_regular(file) || buffer->wfd != file->fd || buffer->end + 1 < file->allocated_size) return 0;
     const uint64_t step = decide_amount();
     if (step == 0) switch_off(cache);
-    if ((cache->flags & cache_preallocates) == 0 || !file->preallocates) {
+    const bool jumps = buffer->offset > file->allocated_size + buffer->size; // a hole stays behind, and more may follow
+    if ((cache->flags & cache_preallocates) == 0 || !file->preallocates || jumps) {
         if (file->allocated_size < buffer->end + 1) file->allocated_size = buffer->end + 1;
         return 0;
     }
@@ -138,7 +139,8 @@ int preallocate(vfs_buffer *buffer)
     }
     look_at_file_system(cache, about);
     const uint64_t from = buffer->offset;
-    const uint64_t to = bounded_end(cache, from, step > file->allocated_size ? step : from + step, about);
+    const bool is_first = file->allocated_size < step && from < step;
+    const uint64_t to = bounded_end(cache, from, is_first ? step : from + step, about);
     if (to <= buffer->end + 1) { // not worth a call: the writes extend the file themselves
         switch_off(cache);
         return 0;

@@ -6,6 +6,7 @@
 #include "store/tree.h"
 #include "util/errors.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace {
@@ -350,9 +351,12 @@ void header_load(vfs_file *file)
     file->moved = header_get(file, header_moved);
     file->physically_sequential = (header_get(file, header_flags) & header_flag_sequential) != 0;
     file->block.block_size = static_cast<int64_t>(header_get(file, header_block));
-    file->maximum_slot = header_get(file, header_maximum_slot);
     file->minimum_record = header_get(file, header_minimum_record);
     file->maximum_record = header_get(file, header_maximum_record);
+    // No slot is longer than all that lies in the file; what is said to be would make free slots without end.
+    const uint64_t all_slots = (file->end_of_file - file->data_start) / 8 * 8;
+    file->maximum_slot =
+        std::max(slot_bytes(file->maximum_record), std::min(header_get(file, header_maximum_slot), all_slots));
     file->physical_organization = header_get(file, header_physical_organization);
     file->logical_organization = header_get(file, header_logical_organization);
     file->record_format = header_get(file, header_record_format);
@@ -365,8 +369,7 @@ int header_sync(vfs_file *file)
 {
     if (is_read_only(file) || file->meta.hdrb == nullptr) return 0;
     if (file->debug && file->trees()) header_statistics(file);
-    if (header_get(file, header_maximum_slot) < file->maximum_slot)
-        header_put(file, header_maximum_slot, file->maximum_slot);
+    header_put(file, header_maximum_slot, file->maximum_slot);
     uint8_t flags = header_get(file, header_flags);
     flags = static_cast<uint8_t>(file->physically_sequential ? flags | header_flag_sequential
                                                              : flags & ~header_flag_sequential);

@@ -23,6 +23,16 @@ head_image make_head(const slot_head &head)
     return made;
 }
 
+int put_pieces(vfs_file *file, uint64_t offset, std::span<vfs_segment> pieces)
+{
+    vfs_request write{};
+    write.record_offset = offset;
+    write.mode = VFS_POS_CURRENT;
+    write.segment_count = pieces.size();
+    write.segments = pieces.data();
+    return cache_write_bytes(&file->data, &write) == -1 ? -1 : 0;
+}
+
 // Writes head, data, zero fill and trailer of one slot.
 int put_slot(vfs_file *file, uint64_t offset, const head_image &head, std::span<const std::byte> data)
 {
@@ -33,12 +43,16 @@ int put_slot(vfs_file *file, uint64_t offset, const head_image &head, std::span<
         {stored - slot_overhead - data.size(), nullptr},
         {trailer_bytes, &stored},
     };
-    vfs_request write{};
-    write.record_offset = offset;
-    write.mode = VFS_POS_CURRENT;
-    write.segment_count = std::size(pieces);
-    write.segments = pieces;
-    return cache_write_bytes(&file->data, &write) == -1 ? -1 : 0;
+    return put_pieces(file, offset, pieces);
+}
+
+// The same without data: nothing is ever read between its ends. How long it is may be a lie of a damaged header; the file
+// system keeps no blocks for what is not written.
+int put_ends(vfs_file *file, uint64_t offset, const head_image &head)
+{
+    const uint64_t stored = load_u64(head.bytes);
+    if (data_put(file, offset, head.bytes, sizeof head.bytes) == -1) return -1;
+    return data_put(file, offset + stored - trailer_bytes, &stored, sizeof stored);
 }
 
 void end_advance(vfs_file *file, uint64_t offset, uint64_t stored)
@@ -116,12 +130,7 @@ int data_get(vfs_file *file, uint64_t offset, void *to, uint64_t bytes)
 int data_put(vfs_file *file, uint64_t offset, const void *from, uint64_t bytes)
 {
     vfs_segment piece{bytes, const_cast<void *>(from)};
-    vfs_request write{};
-    write.record_offset = offset;
-    write.mode = VFS_POS_CURRENT;
-    write.segment_count = 1;
-    write.segments = &piece;
-    return cache_write_bytes(&file->data, &write) == -1 ? -1 : 0;
+    return put_pieces(file, offset, {&piece, 1});
 }
 
 int slot_head_read(vfs_file *file, uint64_t offset, slot_head *head)
@@ -271,8 +280,12 @@ int64_t record_rewrite_in_place(vfs_file *file, vfs_request *request)
 
 int record_write_frame(vfs_file *file, const vfs_request *request)
 {
-    const slot_head head{request->stored_length, request->data_length, request->rrn, request->record_state};
-    if (put_slot(file, request->record_offset, make_head(head), {}) == -1) return -1;
+    const head_image head =
+        make_head({request->stored_length, request->data_length, request->rrn, request->record_state});
+    const bool is_long = request->stored_length > file->data_block_size;
+    if ((is_long ? put_ends(file, request->record_offset, head) : put_slot(file, request->record_offset, head, {})) ==
+        -1)
+        return -1;
     end_advance(file, request->record_offset, request->stored_length);
     return 0;
 }

@@ -367,39 +367,46 @@ TEST_P(EngineFault, HangsNothingAndIsReported)
 {
     for (const fault_row &row : GetParam().rows) sweep(row);
     EXPECT_GT(rounds_, GetParam().rows.size()) << "some of these calls are made";
+    if (std::string_view{GetParam().name}.starts_with("Debugging")) printed(); // of the last session
 }
 
-INSTANTIATE_TEST_SUITE_P(All, EngineFault,
-                         testing::Values(engine{"Threads",
-                                                {"VFS_IO_THREAD", "VFS_IO_THREAD"},
-                                                {{"pthread_create", EAGAIN, verdict::silent},
-                                                 {"pthread_create", ENOMEM, verdict::silent, true},
-                                                 {"sem_init", ENOSPC, verdict::silent, true},
-                                                 {"sem_wait", EINTR, verdict::silent},
-                                                 {"sem_trywait", EINTR, verdict::silent},
-                                                 {"sem_wait", EINVAL},
-                                                 {"sem_trywait", EINVAL},
-                                                 {"sem_post", EOVERFLOW},
-                                                 {"read", EIO},
-                                                 {"write", ENOSPC, verdict::given, true}}},
-                                         engine{"Kernel",
-                                                {"VFS_IO_AIO", "VFS_IO_AIO"},
-                                                {{"io_setup", EAGAIN, verdict::silent, true},
-                                                 {"io_submit", EAGAIN, verdict::silent},
-                                                 {"io_submit", EIO},
-                                                 {"io_getevents", EINTR, verdict::silent},
-                                                 {"io_cancel", EAGAIN, verdict::silent, true},
-                                                 {"read", EIO},
-                                                 {"write", ENOSPC, verdict::given, true}}},
-                                         engine{"ThreadsWithKernel",
-                                                {"VFS_IO_THREAD", "VFS_IO_AIO"},
-                                                {{"io_setup", EAGAIN, verdict::silent, true},
-                                                 {"pthread_create", EAGAIN, verdict::silent, true},
-                                                 {"sem_wait", EINTR, verdict::silent},
-                                                 {"sem_trywait", EINTR, verdict::silent},
-                                                 {"read", EIO},
-                                                 {"write", ENOSPC, verdict::given, true}}}),
-                         [](const auto &each) { return std::string{each.param.name}; });
+INSTANTIATE_TEST_SUITE_P(
+    All, EngineFault,
+    testing::Values(
+        engine{"Threads",
+               {"VFS_IO_THREAD", "VFS_IO_THREAD"},
+               {{"pthread_create", EAGAIN, verdict::silent},
+                {"pthread_create", ENOMEM, verdict::silent, true},
+                {"sem_init", ENOSPC, verdict::silent, true},
+                {"sem_wait", EINTR, verdict::silent},
+                {"sem_trywait", EINTR, verdict::silent},
+                {"sem_wait", EINVAL},
+                {"sem_trywait", EINVAL},
+                {"sem_post", EOVERFLOW},
+                {"read", EIO},
+                {"write", ENOSPC, verdict::given, true}}},
+        engine{"Debugging", {"VFS_DEBUG", "VFS_DEBUG"}, {{"read", EIO}, {"write", ENOSPC, verdict::given, true}}},
+        engine{"DebuggingKernel",
+               {"VFS_DEBUG", "VFS_IO_AIO"},
+               {{"io_submit", EIO}, {"io_getevents", EIO}, {"read", EIO}, {"write", ENOSPC, verdict::given, true}}},
+        engine{"Kernel",
+               {"VFS_IO_AIO", "VFS_IO_AIO"},
+               {{"io_setup", EAGAIN, verdict::silent, true},
+                {"io_submit", EAGAIN, verdict::silent},
+                {"io_submit", EIO},
+                {"io_getevents", EINTR, verdict::silent},
+                {"io_cancel", EAGAIN, verdict::silent, true},
+                {"read", EIO},
+                {"write", ENOSPC, verdict::given, true}}},
+        engine{"ThreadsWithKernel",
+               {"VFS_IO_THREAD", "VFS_IO_AIO"},
+               {{"io_setup", EAGAIN, verdict::silent, true},
+                {"pthread_create", EAGAIN, verdict::silent, true},
+                {"sem_wait", EINTR, verdict::silent},
+                {"sem_trywait", EINTR, verdict::silent},
+                {"read", EIO},
+                {"write", ENOSPC, verdict::given, true}}}),
+    [](const auto &each) { return std::string{each.param.name}; });
 
 class Fault : public FaultWork, public testing::WithParamInterface<const char *> {
 protected:
@@ -500,6 +507,64 @@ TEST_P(Fault, WarmHandleAllocatesNothing)
     EXPECT_FALSE(plan.disarm());
     EXPECT_EQ(f.close(), 0);
     EXPECT_EQ(check_file(path()), "");
+}
+
+// ---- Opens that the system refuses ----
+
+struct refused_opens {
+    std::string path;
+    int error;
+    unsigned times, seen;
+} opens;
+
+call_answer refuse_open(const driver_call &call)
+{
+    const bool ours = strcmp(call.family, "open") == 0 && call.path != nullptr && opens.path == call.path;
+    return {.error = ours && ++opens.seen <= opens.times ? opens.error : 0};
+}
+constexpr call_watcher refusing{refuse_open, nullptr};
+
+class RefusedOpen : public FaultWork {
+protected:
+    RefusedOpen() : FaultWork(VFS_ORG_SEQUENTIAL, "9") {}
+    ~RefusedOpen() override { watch_calls(nullptr); }
+
+    // How often the file was tried, and how it ended.
+    std::pair<unsigned, int> open_with(int error, unsigned times, uint32_t wait_mode, uint32_t flags)
+    {
+        file_spec wanted = spec().with_flags(flags);
+        wanted.locks = vfs_lock_request{};
+        wanted.locks->share_mode = VFS_SHARE_NONE;
+        wanted.locks->lock_mode = VFS_LOCK_FILE;
+        wanted.locks->wait_mode = wait_mode;
+        wanted.locks->retry_count = 3;
+        opens = {path(), error, times, 0};
+        watch_calls(&refusing);
+        file f;
+        f.open(wanted);
+        watch_calls(nullptr);
+        return {opens.seen, f.error()};
+    }
+};
+
+TEST_F(RefusedOpen, IsTriedAgainWhereThatMayHelp)
+{
+    prepare();
+    using tried = std::pair<unsigned, int>;
+    for (const int error : {EINTR, EAGAIN, ETIMEDOUT, EACCES}) { // over in a moment, or after the retries asked for
+        EXPECT_EQ(open_with(error, 1, VFS_WAIT_NEVER, O_RDWR), (tried{2, 0})) << strerror(error);
+        EXPECT_EQ(open_with(error, 99, VFS_WAIT_NEVER, O_RDWR), (tried{4, error})) << strerror(error);
+    }
+    EXPECT_EQ(open_with(EACCES, 99, VFS_WAIT_KERNEL, O_RDWR), (tried{2, EACCES})); // is not waited for
+    EXPECT_EQ(open_with(ETXTBSY, 99, VFS_WAIT_NEVER, O_RDWR), (tried{1, ETXTBSY}));
+    EXPECT_EQ(open_with(ETXTBSY, 2, VFS_WAIT_KERNEL, O_RDWR), (tried{3, 0}));
+    EXPECT_EQ(open_with(ETXTBSY, 99, VFS_WAIT_KERNEL, O_RDWR), (tried{4, ETXTBSY}));
+    EXPECT_EQ(open_with(EPERM, 1, VFS_WAIT_NEVER, O_RDONLY), (tried{2, 0})); // another user's file: its time of access
+    EXPECT_EQ(open_with(EPERM, 2, VFS_WAIT_NEVER, O_RDONLY), (tried{2, EPERM}));
+    EXPECT_EQ(open_with(EIO, 1, VFS_WAIT_NEVER, O_RDWR), (tried{1, EIO}));
+    variables.set("VFS_IO_DIO", "1");
+    EXPECT_EQ(open_with(EINVAL, 1, VFS_WAIT_NEVER, O_RDWR), (tried{2, 0})); // no direct transfers there
+    EXPECT_EQ(open_with(EINVAL, 2, VFS_WAIT_NEVER, O_RDWR), (tried{2, EINVAL}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Locks, Fault, testing::Values("0", "2", "4"),

@@ -37,6 +37,75 @@ TEST_F(Indexed, ARefusedWriteLeavesNoTrace)
     EXPECT_EQ(f.rest(), (std::vector<std::string>{"AAAA01red", "BBBB02red"}));
 }
 
+// Trees are changed one after the other: what a damaged one refuses is taken back in those before it. Whether it has
+// changed itself cannot be told, so that the handle is good for nothing more, and the file says that it was not closed.
+TEST_F(Indexed, WhatADamagedTreeRefusesIsTakenBackInTheOthers)
+{
+    {
+        file f{spec()};
+        for (const char *bytes : {"AAAA01red", "BBBB02red", "CCCC03tan"})
+            ASSERT_EQ(f.write(bytes, by_record()).value, 9);
+    }
+    const std::string sound = slurp(path());
+    const uint64_t entries = peek(path(), peek(path(), table_at) + 2 * 192 + 128) + 64; // of the last tree's root
+    variables.set("VFS_UNCLEAN", "read");
+    for (const operation which : {operation::erase, operation::write, operation::rewrite}) {
+        spill(path(), sound);
+        poke(path(), entries, uint64_t{1} << 40);
+        file f{spec().with_flags(O_RDWR)};
+        EXPECT_TRUE(f.run(which, which == operation::erase ? by_key("BBBB") : by_record(),
+                          which == operation::write ? "DDDD04red" : "BBBB05tan")
+                        .failed(ENOEXEC));
+        const bool over = which != operation::rewrite; // which looks at every tree before it changes one
+        EXPECT_EQ(f.read(first()).failed(ENOEXEC), over);
+        EXPECT_EQ(f.close(), over ? ENOEXEC : 0);
+        EXPECT_EQ(file_is_unclean(path()), over);
+        poke(path(), entries, uint64_t{3});
+        ASSERT_TRUE(f.open(spec().with_flags(O_RDONLY)));
+        for (const int64_t k : {0, 1, 2}) {
+            EXPECT_TRUE(f.read(first(k)).found("AAAA01red")) << name_of(which) << k;
+            EXPECT_EQ(f.rest(), (std::vector<std::string>{"BBBB02red", "CCCC03tan"})) << name_of(which) << k;
+        }
+    }
+    printed();
+    spill(path(), sound);
+}
+
+// The last tree's leaf is full, and the list of free index blocks leads nowhere.
+TEST_F(Indexed, WithoutABlockForASplitNothingIsChanged)
+{
+    file_spec wide = indexed(path(), {{.parts = {{0, 4}}}, {.parts = {{4, 2}}}, {.parts = {{6, 1600}}}}, 1610);
+    const auto record = [](int64_t n) {
+        std::string bytes = numbered("%04ld", n) + numbered("%02ld", n) + numbered("%02ld", n);
+        bytes.resize(1606, '.');
+        return bytes;
+    };
+    {
+        file f{wide};
+        for (int64_t n = 0; n < 40; n += 2) ASSERT_EQ(f.write(record(n), by_record()).value, 1606);
+    }
+    const std::string sound = slurp(path());
+    constexpr uint64_t free_blocks_at = 272; // their number, and the first one
+    poke(path(), free_blocks_at, uint64_t{1});
+    poke(path(), free_blocks_at + 8, peek(path(), peek(path(), table_at) + 136)); // the first tree's leaf
+    {
+        file f{wide.with_flags(O_RDWR)};
+        EXPECT_TRUE(f.write(record(41), by_record()).failed(ENOEXEC));
+        std::string changed = record(31);
+        changed.replace(0, 4, record(2), 0, 4); // other values for the second and the third key
+        EXPECT_TRUE(f.rewrite(changed, by_record()).failed(ENOEXEC));
+        for (const int64_t k : {0, 1, 2}) {
+            EXPECT_TRUE(f.read(first(k)).found(record(0)));
+            EXPECT_EQ(f.rest().size(), 19u) << k;
+            EXPECT_TRUE(f.read(by_key(wide.keys[static_cast<size_t>(k)].of(record(2)), k)).found(record(2))) << k;
+        }
+        EXPECT_EQ(f.info().record_count, 20);
+        EXPECT_EQ(f.close(), 0);
+    }
+    printed();
+    spill(path(), sound);
+}
+
 TEST_F(Indexed, SequentialAccessWantsAscendingPrimaryKeys)
 {
     file f{spec().with_access(VFS_ACCESS_SEQUENTIAL)};

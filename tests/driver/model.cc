@@ -30,6 +30,7 @@ void model::open(const file_spec &spec)
     order_.resize(count);
     tsn_.resize(count);
     const bool reversed = (spec.options & VFS_OPT_REVERSED) != 0;
+    largest_slot_ = std::min(largest_slot_, slots_end_); // no slot in the file is longer
     position_ = {};
     position_.where = reversed ? side::high_edge : side::low_edge;
     position_.index = reversed ? order_[0].size() : 0;
@@ -410,12 +411,15 @@ std::optional<expectation> model::write(const place &where, const std::string &b
             const uint64_t filler = std::max(largest_slot_, slot_bytes(static_cast<size_t>(spec_.max_length)));
             for (int64_t gap = highest_ + 1; gap < added.rrn; ++gap) {
                 layout_.push_back(records_.size());
+                slots_end_ += filler;
                 records_.push_back({.bytes = {}, .rrn = gap, .live = false, .home = filler, .target = 0});
             }
             id = records_.size();
             layout_.push_back(id);
+            slots_end_ += added.home;
         }
         if (added.target != 0) layout_.push_back(id);
+        slots_end_ += added.target;
     }
     records_.push_back(added);
     largest_slot_ = std::max(largest_slot_, bytes_needed);
@@ -496,6 +500,7 @@ std::optional<expectation> model::rewrite(const place &where, const std::string 
             changed.target = needed;
             largest_slot_ = std::max(largest_slot_, needed);
             layout_.push_back(id);
+            slots_end_ += needed;
         }
     }
     records_[id] = changed;
@@ -517,6 +522,7 @@ std::optional<expectation> model::erase(const place &where)
     which.live = false;
     if (is_flat() && !shared_ && which.target == 0 && layout_.back() == id) {
         layout_.pop_back();
+        slots_end_ -= which.home;
         highest_ = which.rrn - 1;
         // What the position saved may lie behind the new end.
         if (position_.where != side::on && position_.index >= order_[0].size()) position_.uncertain = true;

@@ -116,6 +116,7 @@ private:
     std::vector<uint64_t> tsn_;
     std::vector<size_t> layout_; // flat: record ids in the order of their slots in the file
     uint64_t largest_slot_ = 0;  // flat files: what a filler takes
+    uint64_t slots_end_ = 0;     // flat files: bytes of all slots
     int64_t highest_ = -1;
     file_position position_;
     last_operation last_;

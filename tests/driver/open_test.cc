@@ -163,6 +163,12 @@ TEST_F(Open, AnotherKeyDescriptionThanTheFilesIsRefused)
     EXPECT_EQ(with({}), 0); // none given: the file's own
     EXPECT_EQ(with(keys), 0);
     EXPECT_EQ(check_file(path()), "");
+    variables.set("VFS_DEBUG", "1"); // then it is said what differs
+    printed();
+    EXPECT_EQ(with({keys[0]}), EINVAL);
+    EXPECT_NE(printed().find("The file " + path() + " has 2 keys, primary key 0\n"), std::string::npos);
+    EXPECT_EQ(with({keys[0], {.parts = {{4, 2}}}}), EINVAL);
+    EXPECT_NE(printed().find("Key 1 differs from the one in the file " + path() + "\n"), std::string::npos);
 }
 
 TEST_F(Open, CreatingNeverWipesAndTruncatingDoes)

@@ -3,6 +3,8 @@
 #include "checker.h"
 #include "host.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 
 namespace {
@@ -130,6 +132,34 @@ TEST_F(Sequential, GapsBecomeDeletedSlots)
     EXPECT_EQ(f.start(by_rrn(0, VFS_GREATER_EQUAL)).rrn, 0u);
 }
 
+// How long a free slot in a gap is, the header says. A lie costs neither time nor space.
+TEST_F(Sequential, GapsOfADamagedHeaderTakeNoSpace)
+{
+    constexpr uint64_t maximum_slot_at = 200, maximum_record_at = 216;
+    ASSERT_EQ(file{variable()}.write("first").value, 5);
+    const std::string sound = slurp(path());
+    for (const bool record_too : {false, true}) {
+        const uint64_t lie = record_too ? uint64_t{1} << 36 : uint64_t{1} << 59;
+        spill(path(), sound);
+        poke(path(), maximum_slot_at, lie);
+        if (record_too) poke(path(), maximum_record_at, lie - 40);
+        file f{variable().with_flags(O_RDWR)};
+        ASSERT_TRUE(f.ok()) << f.error();
+        EXPECT_EQ(f.write("fifth", by_rrn(4)).value, 5);
+        EXPECT_TRUE(f.read(by_rrn(4)).found("fifth"));
+        EXPECT_TRUE(f.read(prev()).found("first"));
+        EXPECT_EQ(f.close(), 0);
+        struct stat facts {};
+        ASSERT_EQ(stat(path().c_str(), &facts), 0);
+        EXPECT_LT(facts.st_blocks * 512, 1 << 20) << record_too;
+        EXPECT_FALSE(file_is_unclean(path()));
+        ASSERT_TRUE(f.open(variable().with_flags(O_RDONLY)));
+        EXPECT_EQ(f.rest(), (std::vector<std::string>{"first", "fifth"}));
+        EXPECT_EQ(f.close(), 0);
+    }
+    spill(path(), sound);
+}
+
 TEST_F(Sequential, SequentialAccessRefusesLowerNumbers)
 {
     file f{fixed().with_access(VFS_ACCESS_SEQUENTIAL)};
@@ -200,6 +230,27 @@ TEST_F(Sequential, ReversedFilesReadFromTheirEnd)
         EXPECT_TRUE(f.read(last()).found("a"));
         f.close();
     }
+}
+
+TEST_F(Sequential, WritesAtTheCurrentPlace)
+{
+    file f{variable()};
+    EXPECT_TRUE(f.write("x", current()).failed(EINVAL)); // there is none
+    for (const char *bytes : {"first", "second", "third"}) ASSERT_GT(f.write(bytes).value, 0);
+    EXPECT_TRUE(f.read(by_rrn(1)).found("second"));
+    const outcome replaced = f.write("SECOND, and longer than its slot has room for", current());
+    EXPECT_EQ(replaced.rrn, 1u);
+    EXPECT_EQ(f.info().record_count, 3);
+    ASSERT_EQ(f.erase(by_rrn(0)).value, 0);
+    EXPECT_EQ(f.write("FIRST", current()).rrn, 0u); // into the slot that has become free
+    EXPECT_TRUE(f.read(last()).found("third"));
+    EXPECT_TRUE(f.read(next()).ended());
+    EXPECT_EQ(f.write("fourth", current()).rrn, 3u); // at the end it is appended
+    EXPECT_TRUE(f.read(by_rrn(9)).failed(ESPIPE));
+    EXPECT_TRUE(f.write("x", current()).failed(EINVAL));
+    EXPECT_TRUE(f.write("x", first()).failed(EADDRINUSE));
+    EXPECT_TRUE(f.read(first()).found("FIRST"));
+    EXPECT_EQ(f.rest(), (std::vector<std::string>{"SECOND, and longer than its slot has room for", "third", "fourth"}));
 }
 
 TEST_F(Sequential, StartByOffsetBelievesNothing)

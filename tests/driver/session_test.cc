@@ -3,6 +3,7 @@
 #include "checker.h"
 #include "host.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -183,6 +184,20 @@ TEST_F(Session, DevicesAreForOutput)
     EXPECT_GE(f.write("record").value, 0);
     EXPECT_EQ(f.flush(), 0);
     EXPECT_EQ(f.close(), 0);
+}
+
+// A pipe has no place for a header. It is looked at no further than it takes to know that.
+TEST_F(Session, PipesAreRefused)
+{
+    ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
+    file_spec pipe = flat(path(), VFS_FORMAT_VARIABLE, 50).with_access(VFS_ACCESS_SEQUENTIAL);
+    EXPECT_EQ(error_of(pipe.with_flags(O_RDONLY)), EBADF);
+    variables.set("VFS_LOCK", "0");
+    for (const uint32_t flags : {O_RDONLY, O_WRONLY, O_RDWR}) EXPECT_EQ(error_of(pipe.with_flags(flags)), EBADF);
+    EXPECT_EQ(error_of(indexed(path(), {{.parts = {{0, 8}}}}, 50).with_flags(O_RDWR)), EBADF);
+    unlink(path().c_str());
+    spill(path(), ""); // nor has a stream, whatever it lies in
+    EXPECT_EQ(error_of(pipe.with_flags(O_RDWR).with_options(VFS_OPT_STREAM)), EBADF);
 }
 
 } // namespace

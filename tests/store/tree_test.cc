@@ -191,6 +191,40 @@ TEST(TreePosition, LostInARunItIsFoundBesideTheNearestRecordThatIsStillThere)
     EXPECT_EQ(file.peek(false), offset_of(2));
 }
 
+// Three full leaves of 0, 4 ... 236; the position's record is the first or last one of a leaf, and mostly gone.
+TEST(TreePosition, AtTheBorderOfTwoLeavesAGapStaysWhereItsKeyBelongs)
+{
+    struct border_case {
+        const char *name;
+        std::vector<uint64_t> removed_before;
+        uint64_t stand;
+        bool removed;
+        std::vector<uint64_t> added;
+        uint64_t previous, next;
+    };
+    const border_case cases[] = {
+        {"behind the gap, into the leaf before it", {0}, 80, true, {81}, 76, 81},
+        {"before the gap, into the leaf before it", {0}, 80, true, {79}, 79, 84},
+        {"before the gap, into the leaf behind it", {100}, 76, true, {73, 75}, 75, 80},
+        {"behind the gap, into the leaf behind it", {100}, 76, true, {73, 77}, 73, 77},
+        {"the position's entry moves to the leaf before it", {0}, 80, false, {121}, 76, 84},
+    };
+    for (const border_case &c : cases) {
+        tree_file file(long_key);
+        const auto key = [](uint64_t number) { return key_number(number, long_key); };
+        for (uint64_t i = 0; i < 60; ++i) ASSERT_EQ(file.insert(key(4 * i), offset_of(4 * i)), 0);
+        for (const uint64_t number : c.removed_before) ASSERT_EQ(file.remove(key(number), offset_of(number)), 0);
+        file.stand_at(key(c.stand), offset_of(c.stand));
+        if (c.removed) {
+            ASSERT_EQ(file.remove(key(c.stand), offset_of(c.stand)), 0);
+        }
+        for (const uint64_t number : c.added) ASSERT_EQ(file.insert(key(number), offset_of(number)), 0);
+        file.handle.current.flags2 = 0; // no line about the re-reading here
+        EXPECT_EQ(file.peek(false), offset_of(c.previous)) << c.name;
+        EXPECT_EQ(file.peek(true), offset_of(c.next)) << c.name;
+    }
+}
+
 TEST(TreePosition, ForwardStepAfterDeletionInARelativeFileSaysThatItReReads)
 {
     tree_file file(0);
@@ -286,6 +320,42 @@ TEST(Tree, AllocationThatFailsLeavesTheTreeAsItWas)
     EXPECT_EQ(file.differs(listed(model)), "");
     EXPECT_EQ(file.tree().get(key_entry_depth), 3u);
     EXPECT_EQ(file.handle.error, 0u);
+}
+
+// What a host does with the blocks of a cache that it has come to know.
+TEST(SharedEntries, ServeTheBlocksOfAFileThatIsNobodyElses)
+{
+    tree_file file(8);
+    ASSERT_EQ(file.insert(key_number(1, 8), offset_of(1)), 0);
+    const vfs_shared_entries &entries = *vfs()->shared;
+    vfs_cache *cache = file.tree().cache();
+    vfs_request r = file.request();
+    r.record_offset = file.tree().get(key_entry_first_leaf);
+    ASSERT_EQ(changes_write_out(&file.handle), 0);
+    EXPECT_EQ(entries.fetch_ahead(cache, &r), 0);
+    EXPECT_EQ(cache->curr->offset, r.record_offset);
+    EXPECT_EQ(r.flags & VFS_FLAG_AT_END, 0);
+    EXPECT_EQ(entries.write_block(cache, &r), 0); // nothing to write
+    EXPECT_EQ(entries.get_for_write(cache, &r), 0);
+    EXPECT_TRUE(is_dirty(cache->curr));
+    cache->curr->data[index_block_bytes - 9] = std::byte{0x5a}; // no entry reaches so far
+    EXPECT_EQ(entries.write_block(cache, &r), 0);
+    ASSERT_EQ(changes_write_out(&file.handle), 0);
+    char written = 0;
+    ASSERT_EQ(pread(file.handle.fd, &written, 1, static_cast<off_t>(r.record_offset + index_block_bytes - 9)), 1);
+    EXPECT_EQ(written, 0x5a);
+
+    file.handle.lock_defaults.share_mode = VFS_SHARE_ALL;
+    file.handle.lock_defaults.lock_mode = VFS_LOCK_RECORD; // another process may be changing them
+    EXPECT_EQ(entries.get_for_write(cache, &r), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(entries.write_block(cache, &r), -1);
+    EXPECT_EQ(errno, EINVAL);
+    file.handle.lock_defaults.lock_mode = VFS_LOCK_NONE;
+    file.handle.mode_flags |= mode_read_only;
+    EXPECT_EQ(entries.get_for_write(cache, &r), -1);
+    EXPECT_EQ(errno, EBADF);
+    file.handle.mode_flags &= static_cast<uint8_t>(~mode_read_only);
 }
 
 // Damage: the bytes of one node are changed in the file; every operation ends, and none succeeds by luck.

@@ -198,6 +198,26 @@ TEST(HashTable, OrderOfUseSurvivesGrowth)
     EXPECT_EQ(order[99], "0");
 }
 
+TEST(HashTable, DumpShowsSlotsAndTheOrderOfUse)
+{
+    HashTable_Params params{};
+    params.flags = HashTable_KeepMru;
+    const table_pointer table = make(params);
+    testing::internal::CaptureStderr();
+    HashTable_Dump(table.get());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), ""); // nothing in it
+    insert(table.get(), "first", "1");
+    insert(table.get(), "second", "2");
+    testing::internal::CaptureStderr();
+    HashTable_Dump(table.get());
+    const std::string text = testing::internal::GetCapturedStderr();
+    EXPECT_NE(text.find(" contents:\nEntries: 2\nState:   0x"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nSlot # "), std::string::npos) << text;
+    const size_t order = text.find("MRU ordering:\n");
+    ASSERT_NE(order, std::string::npos) << text;
+    EXPECT_LT(text.find(" second value=(1)@", order), text.find(" first value=(1)@", order)) << text;
+}
+
 TEST(HashTable, MissIsSatisfiedFromTheParentByAMirror)
 {
     const table_pointer parent = make({});
