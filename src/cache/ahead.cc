@@ -84,26 +84,10 @@ bool at_end(const vfs_cache *cache, uint64_t position)
     return cache->curr->bytes == 0 && (cache->curr->state & buffer_end_of_data) != 0;
 }
 
-int result_of_fetch(vfs_cache *cache, vfs_request *request, const vfs_buffer *buffer)
-{
-    if (buffer == nullptr) return -1;
-    if (at_end(cache, request->record_offset)) request->flags |= VFS_FLAG_AT_END;
-    return 0;
-}
-
 // Hosts reach these entries with any handle.
 int may_write(const vfs_cache *cache)
 {
     return is_read_only(cache->file) ? fail(EBADF) : 0;
-}
-
-int write_block(vfs_cache *cache, uint64_t position, bool behind)
-{
-    if (cache_lookup(cache, position) == 0 || !is_dirty(cache->last_found)) return 0;
-    vfs_buffer *buffer = cache->last_found;
-    if (buffer_start_write(buffer, awaited::later) == -1) return -1;
-    if (behind) buffer->state |= buffer_written_behind;
-    return 0;
 }
 
 } // namespace
@@ -124,14 +108,11 @@ void cache_prefetch(vfs_cache *cache, uint64_t position, awaited when)
     errno = cause;
 }
 
-int cache_fetch(vfs_cache *cache, vfs_request *request)
-{
-    return result_of_fetch(cache, request, cache_fetch_at(cache, request->record_offset));
-}
-
 int cache_fetch_ahead(vfs_cache *cache, vfs_request *request)
 {
-    return result_of_fetch(cache, request, fetch_ahead_at(cache, request, request->record_offset));
+    if (fetch_ahead_at(cache, request, request->record_offset) == nullptr) return -1;
+    if (at_end(cache, request->record_offset)) request->flags |= VFS_FLAG_AT_END;
+    return 0;
 }
 
 int cache_get_for_write(vfs_cache *cache, vfs_request *request)
@@ -143,11 +124,6 @@ int cache_get_for_write(vfs_cache *cache, vfs_request *request)
 int cache_write_block(vfs_cache *cache, vfs_request *request)
 {
     if (may_write(cache) == -1) return -1;
-    return write_block(cache, request->record_offset, false);
-}
-
-int cache_write_behind_block(vfs_cache *cache, vfs_request *request)
-{
-    if ((cache->mode & cache_synchronous) != 0 || cache->writebehind == 0 || is_shared(cache->file)) return 0;
-    return write_block(cache, request->record_offset, true);
+    if (cache_lookup(cache, request->record_offset) == 0 || !is_dirty(cache->last_found)) return 0;
+    return buffer_start_write(cache->last_found, awaited::later) == -1 ? -1 : 0;
 }

@@ -66,13 +66,12 @@ void cache_drop_block(vfs_cache *cache, uint64_t position);
 // nothing else is left. A failure is dropped: the fetch reports it.
 void cache_prefetch(vfs_cache *cache, uint64_t position, awaited when = awaited::later);
 
-// ---- The same on requests: the three entries that hosts reach, and the reads of the record operations ----
+// ---- The same on requests: the three entries that hosts reach ----
 
-[[nodiscard]] int cache_fetch(vfs_cache *cache, vfs_request *request);       // sets the at-end bit when empty
-[[nodiscard]] int cache_fetch_ahead(vfs_cache *cache, vfs_request *request); // and reads ahead by request->mode
+// Sets the at-end bit when the block is empty; reads ahead by request->mode.
+[[nodiscard]] int cache_fetch_ahead(vfs_cache *cache, vfs_request *request);
 [[nodiscard]] int cache_get_for_write(vfs_cache *cache, vfs_request *request);
 [[nodiscard]] int cache_write_block(vfs_cache *cache, vfs_request *request);
-[[nodiscard]] int cache_write_behind_block(vfs_cache *cache, vfs_request *request);
 
 // ---- Byte runs in the Data cache: request->record_offset is the position, request->segments the pieces ----
 

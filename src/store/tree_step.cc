@@ -109,8 +109,11 @@ int find_again(const index_tree &tree, bool forward, tree_place *place)
         search_key_of(tree, tree.numbers ? reinterpret_cast<const std::byte *>(&position.rrn) : position.key);
     if (tree.held_duplicates()) {
         const bool stands = position.side == position_side::entry;
-        const int found = stands ? tree_seek(tree, key, position.record_offset, place) : 1;
-        return found == 1 ? beside_neighbour(tree, key, forward, place) : found;
+        const int untouched = errno;
+        int found = stands ? tree_seek(tree, key, position.record_offset, place) : 1;
+        if (found == 1) found = beside_neighbour(tree, key, forward, place);
+        if (found != -1) errno = untouched; // who is gone is no failure
+        return found;
     }
     // At a gap, an equal key came in after the record had gone: before the gap, or behind it where equal keys may be.
     const bool behind = position.side == position_side::gap ? !tree.allows_duplicates() : forward;

@@ -445,6 +445,26 @@ TEST_F(Sharing, AStartedRecordThatGotAnotherKeyIsNotReturned)
     }
 }
 
+// The record and all neighbours that its handle knows among equal keys are gone: the numbers say where it was.
+TEST_F(Sharing, LostAmongEqualKeysAStepGoesOnWhereTheRecordWas)
+{
+    for (const bool forward : {true, false}) {
+        make(form::indexed, 30); // all of one group
+        {
+            file f{shared(spec(form::indexed))};
+            peer other{shared(spec(form::indexed))};
+            ASSERT_TRUE(f.read(first(1), &passing).found(record(0)));
+            for (int64_t n = 1; n <= 14; ++n) ASSERT_TRUE(f.read(next(), &passing).found(record(n)));
+            for (int64_t n = 3; n <= 26; ++n)
+                ASSERT_EQ(other.run(operation::erase, at(form::indexed, n), {}, &passing).error, 0);
+            ASSERT_GE(other.run(operation::write, by_record(), record(50)).value, 0); // behind all, into a free slot
+            const outcome got = f.read(forward ? next() : prev(), &passing);
+            EXPECT_TRUE(got.found(record(forward ? 27 : 2))) << got;
+        }
+        sound();
+    }
+}
+
 // One process browses, the other changes the file between any two steps, at the position and beside it. Every record
 // that stayed comes once, none comes twice, and all come in order.
 class browse_test {

@@ -3,6 +3,7 @@
 // pipes, takes locks and asks the kernel what ours are. Traces are on; untraced() leaves the texts that are always told.
 #include "lock/lock_table.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -437,21 +439,39 @@ TEST_F(Lock, ThreadsWaitForEachOtherOnTheirHandles)
 
 TEST_F(Lock, CircleOfHandlesIsADeadlockForOneOfThem)
 {
-    for (file_state *file : {&a_, &b_}) file->lock_defaults.wait_mode = VFS_WAIT_KERNEL;
-    std::atomic<int> ready = 0;
-    int results[2] = {-1, -1};
-    const auto run = [&](file_state &file, uint64_t own, uint64_t others, int *result) {
-        EXPECT_EQ(set(record(file, own)), 0);
-        ++ready;
-        while (ready < 2) std::this_thread::yield();
-        *result = set(record(file, others));
-    };
-    std::thread first([&] { run(a_, 100, 200, &results[0]); }), second([&] { run(b_, 200, 100, &results[1]); });
-    first.join();
-    second.join();
-    EXPECT_TRUE((results[0] == -EDEADLK) != (results[1] == -EDEADLK)) << results[0] << " " << results[1];
-    EXPECT_TRUE(results[0] >= 0 || results[1] >= 0);
-    EXPECT_EQ(lock_count(&shared_), 2u); // the loser gave up its record, the winner has both
+    file_state *const handles[] = {&a_, &b_, &c_};
+    for (const size_t count : {size_t{2}, size_t{3}}) {
+        std::atomic<size_t> ready = 0;
+        std::vector<int> results(count, -1);
+        std::vector<std::thread> threads;
+        for (size_t i = 0; i < count; ++i)
+            threads.emplace_back([&, i] {
+                handles[i]->lock_defaults.wait_mode = VFS_WAIT_KERNEL;
+                EXPECT_EQ(set(record(*handles[i], 100 * i)), 0);
+                ++ready;
+                while (ready < count) std::this_thread::yield();
+                results[i] = set(record(*handles[i], 100 * ((i + 1) % count)));
+                // The loser has given up its record; the others have two, one after the other.
+                EXPECT_EQ(holds_record(handles[i], 100 * i, true), results[i] >= 0);
+                EXPECT_EQ(lock_release_records(handles[i]), 0);
+            });
+        for (std::thread &thread : threads) thread.join();
+        EXPECT_EQ(std::count(results.begin(), results.end(), -EDEADLK), 1) << count;
+        EXPECT_EQ(std::count_if(results.begin(), results.end(), [](int result) { return result >= 0; }),
+                  static_cast<long>(count) - 1);
+        EXPECT_EQ(lock_count(&shared_), 0u);
+    }
+}
+
+TEST_F(Lock, ARangeWithoutEndReleasesEveryRecord)
+{
+    other_process other(path_);
+    for (const uint64_t start : {100, 300}) ASSERT_EQ(set(record(a_, start)), 0);
+    ASSERT_EQ(set(record(b_, 500)), 0);
+    EXPECT_EQ(clear(record(a_, 0, true, 0)), 0);
+    for (const uint64_t start : {100, 300}) EXPECT_EQ(other.type_at(start), uint32_t{F_UNLCK});
+    EXPECT_EQ(other.type_at(500), uint32_t{F_WRLCK}); // another handle's
+    EXPECT_EQ(lock_count(&shared_), 1u);
 }
 
 TEST_F(Lock, WhoDoesNotWaitIsInNoCircle)

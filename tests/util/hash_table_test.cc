@@ -108,6 +108,28 @@ TEST(HashTable, StringHashIsLookup3)
     EXPECT_EQ(table->hash(table.get(), "Four score and seven years ago", 30), 0x17770551u);
 }
 
+TEST(HashTable, IntegerKeysAreSpreadAndFound)
+{
+    for (const uint32_t flags : {HashTable_Key32, HashTable_Key64}) {
+        HashTable_Params params{};
+        params.flags = flags;
+        const table_pointer table = make(params);
+        const size_t bytes = flags == HashTable_Key32 ? 4 : 8;
+        for (uint64_t i = 0; i < 2000; ++i) { // as offsets of blocks are
+            const uint64_t key = i * 32768;
+            HashTable_Insert(table.get(), &key, bytes, nullptr, HashTable_KeyOnly, false, false);
+        }
+        EXPECT_EQ(table->entries, 2000u);
+        EXPECT_GT(table->used_slots, table->slot_count / 4);
+        for (uint64_t i = 0; i < 2000; ++i) {
+            const uint64_t key = i * 32768, other = key + 1;
+            EXPECT_NE(HashTable_Lookup(table.get(), nullptr, &key, bytes, 2, false), nullptr);
+            EXPECT_EQ(HashTable_Lookup(table.get(), nullptr, &other, bytes, 2, false), nullptr);
+        }
+        expect_consistent(table.get());
+    }
+}
+
 TEST(HashTable, DuplicateCheckReturnsTheFirstEntry)
 {
     const table_pointer table = make({});
