@@ -74,6 +74,7 @@ int file_flush(vfs_file *file)
 
 int file_at_end(vfs_file *file)
 {
+    if (file == nullptr) return fail(EBADF);
     blocks_catch_up(file);
     return (file->current.flags & VFS_FLAG_AT_END) != 0;
 }

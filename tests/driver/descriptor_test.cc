@@ -51,6 +51,7 @@ TEST_F(Descriptor, NullHandleIsRefusedWithoutHarm)
     const auto refused = [](int64_t result) { return result == -1 && errno == EBADF; };
     EXPECT_TRUE(refused(ops().info(nullptr, &block)));
     EXPECT_TRUE(refused(ops().unlock_all(nullptr)));
+    EXPECT_TRUE(refused(ops().at_end(nullptr)));
     EXPECT_EQ(ops().flush(nullptr), 0);
     EXPECT_EQ(ops().close(nullptr, nullptr), 0);
     const vfs_record_operation slots[] = {ops().read,  ops().write,    ops().rewrite, ops().delete_record,
