@@ -83,6 +83,7 @@ inline constexpr uint64_t metadata_unit = 4096;
 inline constexpr uint64_t metadata_maximum = 16 * 1024 * 1024;
 inline constexpr uint64_t index_block_bytes = 32768;
 inline constexpr uint64_t data_block_bytes = 131072;
+inline constexpr uint64_t data_block_at_most = 1 << 20; // files are padded to whole blocks
 inline constexpr uint64_t blocks_per_extension = 4;
 inline constexpr uint64_t trailer_bytes = 8;
 

@@ -122,7 +122,7 @@ int header_check_fixed(std::span<const std::byte> image, uint64_t size)
         return fail(EINVAL);
     const uint64_t data_block = image_get(image, header_data_block_size);
     if (image_get(image, header_index_block_size) != index_block_bytes || !is_power_of_two(data_block) ||
-        data_block < metadata_unit || data_block > (uint64_t{1} << 30))
+        data_block < metadata_unit || data_block > data_block_at_most)
         return fail(EINVAL);
     const uint64_t per_extension = image_get(image, header_blocks_per_extension);
     if (per_extension == 0 || per_extension > 4096) return fail(EINVAL);

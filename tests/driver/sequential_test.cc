@@ -135,7 +135,7 @@ TEST_F(Sequential, GapsBecomeDeletedSlots)
 // How long a free slot in a gap is, the header says. A lie costs neither time nor space.
 TEST_F(Sequential, GapsOfADamagedHeaderTakeNoSpace)
 {
-    constexpr uint64_t maximum_slot_at = 200, maximum_record_at = 216;
+    constexpr uint64_t data_block_size_at = 160, maximum_slot_at = 200, maximum_record_at = 216;
     ASSERT_EQ(file{variable()}.write("first").value, 5);
     const std::string sound = slurp(path());
     for (const bool record_too : {false, true}) {
@@ -157,6 +157,11 @@ TEST_F(Sequential, GapsOfADamagedHeaderTakeNoSpace)
         EXPECT_EQ(f.rest(), (std::vector<std::string>{"first", "fifth"}));
         EXPECT_EQ(f.close(), 0);
     }
+    spill(path(), sound);
+    poke(path(), data_block_size_at, uint64_t{1} << 27); // to which a file would be padded
+    file f;
+    EXPECT_FALSE(f.open(variable()));
+    EXPECT_EQ(f.error(), EINVAL);
     spill(path(), sound);
 }
 

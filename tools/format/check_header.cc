@@ -78,7 +78,7 @@ bool layout(check_state &state)
     state.expect(header, header_index_block_size.offset, state.header(header_index_block_size), index_block_bytes,
                  "index block size");
     const uint64_t block = state.header(header_data_block_size), batch = state.header(header_blocks_per_extension);
-    if (!is_power_of_two(block) || block < metadata_unit || block > uint64_t{1} << 30)
+    if (!is_power_of_two(block) || block < metadata_unit || block > data_block_at_most)
         state.report.problem(header, header_data_block_size.offset, "data block size {}", block);
     else if (block != data_block_bytes)
         state.report.note("the data block size is {}, new files have {}", block, data_block_bytes);
