@@ -310,6 +310,7 @@ uint64_t child_item(const index_tree &tree, const vfs_buffer *parent, uint64_t c
         std::fprintf(stderr, "Eh? %s key ", verb);
         print_key(tree, lowest);
         std::fprintf(stderr, " from child 0x%lx not in parent 0x%lx\n", child, parent->offset);
+        caches_dump(tree.file);
     } else if (search_key_of(tree, lowest).compare(key_place(parent, item)) != 0) {
         std::fprintf(stderr, "old key miss-match @0x%lx:%ld\n", parent->offset, static_cast<long>(item));
     } else {

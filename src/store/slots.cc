@@ -103,6 +103,7 @@ int report_mismatch(vfs_file *file, const vfs_request *request, const slot_piece
     int index = 0;
     for (const vfs_segment &piece : pieces.list)
         std::fprintf(stderr, "%d: %3.3ld %p\n", index++, static_cast<long>(piece.length), piece.address);
+    cache_dump(&file->data, false);
     return damaged();
 }
 

@@ -12,6 +12,7 @@ vfs_buffer *bad_node(const index_tree &tree, uint64_t address)
     const vfs_buffer *curr = tree.cache()->curr;
     const unsigned type = curr != nullptr && curr->offset == address ? node_get(curr, node_type) : 0;
     std::fprintf(stderr, "Bad node 0x%x @0x%lx cursor 0x%lx\n", type, address, tree.context->node);
+    cache_dump(tree.cache(), true);
     (void)tree_damaged(tree);
     return nullptr;
 }

@@ -125,17 +125,6 @@ TEST(Tree, AscendingLoadFillsLeavesAndDescendingLoadToo)
     }
 }
 
-TEST(Tree, FirstLeafOfAnEightByteKeyHolds1360Entries)
-{
-    tree_file file(8);
-    for (uint64_t i = 0; i < 1360; ++i) ASSERT_EQ(file.insert(key_number(i, 8), offset_of(i)), 0);
-    EXPECT_EQ(file.tree().get(key_entry_depth), 1u);
-    ASSERT_EQ(file.insert(key_number(1360, 8), offset_of(1360)), 0);
-    EXPECT_EQ(file.leaf_sizes(), (std::vector<uint64_t>{1360, 1}));
-    EXPECT_EQ(file.tree().get(key_entry_depth), 2u);
-    EXPECT_EQ(file.tree().get(key_entry_branch_entries), 2u);
-}
-
 // Three full leaves of even numbers 0..118; then entries are taken out and one is put in.
 struct room_case {
     const char *name;
@@ -176,21 +165,6 @@ TEST(Tree, FullNodeGivesOneEntryToTheNeighbourWithLess)
     }
 }
 
-TEST(TreePosition, LostInARunItIsFoundBesideTheNearestRecordThatIsStillThere)
-{
-    tree_file file(long_key, true);
-    const std::string key = key_number(5, long_key);
-    for (uint64_t i = 0; i < 10; ++i) ASSERT_EQ(file.insert(key, offset_of(i)), 0);
-    file.stand_at(key, offset_of(4));
-    file.forget_cache();
-    // What another handle does meanwhile: the record, its neighbours, and new ones behind all.
-    for (const uint64_t gone : {4, 5, 3}) ASSERT_EQ(file.remove(key, offset_of(gone)), 0);
-    file.handle.position.side = position_side::entry;
-    ASSERT_EQ(file.insert(key, 8), 0); // a reused slot: its offset says nothing about its place
-    EXPECT_EQ(file.peek(true), offset_of(6));
-    EXPECT_EQ(file.peek(false), offset_of(2));
-}
-
 // Three full leaves of 0, 4 ... 236; the position's record is the first or last one of a leaf, and mostly gone.
 TEST(TreePosition, AtTheBorderOfTwoLeavesAGapStaysWhereItsKeyBelongs)
 {
@@ -223,38 +197,6 @@ TEST(TreePosition, AtTheBorderOfTwoLeavesAGapStaysWhereItsKeyBelongs)
         EXPECT_EQ(file.peek(false), offset_of(c.previous)) << c.name;
         EXPECT_EQ(file.peek(true), offset_of(c.next)) << c.name;
     }
-}
-
-TEST(TreePosition, ForwardStepAfterDeletionInARelativeFileSaysThatItReReads)
-{
-    tree_file file(0);
-    for (uint64_t i = 5; i <= 9; ++i) ASSERT_EQ(file.insert(rrn_key(i), offset_of(i)), 0);
-    EXPECT_EQ(file.find(rrn_key(4), VFS_GREATER_EQUAL), none);
-    EXPECT_EQ(file.find(rrn_key(10), VFS_LESS_EQUAL), none);
-    file.stand_at(rrn_key(6), offset_of(6));
-    ASSERT_EQ(file.remove(rrn_key(6), offset_of(6)), 0);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(file.peek(true), offset_of(7));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "re-reading current item 1 browse 0 tsn 0 vs 0\n");
-    EXPECT_EQ(file.peek(false), offset_of(5));
-}
-
-TEST(Tree, EntryIsRepointedByKeyAndRecord)
-{
-    tree_file file(long_key, true);
-    const std::string key = key_number(1, long_key);
-    for (uint64_t i = 0; i < 3; ++i) ASSERT_EQ(file.insert(key, offset_of(i)), 0);
-    file.stand_at(key, offset_of(1));
-    vfs_request r = file.request();
-    file.put_key(&r, key);
-    r.record_offset = offset_of(1);
-    const int64_t tsn = file.handle.tsn;
-    ASSERT_EQ(entry_set_address(&file.handle, &r, 8), 0);
-    EXPECT_EQ(file.handle.tsn, tsn + 1);
-    EXPECT_EQ(file.differs({{key, offset_of(0)}, {key, 8}, {key, offset_of(2)}}), "");
-    EXPECT_EQ(file.handle.position.record_offset, 8u);
-    EXPECT_EQ(entry_set_address(&file.handle, &r, 16), -1);
-    EXPECT_EQ(errno, ESPIPE);
 }
 
 TEST(Tree, RenumberingMakesEveryEntryVisible)
@@ -424,65 +366,30 @@ TEST_F(TreeDamage, NodeWithABadHeadIsRefused)
     EXPECT_EQ(file.find(key_number(2, long_key), VFS_EQUAL), offset_of(1));
 }
 
-TEST_F(TreeDamage, BranchThatLeadsBackToTheRootEnds)
+TEST(Tree, ParentWithoutTheChildIsReportedBeforeAnythingChanges)
 {
-    write(root, node_head_bytes, root);
-    expect_damage("cycle");
-}
-TEST_F(TreeDamage, BranchThatLeadsOutOfTheFileEnds)
-{
-    write(root, node_head_bytes, uint64_t{1} << 60);
-    expect_damage("beyond the end");
-    write(root, node_head_bytes, 8192);
-    expect_damage("no node");
-}
-TEST_F(TreeDamage, LeafChainThatRunsInACircleEnds)
-{
-    write(last, node_right.offset, first);
-    file.stand_at(key_number(998, long_key), offset_of(499));
-    testing::internal::CaptureStderr();
-    vfs_request r = file.request();
-    EXPECT_EQ(tree_read_next(&file.handle, &r), -1);
-    EXPECT_EQ(errno, ENOEXEC);
-    testing::internal::GetCapturedStderr();
-}
-TEST_F(TreeDamage, ParentWithoutTheChildIsReportedBeforeAnythingChanges)
-{
-    const vfs_buffer *leaf = node_fetch(file.tree(), first);
-    const uint64_t parent = node_get(leaf, node_parent);
-    write(parent, node_head_bytes, last); // entry 0 of the branch leads to a wrong leaf of the right kind
-    testing::internal::CaptureStderr();
-    file.handle.contexts[0].node = none;
-    vfs_request r = file.request();
-    r.record_offset = offset_of(0);
-    file.put_key(&r, key_number(0, long_key));
-    file.handle.position.node = first; // by way of the position: the descent would not come here
-    file.handle.position.item = 0;
-    EXPECT_EQ(tree_delete_key(&file.handle, &r), -1);
-    EXPECT_EQ(errno, ENOEXEC);
-    const std::string text = testing::internal::GetCapturedStderr();
-    EXPECT_NE(text.find("Eh? Update key 00000000"), std::string::npos);
-    EXPECT_NE(text.find(" not in parent 0x"), std::string::npos);
-    EXPECT_EQ(node_entries(node_fetch(file.tree(), first)), 20u);
-}
-
-TEST(TreeDump, ShowsAnEmptyTreeAndAFullOne)
-{
-    tree_file file(5);
-    vfs_request r{};
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(tree_dump(&file.handle, &r), 0);
-    EXPECT_NE(
-        testing::internal::GetCapturedStderr().find("  keylen         5\n  dirty          0\nThe tree is empty!\n"),
-        std::string::npos);
-    ASSERT_EQ(file.insert("abcde", 4096), 0);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(tree_dump(&file.handle, &r), 0);
-    const std::string text = testing::internal::GetCapturedStderr();
-    EXPECT_NE(
-        text.find("  low  key       abcde\n  high key       abcde\n  levels         1\n\nTree level 1 of 1\nLeaf 0x"),
-        std::string::npos);
-    EXPECT_NE(text.find("   0: 0x1000 tsn 0x0 key abcde\nTree done... 1 entries fill rate "), std::string::npos);
+    for (const uint64_t length : {long_key, uint64_t{0}}) {
+        tree_file file(length);
+        const auto key = [&](uint64_t n) { return file.relative ? rrn_key(n) : key_number(n, length); };
+        for (uint64_t i = 0; i < 3000; ++i) ASSERT_EQ(file.insert(key(i), offset_of(i)), 0);
+        const uint64_t first = file.tree().get(key_entry_first_leaf), last = file.tree().get(key_entry_last_leaf);
+        const vfs_buffer *leaf = node_fetch(file.tree(), first);
+        const uint64_t parent = node_get(leaf, node_parent), entries = node_entries(leaf);
+        ASSERT_EQ(changes_write_out(&file.handle), 0);
+        // Entry 0 of the branch leads to a wrong leaf of the right kind.
+        ASSERT_EQ(pwrite(file.handle.fd, &last, 8, static_cast<off_t>(parent + node_head_bytes)), 8);
+        file.forget_cache();
+        file.handle.position.node = first; // by way of the position: the descent would not come here
+        file.handle.position.item = 0;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(file.remove(key(0), offset_of(0)), -1);
+        EXPECT_EQ(errno, ENOEXEC);
+        const std::string text = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(text.rfind(file.relative ? "Eh? Update key 0 from child 0x" : "Eh? Update key 00000000", 0), 0U);
+        EXPECT_NE(text.find(" not in parent 0x"), std::string::npos);
+        EXPECT_NE(text.find("\nTree information for key #0:\n"), std::string::npos);
+        EXPECT_EQ(node_entries(node_fetch(file.tree(), first)), entries);
+    }
 }
 
 } // namespace
