@@ -90,10 +90,7 @@ void write_mapped(vfs_buffer *buffer)
     vfs_transfer &transfer = buffer->transfer;
     transfer.moved = transfer.length;
     if (transfer.offset % direct_unit != 0) return;
-    if (msync(transfer.area, transfer.length, MS_ASYNC) == 0) {
-        if (transfer.drop_behind) (void)posix_madvise(transfer.area, transfer.length, POSIX_MADV_DONTNEED);
-        return;
-    }
+    if (msync(transfer.area, transfer.length, MS_ASYNC) == 0) return;
     const int error = errno;
     if (buffer->file->debug) {
         fprintf(stderr, "MMAP Write Error @0x%lx: %d %s\n", transfer.offset, error, strerror(error));

@@ -217,10 +217,10 @@ int start(vfs_buffer *buffer, const io_engine &engine)
 }
 
 // The hint about pages that are not wanted afterwards is given once.
-bool takes_drop_behind(vfs_buffer *buffer, uint32_t operation, const io_engine &engine)
+bool takes_drop_behind(vfs_buffer *buffer, const io_engine &engine)
 {
     if ((buffer->state & buffer_drop_behind) == 0 || (buffer->engine & engine_direct) != 0) return false;
-    if (&engine == &kernel_engine || (is_mapped(buffer) && operation == transfer_read)) return false;
+    if (&engine == &kernel_engine) return false;
     buffer->state &= static_cast<uint8_t>(~buffer_drop_behind);
     return true;
 }
@@ -243,7 +243,7 @@ void prepare(vfs_buffer *buffer, uint32_t operation, const byte_range &range, co
     transfer.error = transfer.status = 0;
     transfer.direct = (buffer->engine & engine_direct) != 0;
     transfer.device = !is_regular(buffer->file);
-    transfer.drop_behind = takes_drop_behind(buffer, operation, engine);
+    transfer.drop_behind = takes_drop_behind(buffer, engine);
 }
 
 // With a write-behind depth of one, the neighbour toward the tail finishes first.
@@ -387,10 +387,7 @@ int buffer_read_rest(vfs_buffer *buffer)
 
 void buffer_read_hint(vfs_buffer *buffer)
 {
-    if ((buffer->state & buffer_drop_behind) == 0) return;
-    if (is_mapped(buffer))
-        (void)posix_madvise(buffer->data, buffer->size, POSIX_MADV_WILLNEED);
-    else if ((buffer->engine & engine_direct) == 0)
-        (void)posix_fadvise(buffer->rfd, static_cast<off_t>(buffer->offset), static_cast<off_t>(buffer->size),
-                            POSIX_FADV_WILLNEED);
+    if ((buffer->state & buffer_drop_behind) == 0 || (buffer->engine & engine_direct) != 0) return;
+    (void)posix_fadvise(buffer->rfd, static_cast<off_t>(buffer->offset), static_cast<off_t>(buffer->size),
+                        POSIX_FADV_WILLNEED);
 }

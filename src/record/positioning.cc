@@ -35,10 +35,6 @@ int append_point(vfs_file *file, vfs_request *request)
 {
     request->record_offset = file->end_of_file;
     request->rrn = file->highest_rrn + 1; // none + 1 is 0: the first record
-    if (request->operation == VFS_OP_WRITE) {
-        request->record_state = item_live;
-        return 0;
-    }
     request->stored_length = 0;
     request->record_state = state_unread;
     request->flags |= VFS_FLAG_AT_END;

@@ -199,18 +199,13 @@ int write_copy(vfs_file *file, const vfs_request &work, vfs_request *copy)
     return fail(cause);
 }
 
-void moved_positions(vfs_file *file, uint64_t home, const vfs_request &copy)
+// The file position went along with its index entry.
+void current_moved(vfs_file *file, uint64_t home, const vfs_request &copy)
 {
-    file_position &position = file->position;
-    if (position.side == position_side::entry && position.record_offset == home) {
-        position.record_offset = copy.record_offset;
-        position.stored_length = copy.stored_length;
-    }
-    if (file->current.record_offset == home) {
-        file->current.record_offset = copy.record_offset;
-        file->current.stored_length = copy.stored_length;
-        file->current.data_offset = copy.data_offset;
-    }
+    if (file->current.record_offset != home) return;
+    file->current.record_offset = copy.record_offset;
+    file->current.stored_length = copy.stored_length;
+    file->current.data_offset = copy.data_offset;
 }
 
 // The index leads to the copy, and the old slot goes. In a shared file an operation that fails here is dropped as a
@@ -223,7 +218,7 @@ int leave_home(const operation_call &call, vfs_request *work, vfs_request *copy)
         slot_taken_back(file, work->record_offset);
     else if (slot_free(file, work->record_offset) == -1)
         return -1;
-    moved_positions(file, work->record_offset, *copy);
+    current_moved(file, work->record_offset, *copy);
     copy->node = work->node;
     copy->item = work->item;
     copy->stamp = work->stamp;
