@@ -53,7 +53,6 @@ enum : uint8_t { // vfs_cache::flags bits
     cache_preallocates = 2,
     cache_zero_fill = 4, // new blocks beyond the end are zero-filled
     cache_drop_behind = 8,
-    cache_sequential = 16, // sequential mode: read-ahead is permitted
     // Index blocks may lie between records inside one Data block (the file's data blocks are smaller than the
     // cache's): changes whose pages do not touch are never written as one range.
     cache_split_changes = 32,

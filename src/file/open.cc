@@ -71,8 +71,6 @@ vfs_file *handle_allocate(vfs_open_block *block, const open_services &services, 
     file->block_lock = file->current_key = none;
     file->borrow_writable = registry_open_writable;
     file->give_back_writable = registry_discard;
-    if (settings.data_size_fixed) file->setup_flags |= setup_size_fixed;
-    if (settings.caching) file->setup_flags |= setup_caching;
     return file;
 }
 
@@ -244,6 +242,13 @@ int classify(vfs_file *file)
     return 0;
 }
 
+// A reader of a small flat file has all of it in one block: nothing is left to read ahead or to be told the system about.
+bool served_by_one_buffer(const vfs_file *file)
+{
+    return is_regular(file) && file->size_at_open != 0 && file->size_at_open <= file->settings.data_size &&
+           is_read_only(file) && file->block.organization == 1;
+}
+
 bool creates(const vfs_file *file)
 {
     return (file->open_flags & O_TRUNC) != 0 || ((file->open_flags & O_CREAT) != 0 && file->size_at_open == 0);
@@ -263,16 +268,22 @@ void choose_engines(vfs_file *file)
     if (!is_regular(file)) return;
     vfs_lock_request &locks = file->lock_defaults;
     if (locks.share_mode == VFS_SHARE_NONE || locks.share_mode == VFS_SHARE_READ) locks.lock_mode = VFS_LOCK_FILE;
-    if (is_shared(file) && !is_read_only(file)) file->settings.direct_io = false;
-    if (file->settings.direct_io) {
+    open_settings &settings = file->settings;
+    if (is_shared(file) && !is_read_only(file)) settings.direct_io = false;
+    if (served_by_one_buffer(file)) settings.caching = settings.direct_io = settings.asynchronous_io = false;
+    if (settings.direct_io) {
         file->mode_flags |= mode_direct;
         file->open_flags |= O_DIRECT;
-        file->setup_flags = static_cast<uint8_t>(file->setup_flags & ~setup_caching);
+        settings.caching = false;
+        if (settings.data_count == 4 && (file->mode_flags & mode_write_only) != 0) { // one more than are under way
+            settings.data_count = 5;
+            settings.readahead = settings.writebehind = 4;
+        }
     }
     // Sharers write and read between two locks: nothing may be under way when they give one up.
-    if (!is_shared(file) && file->settings.asynchronous_io) file->mode_flags |= mode_asynchronous;
-    if (!is_shared(file) && file->settings.io_threads == tri_state::on) file->mode_flags |= mode_threads;
-    if (!file->settings.caching && file->debug) std::fprintf(stderr, "No caching...\n");
+    if (!is_shared(file) && settings.asynchronous_io) file->mode_flags |= mode_asynchronous;
+    if (!is_shared(file) && settings.io_threads == tri_state::on) file->mode_flags |= mode_threads;
+    if (!settings.caching && file->debug) std::fprintf(stderr, "No caching...\n");
     file->preallocates = !is_shared(file) && !is_read_only(file);
 }
 
@@ -530,12 +541,6 @@ void map_file(vfs_file *file)
 
 // ---- The Data cache, and where the file stands ----
 
-bool served_by_one_buffer(const vfs_file *file)
-{
-    return is_regular(file) && file->size_at_open != 0 && file->size_at_open <= file->settings.data_size &&
-           is_read_only(file) && file->block.organization == 1;
-}
-
 // What the memory budget leaves to Data when every tree has its nodes in memory.
 uint64_t data_budget(const vfs_file *file)
 {
@@ -572,7 +577,6 @@ void size_data_cache(vfs_file *file)
         data.block_size = file->data_block_size < largest_block_bytes ? file->data_block_size : largest_block_bytes;
     if (!sequential) {
         data.block_size = random_block(file);
-        data.readahead = 0;
         data.max = is_read_only(file)                         ? random_block_count
                    : settings.data_count < random_block_count ? settings.data_count
                                                               : random_block_count;
@@ -582,7 +586,6 @@ void size_data_cache(vfs_file *file)
         // In key order such records lie anywhere: the same memory in smaller blocks reads a quarter for each of them.
         data.block_size = random_block_bytes;
         data.min = data.max = settings.data_count * static_cast<uint32_t>(data_block_bytes / random_block_bytes);
-        data.readahead = 0;
     }
     if (is_shared(file) && !is_read_only(file)) {
         data.block_size = shared_block_bytes;
@@ -614,16 +617,43 @@ void advise(vfs_file *file)
         posix_fadvise(file->fd, 0, 0, POSIX_FADV_RANDOM);
         return;
     }
-    if (flat && (file->setup_flags & setup_caching) != 0) file->data.flags |= cache_drop_behind;
+    if (flat && file->settings.caching) file->data.flags |= cache_drop_behind;
     if ((file->mode_flags & mode_reversed) != 0) return; // the system reads ahead the other way
     posix_fadvise(file->fd, 0, 0, POSIX_FADV_SEQUENTIAL);
     if (flat) posix_fadvise(file->fd, 0, 0, POSIX_FADV_NOREUSE);
-    file->data.flags |= cache_sequential;
+}
+
+bool appends_only(const vfs_file *file)
+{
+    return (file->host.open_flags & O_WRONLY) != 0 && (file->host.open_flags & O_APPEND) != 0;
+}
+
+// What is read before it is asked for: the blocks in which a sequential program begins, when records lie in the order in
+// which it wants them. An update in key order goes back and forth: it reads what it needs.
+void plan_preread(vfs_file *file)
+{
+    vfs_cache &data = file->data;
+    const bool updates = !is_read_only(file) && (file->mode_flags & mode_write_only) == 0;
+    const bool in_order = file->access_mode == VFS_ACCESS_SEQUENTIAL && file->physically_sequential;
+    if (!is_regular(file) || !in_order || (updates && file->trees())) data.readahead = 0;
+    const bool unwanted = (file->host.options & VFS_OPT_NO_PREREAD) != 0;
+    if (data.readahead == 0 || unwanted || file->end_of_file == file->data_start) return;
+    data.preread_position = file->end_of_file;
+    if ((file->mode_flags & mode_reversed) != 0) {
+        data.preread_direction = preread_backward;
+        data.preread_count = data.min;
+    } else if (appends_only(file)) {
+        data.preread_count = 1;
+    } else if ((file->mode_flags & mode_write_only) == 0) {
+        data.preread_position = file->data_start;
+        data.preread_count = data.min;
+    }
 }
 
 int open_data_cache(vfs_file *file)
 {
     size_data_cache(file);
+    plan_preread(file);
     file->data.rfd = file->data.wfd = file->fd;
     file->data.filesize = file->end_of_file;
     file->data.flags |= cache_zero_fill;
@@ -667,8 +697,7 @@ void initial_position(vfs_file *file)
     static constexpr uint8_t forward[8] = {0, 4, 1, 0, 2, 3, 3, 1}, reversed[8] = {1, 0, 0, 4, 3, 1, 2, 3};
     const bool backwards = (file->mode_flags & mode_reversed) != 0;
     std::memcpy(file->direction, backwards ? reversed : forward, sizeof file->direction);
-    const bool appends = (file->host.open_flags & O_WRONLY) != 0 && (file->host.open_flags & O_APPEND) != 0;
-    const bool at_end = backwards || appends;
+    const bool at_end = backwards || appends_only(file);
 
     vfs_request &last = file->last;
     last.key_length = file->indexed() ? key_length_of(file, 0) : 8; // key 0 is the key of reference to begin with
@@ -769,21 +798,19 @@ vfs_file *file_open(vfs_open_block *block, const open_services &services)
 {
     open_settings settings;
     services.read_settings(&settings);
-    if (block == nullptr || block->path == nullptr) {
+    vfs_file *file = nullptr;
+    if (block == nullptr || block->path == nullptr)
         errno = EINVAL;
-        return nullptr;
-    }
-    if (process_generation_watch() == -1) return nullptr;
-    vfs_file *file = handle_allocate(block, services, settings);
-    if (file == nullptr) return nullptr;
-    if (open_steps(file, services) == 0) {
+    else if (process_generation_watch() == 0)
+        file = handle_allocate(block, services, settings);
+    if (file != nullptr && open_steps(file, services) == 0) {
         file->error = 0;
         errno = 0;
         return file;
     }
     const int cause = errno;
-    if (file->debug) std::fprintf(stderr, "Open failed... %d\n", cause);
-    file_abandon(file);
+    if (settings.debug) std::fprintf(stderr, "Open failed... %d\n", cause);
+    if (file != nullptr) file_abandon(file);
     errno = cause;
     return nullptr;
 }

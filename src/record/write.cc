@@ -40,12 +40,6 @@ int mode_check(const operation_call &call)
     return call.mode == VFS_POS_CURRENT && call.file->last.mode == VFS_POS_UNDEFINED ? fail(EINVAL) : 0;
 }
 
-void leave_sequence(vfs_file *file)
-{
-    file->physically_sequential = false;
-    file->data.flags = static_cast<uint8_t>(file->data.flags & ~cache_sequential);
-}
-
 // Where the operation stood before it changed anything.
 struct write_undo {
     uint64_t highest_rrn, end_of_file, deleted, records;

@@ -97,12 +97,6 @@ int list_advance(vfs_file *file)
     return index_block_free(file, &file->meta, first);
 }
 
-void leave_sequence(vfs_file *file)
-{
-    file->physically_sequential = false;
-    file->data.flags = static_cast<uint8_t>(file->data.flags & ~cache_sequential);
-}
-
 // Takes a listed slot of at least `needed` bytes: 1 found, 0 none, -1. Entries that do not lead to such a slot are
 // dropped: what the slot itself says counts.
 int take_listed(vfs_file *file, uint64_t needed, vfs_request *request)

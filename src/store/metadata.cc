@@ -108,6 +108,7 @@ int metadata_refresh(vfs_file *file)
         (locked && session_check(file) == -1))
         return store_damaged(file);
     header_load(file);
+    if (!file->physically_sequential) leave_sequence(file);
     remember_seen(file);
     if (header_check_keys(file) == -1) return store_damaged(file);
     const bool trees_changed = tsn != file->tsn;

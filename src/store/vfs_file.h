@@ -159,6 +159,13 @@ inline void remember_seen(vfs_file *file)
     file->seen_end = file->end_of_file;
 }
 
+// The records no longer lie in the order of their keys: what follows in the file is not what is asked for next.
+inline void leave_sequence(vfs_file *file)
+{
+    file->physically_sequential = false;
+    file->data.readahead = 0;
+}
+
 // ---- The header image: hdrb of the Meta cache ----
 
 inline std::span<const std::byte> header_image(const vfs_file *file)

@@ -44,11 +44,7 @@ enum : uint8_t { // file_state::mode_flags
     mode_reversed = 128,  // VFS_OPT_REVERSED
 };
 
-enum : uint8_t {            // file_state::setup_flags
-    setup_default_keys = 1, // the host gave no key description
-    setup_size_fixed = 2,   // the Data block size is fixed
-    setup_caching = 4,
-};
+enum : uint8_t { setup_default_keys = 1 }; // file_state::setup_flags: the host gave no key description
 
 // Ticks and usage summed over waits; the usage words are kept separately, not normalised.
 struct wait_times {

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <clocale>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <regex>
@@ -131,7 +132,8 @@ TEST_F(Open, BadKeyDescriptionsAreRefusedBeforeAnythingIsMade)
     EXPECT_EQ(opened_with([](key_block &k) { k.get()->primary_key = 2; }), EINVAL);
     EXPECT_EQ(opened_with([](key_block &k) { k.get()->primary_key = -1; }), EINVAL);
     EXPECT_EQ(opened_with([](key_block &k) { k.get()->count = 0; }), EINVAL);
-    EXPECT_EQ(opened_with([](key_block &k) { k.get()->total_size = 48; }), EINVAL);
+    for (const int64_t size : {48, 17 << 20})
+        EXPECT_EQ(opened_with([&](key_block &k) { k.get()->total_size = size; }), EINVAL);
     EXPECT_EQ(ops().access(path().c_str()), 0);
     // A leaf of fewer than four entries cannot be split.
     EXPECT_EQ(error_of(indexed(path(), {{.parts = {{0, 8152}}}}, 9000)), EINVAL);
@@ -364,6 +366,46 @@ TEST_F(Open, LockAndUnlockFollowTheLockModeOfTheFile)
     EXPECT_EQ(f.run(operation::unlock, next()).value, 0);
     EXPECT_EQ(ops().unlock_all(f.handle()), 0);
     EXPECT_EQ(f.rest().size(), 3u);
+}
+
+TEST_F(Open, ASequentialProgramFindsItsFirstBlocksOnTheirWay)
+{
+    constexpr uint64_t block = 131072;
+    const file_spec big = flat(path(), VFS_FORMAT_VARIABLE, 4000).with_access(VFS_ACCESS_SEQUENTIAL);
+    {
+        file f{big.with_flags(O_WRONLY | O_CREAT)};
+        for (int n = 0; n < 300; ++n) ASSERT_EQ(f.write(std::string(4000, 'x')).value, 4000);
+        ASSERT_EQ(f.close(), 0);
+    }
+    const uint64_t last = std::filesystem::file_size(path()) / block;
+    variables.set("VFS_DEBUG", "1");
+    for (const char *aio : {"0", "1"}) {
+        variables.set("VFS_IO_AIO", aio);
+        // What the Data cache holds at once after an open, by the dump that close prints: the block used last is first.
+        const auto expect_blocks = [&](const file_spec &spec, const std::vector<uint64_t> &numbers) {
+            file f{spec};
+            printed();
+            f.close();
+            std::string text = printed();
+            text.resize(text.find("Meta "));
+            std::vector<uint64_t> found;
+            for (std::smatch at; std::regex_search(text, at, std::regex(" #[0-9]+ .* [0-9]+@0x([0-9a-f]+)-"));
+                 text = at.suffix())
+                if (const uint64_t offset = std::stoull(at[1], nullptr, 16); offset != UINT64_MAX)
+                    found.push_back(offset / block);
+            EXPECT_EQ(found, numbers) << spec.flags << ' ' << spec.options << ' ' << aio;
+        };
+        expect_blocks(big.with_flags(O_RDONLY), {3, 2, 1, 0});
+        expect_blocks(big.with_flags(O_RDWR), {3, 2, 1, 0});
+        expect_blocks(big.with_flags(O_RDONLY).with_options(VFS_OPT_REVERSED), {last - 3, last - 2, last - 1, last});
+        expect_blocks(big.with_flags(O_WRONLY | O_APPEND), {last});
+        expect_blocks(big.with_flags(O_WRONLY), {});
+        expect_blocks(big.with_flags(O_RDONLY).with_options(VFS_OPT_NO_PREREAD), {});
+        expect_blocks(big.with_flags(O_RDONLY).with_access(VFS_ACCESS_DYNAMIC), {});
+        variables.set("VFS_DATA_READAHEAD", "0");
+        expect_blocks(big.with_flags(O_RDONLY), {});
+        variables.set("VFS_DATA_READAHEAD", std::nullopt);
+    }
 }
 
 TEST_F(Open, DescriptorsBelowThreeAreNeverUsedForData)
