@@ -63,17 +63,6 @@ TEST_F(Dump, UnusedCacheIsAllZero)
                                 "\tbuffers 0:0 / 0-0  wc=@(nil)  c=@(nil) h=@(nil)  t=@(nil)  n=@(nil)\n");
 }
 
-TEST_F(Dump, CountersInTheCLocale)
-{
-    count_much();
-    EXPECT_EQ(dump(data, false), "A PIO Data  0 0:0-0 @8.00KiB  file: orders\n"
-                                 "\tuse=4000000 hit=3000000(75.00%) miss=1000000(25.00%)\n"
-                                 "\tasync=1012 random=0 stall=1003 spill=1002 wait=1004 prefetch=1007 abscond=1009\n"
-                                 "\tflush=1006 invalidate=1005 cancel=1008 lock=1010 retries=1011\n"
-                                 "\textend=1013 redundant=0 readahead=1014 writebehind=1015 errno=5\n"
-                                 "\tread=1023.00KiB write=1.50KiB\n");
-}
-
 TEST_F(Dump, CountersInALocaleThatGroups)
 {
     ASSERT_TRUE(group_thousands()) << "localedef, with the character maps of Debian's package `locales`, makes it";
@@ -85,33 +74,6 @@ TEST_F(Dump, CountersInALocaleThatGroups)
               "\tflush=1,006 invalidate=1,005 cancel=1,008 lock=1,010 retries=1,011\n"
               "\textend=1,013 redundant=0 readahead=1,014 writebehind=1,015 errno=5\n"
               "\tread=1,023.00KiB write=1.50KiB\n");
-}
-
-TEST_F(Dump, BuffersOfBothLists)
-{
-    fill(3);
-    set_up(&data, 3, 3);
-    data.name = "orders";
-    ASSERT_EQ(write(2 * block, "w"), 1);
-    ASSERT_NE(cache_fetch_at(&data, 0), nullptr);
-    ASSERT_NE(cache_fetch_at(&data, block), nullptr);
-    cache_drop_block(&data, 0);
-    EXPECT_EQ(dump(data, true),
-              "H PIO Data  0 2:3-3 @8.00KiB  file: orders\n"
-              "\tuse=3 hit=0(0.00%) miss=3(100.00%)\n"
-              "\tasync=0 random=0 stall=0 spill=0 wait=0 prefetch=0 abscond=0\n"
-              "\tflush=0 invalidate=1 cancel=0 lock=0 retries=0\n"
-              "\textend=0 redundant=0 readahead=0 writebehind=0 errno=0\n"
-              "\tread=24.00KiB write=0.00B\n"
-              "\tfilesize 0x6000  append 0x6000\n"
-              "\tbuffers 2:1 / 3-3  wc=@ADDRESS  c=@ADDRESS h=@ADDRESS  t=@ADDRESS  n=@ADDRESS\n"
-              "\tQueues act 2  idle 1  total 3  Pending read 0  dirty 1  write 0  random 0/0\n"
-              "  MRU/LRU queue buffers 2\n"
-              "  #00  @ADDRESS  p=@(nil)  n=@ADDRESS HWo  8192@0x2000-0x3fff-0x3fff @ADDRESS 0  Curr Head\n"
-              "  #01  @ADDRESS  p=@ADDRESS  n=@(nil) HWQd  8192@0x4000-0x5fff-0x5fff @ADDRESS 0  WCurr Tail\n"
-              "  Idle queue buffers 1\n"
-              "  #00  @ADDRESS  p=(nil)  n=(nil) WI  0@0xffffffffffffffff-0x0-0xffffffffffffffff @ADDRESS 0  New "
-              "Head Tail\n");
 }
 
 TEST_F(Dump, EnginesAndKindsHaveTheirWords)

@@ -105,21 +105,6 @@ TEST_P(Engine, BlocksReadAheadAreUnderWayAndThenRight)
     EXPECT_EQ(data.stats.bytes_read, 10 * block);
 }
 
-TEST_P(Engine, BlockThatIsNotInThePageCacheIsReadWhileTheCallerGoesOn)
-{
-    constexpr uint64_t large = 1 << 20;
-    fill(4, large);
-    ASSERT_EQ(fdatasync(other), 0);
-    ASSERT_EQ(posix_fadvise(other, 0, 0, POSIX_FADV_DONTNEED), 0);
-    set_up(&data, 4, 4, large);
-    cache_prefetch(&data, 2 * large);
-    check();
-    EXPECT_EQ(data.pending_reads, 1U);
-    EXPECT_EQ(read(3 * large - 3, 3), "ccc");
-    EXPECT_EQ(data.curr->bytes, large);
-    check();
-}
-
 TEST_P(Engine, FullBlockIsWrittenBehindTheWriterOnce)
 {
     set_up(&data, 4, 4);
@@ -138,32 +123,6 @@ TEST_P(Engine, FullBlockIsWrittenBehindTheWriterOnce)
     EXPECT_EQ(on_disk(0, 12), "wwwwwagainww");
     EXPECT_EQ(data.stats.spill, 0U);
     EXPECT_EQ(on_disk(3 * block - 1, 5).substr(0, 1), "w");
-}
-
-TEST_P(Engine, DepthOfOneWritesOneBlockAtATime)
-{
-    set_up(&data, 4, 4);
-    for (vfs_buffer *buffer = data.idle_head; buffer != nullptr; buffer = buffer->next) buffer->writebehind = 1;
-    data.writebehind = 1;
-    for (uint64_t k = 0; k < 4; ++k) {
-        ASSERT_EQ(write(k * block, std::string(block, 'o')), static_cast<int64_t>(block));
-        EXPECT_LE(data.pending_writes, 1U);
-    }
-    ASSERT_EQ(cache_write_out(&data, 0, none), 0);
-    EXPECT_EQ(size_on_disk(), 4 * block);
-}
-
-TEST_P(Engine, FlushStartsEveryWriteBeforeItWaits)
-{
-    fill(4);
-    set_up(&data, 4, 4);
-    for (uint64_t k = 0; k < 4; ++k) ASSERT_EQ(write(k * block + 100, "flushed"), 7);
-    EXPECT_EQ(cache_write_dirty(&data, 0, none), 4);
-    check();
-    EXPECT_EQ(data.pending_writes, left_under_way(4));
-    EXPECT_EQ(cache_wait_writes(&data, 0, none), static_cast<int>(left_under_way(4)));
-    check();
-    for (uint64_t k = 0; k < 4; ++k) EXPECT_EQ(on_disk(k * block + 100, 7), "flushed");
 }
 
 TEST_P(Engine, CancelledReadsCountAsNothingReadAndCloseWaits)
@@ -220,20 +179,6 @@ TEST_P(Engine, FailedWriteBehindIsKeptAndReported)
     close(wrong);
 }
 
-TEST_P(Engine, EndOfFileInsideABlockIsReadRight)
-{
-    fill(2);
-    change_on_disk(2 * block, "tail");
-    file.end_of_file += 4;
-    set_up(&data, 4, 4);
-    cache_prefetch(&data, 2 * block);
-    EXPECT_EQ(read(2 * block, 100), "tail");
-    EXPECT_EQ(data.curr->bytes, 4U);
-    EXPECT_NE(data.curr->state & buffer_end_of_data, 0);
-    EXPECT_EQ(static_cast<char>(data.curr->data[4]), '\0');
-    EXPECT_NE(fcntl(file.fd, F_GETFL) & O_DIRECT, std::get<1>(GetParam()) ? 0 : O_DIRECT) << "still direct";
-}
-
 TEST_P(Engine, ForkedChildLeavesTransfersToItsParent)
 {
     ASSERT_EQ(process_generation_watch(), 0);
@@ -277,15 +222,5 @@ TEST_F(Servers, EachDataBufferHasAThreadAndNoneOutlivesItsBuffer)
         EXPECT_EQ(threads_settled(before + 4), before + 4) << "a buffer above the maximum has none";
     }
     ASSERT_EQ(cache_close(&data), 0);
-    EXPECT_EQ(threads_settled(before), before);
-}
-
-TEST_F(Servers, OneBufferNeedsNone)
-{
-    const size_t before = threads_before();
-    fill(2);
-    file.mode_flags |= mode_threads;
-    set_up(&data, 1, 1);
-    EXPECT_EQ(read(0, 1), "a");
     EXPECT_EQ(threads_settled(before), before);
 }

@@ -42,13 +42,6 @@ TEST_P(Replacement, FifthBlockEvictsTheLeastRecentlyUsed)
     EXPECT_EQ(data.stats.bytes_read, 6 * block) << "one read per block";
 }
 
-TEST_P(Replacement, LookupInAnEmptyCacheFindsNothing)
-{
-    set_up(&data, 4, 4);
-    EXPECT_EQ(cache_lookup(&data, 0), 0);
-    EXPECT_EQ(errno, ENOENT);
-}
-
 TEST_P(Replacement, PinnedBlocksStayAndTheSurplusGoesWhenTheyAreReleased)
 {
     fill(8);
@@ -82,15 +75,6 @@ TEST_P(Replacement, DirtyTailMakesTheCacheGrowUpToItsMaximum)
     EXPECT_EQ(data.stats.spill, 1U);
     fetch(4);
     EXPECT_EQ(data.count, 3U);
-}
-
-TEST_P(Replacement, BudgetLetsTheCacheGrowBeforeItEvicts)
-{
-    fill(8);
-    file.settings.cache_size = 1 << 20;
-    set_up(&data, 2, 6);
-    for (uint64_t k = 0; k < 8; ++k) fetch(k);
-    EXPECT_EQ(cached_blocks(), "234567");
 }
 
 TEST_P(Replacement, ManyBlocksShrinkAndGrowAgain)
@@ -162,17 +146,6 @@ TEST_P(Replacement, ReadAheadFollowsTheModeAndStopsAtTheEnds)
     check();
 }
 
-TEST_P(Replacement, PrereadFillsTheCacheFromItsPosition)
-{
-    fill(10);
-    data.preread_count = 3;
-    data.preread_position = 10 * block;
-    data.preread_direction = preread_backward;
-    set_up(&data, 4, 4);
-    EXPECT_EQ(cached_blocks(), "89") << "the end itself stands for the last block";
-    EXPECT_EQ(data.miss, 2U);
-}
-
 TEST_P(Replacement, NewBlockIsZeroedAndNotRead)
 {
     fill(2);
@@ -218,19 +191,6 @@ TEST_P(Replacement, IndexBlockIsWrittenWholeAndMovesWithItsChange)
     check();
     EXPECT_EQ(on_disk(4096 + block, block), std::string(block, 'N'));
     EXPECT_EQ(meta.stats.bytes_written, block);
-}
-
-TEST_P(Replacement, MarkOfAVerifiedBlockGoesWithTheBlock)
-{
-    fill(3);
-    set_up(&index, 1, 1);
-    cache_fetch_at(&index, 0)->checked = true;
-    EXPECT_TRUE(cache_fetch_at(&index, 0)->checked);
-    EXPECT_FALSE(cache_fetch_at(&index, block)->checked) << "another block in the same buffer";
-    cache_fetch_at(&index, block)->checked = true;
-    cache_discard(&index);
-    EXPECT_FALSE(cache_fetch_at(&index, block)->checked);
-    check();
 }
 
 TEST_P(Replacement, InvalidateWritesAndDiscardDoesNot)

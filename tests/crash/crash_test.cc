@@ -29,12 +29,6 @@ using namespace host;
 constexpr uint32_t own_ids = 12;
 constexpr uint64_t never = UINT64_MAX;
 
-uint64_t setting(const char *name, uint64_t otherwise)
-{
-    const char *text = getenv(name);
-    return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
-}
-
 // ---- What was done, and when: moments are numbers of recorded changes ------------------------------------------------
 
 struct done_operation {
@@ -247,11 +241,7 @@ class Stop : public testing::TestWithParam<workload> {
 protected:
     Stop()
     {
-        for (const char *name : {"VFS_DEBUG", "VFS_SYNC", "VFS_CACHE_SIZE"}) unsetenv(name);
-        setenv("VFS_LOCK", "9", 1);
         if (GetParam().variable != nullptr) setenv(GetParam().variable, "1", 1);
-        std::string pattern = std::filesystem::temp_directory_path() / "vfs_crash_XXXXXX";
-        directory_ = mkdtemp(pattern.data());
         spec_ = storm_spec(GetParam().what, path("file"), GetParam().lock_mode);
         if (GetParam().lock_mode != VFS_LOCK_RECORD) spec_.locks->share_mode = VFS_SHARE_NONE;
         record_changes(nullptr, nullptr); // the library is loaded here, the children have it
@@ -259,10 +249,9 @@ protected:
     ~Stop() override
     {
         if (GetParam().variable != nullptr) unsetenv(GetParam().variable);
-        if (!HasFailure() || getenv("VFS_CRASH_KEEP") == nullptr) std::filesystem::remove_all(directory_);
     }
 
-    std::string path(const std::string &name) const { return directory_ + "/" + name; }
+    std::string path(const std::string &name) const { return ground_.path(name); }
 
     void work(uint64_t seed, uint64_t operations)
     {
@@ -366,7 +355,8 @@ protected:
         return "";
     }
 
-    std::string directory_, stopped_;
+    storm_ground ground_;
+    std::string stopped_;
     file_spec spec_;
     sure_records sure_;
     shared_memory<journal> book_;
@@ -375,8 +365,8 @@ protected:
 
 TEST_P(Stop, AtAnyMomentLosesNothingThatAFlushCovered)
 {
-    const uint64_t seed = setting("VFS_CRASH_SEED", 1), states = setting("VFS_CRASH_STATES", 60);
-    ASSERT_NO_FATAL_FAILURE(work(seed, setting("VFS_CRASH_OPERATIONS", 150)));
+    const uint64_t seed = number_from("VFS_CRASH_SEED", 1), states = number_from("VFS_CRASH_STATES", 60);
+    ASSERT_NO_FATAL_FAILURE(work(seed, number_from("VFS_CRASH_OPERATIONS", 150)));
     const uint64_t moments = book_->changes.changes;
     ASSERT_GT(moments, 50U);
     ASSERT_GT(book_->flush_count, 3U);

@@ -138,32 +138,6 @@ TEST_F(Descriptor, WithoutKeysTheDefaultDescriptionIsShown)
     EXPECT_EQ(row->part_list, 72);
 }
 
-TEST_F(Descriptor, FlushOfAnUnchangedFileWritesNothing)
-{
-    file{flat(path(), VFS_FORMAT_VARIABLE, 10)}.close();
-    const std::string before = slurp(path());
-    file f{flat(path(), VFS_FORMAT_VARIABLE, 10).with_flags(O_RDONLY)};
-    EXPECT_EQ(f.flush(), 0);
-    EXPECT_EQ(f.close(), 0);
-    EXPECT_EQ(slurp(path()), before);
-}
-
-TEST_F(Descriptor, FlushedRecordsAreInTheFileBeforeClose)
-{
-    file f{indexed(path(), {{.parts = {{0, 4}}}}, 50)};
-    f.write("key1 flushed", by_record());
-    EXPECT_EQ(f.flush(), 0);
-    // A copy of the bytes as they stand is a sound file but for the word that says another start of the machine may
-    // not believe it.
-    spill(path("copy"), slurp(path()));
-    EXPECT_EQ(peek(path("copy"), 320), 0u);
-    poke(path("copy"), 328, 0);
-    EXPECT_EQ(ops().access(path("copy").c_str()), 1);
-    file copy{indexed(path("copy"), {{.parts = {{0, 4}}}}, 50).with_flags(O_RDONLY)};
-    ASSERT_TRUE(copy.ok()) << copy.error() << printed();
-    EXPECT_TRUE(copy.read(by_key("key1")).found("key1 flushed"));
-}
-
 TEST_F(Descriptor, AStoredErrorEndsEveryOperationAndClosesWithIt)
 {
     // A file that is made anew under a shared handle gives that handle a stored error.

@@ -53,7 +53,8 @@ protected:
         variables.set("VFS_LOCK", lock);
         guard_.emplace(200);
         if (strcmp(lock, "4") == 0) changes_ = 10; // each of these writes whole blocks twice
-        if (const char *wanted = getenv("VFS_FAULT_OPERATIONS")) changes_ = std::min(atoi(wanted), 2500);
+        const uint64_t wanted = number_from("VFS_FAULT_OPERATIONS", static_cast<uint64_t>(changes_));
+        changes_ = static_cast<int>(std::min<uint64_t>(wanted, 2500));
         thorough_ = changes_ > 18 || strcmp(lock, "0") == 0;
     }
 

@@ -388,6 +388,12 @@ uint64_t peek(const std::string &path, uint64_t offset)
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
+uint64_t number_from(const char *variable, uint64_t otherwise)
+{
+    const char *text = getenv(variable);
+    return text == nullptr || *text == '\0' ? otherwise : std::strtoull(text, nullptr, 10);
+}
+
 std::string numbered(const char *format, int64_t number)
 {
     char text[64];

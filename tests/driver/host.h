@@ -177,7 +177,8 @@ constexpr uint64_t tsn_at = 40, dsn_at = 48, table_at = 96, table_end_at = 104, 
 void poke(const std::string &path, uint64_t offset, std::string_view bytes);
 void poke(const std::string &path, uint64_t offset, uint64_t value);
 uint64_t peek(const std::string &path, uint64_t offset);
-std::string numbered(const char *format, int64_t number); // snprintf with one %ld
+std::string numbered(const char *format, int64_t number);       // snprintf with one %ld
+uint64_t number_from(const char *variable, uint64_t otherwise); // of the environment: unset or empty is otherwise
 
 // Sets a variable for the life of the guard and puts the old value back.
 class environment {

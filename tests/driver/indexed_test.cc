@@ -121,47 +121,6 @@ TEST_F(Indexed, SequentialAccessWantsAscendingPrimaryKeys)
     EXPECT_EQ(f.info().record_count, 2);
 }
 
-TEST_F(Indexed, RewriteMovesExactlyTheChangedKeys)
-{
-    file f{spec()};
-    f.write("AAAA01red", by_record());
-    f.write("BBBB02red", by_record());
-    EXPECT_TRUE(f.rewrite("AAAA02red", by_record()).failed(EADDRINUSE));
-    EXPECT_TRUE(f.read(by_key("01", 1)).found("AAAA01red"));
-    EXPECT_TRUE(f.read(by_key("AAAA")).found("AAAA01red"));
-    EXPECT_EQ(f.rewrite("AAAA03blu", by_record()).value, 9);
-    EXPECT_TRUE(f.read(by_key("01", 1)).ended());
-    EXPECT_TRUE(f.read(by_key("03", 1)).found("AAAA03blu"));
-    EXPECT_TRUE(f.read(by_key("red", 2)).found("BBBB02red"));
-    EXPECT_TRUE(f.read(by_key("blu", 2)).found("AAAA03blu"));
-    EXPECT_TRUE(f.rewrite("BBBB02red", by_key("red", 2)).failed(EINVAL));
-    EXPECT_TRUE(f.erase(by_key("red", 2)).failed(EINVAL));
-    EXPECT_TRUE(f.rewrite("XXXX02red", by_key("ZZZZ")).failed(ESPIPE));
-    EXPECT_TRUE(f.erase(by_key("ZZZZ")).failed(ESPIPE));
-    EXPECT_TRUE(f.rewrite("XXXX02red", by_key("BBBB", 3)).failed(EINVAL));
-    // By one key to another: the given key finds, the record decides.
-    EXPECT_EQ(f.rewrite("CCCC02red", by_key("BBBB")).value, 9);
-    EXPECT_TRUE(f.read(by_key("CCCC")).found("CCCC02red"));
-    EXPECT_TRUE(f.read(by_key("BBBB")).ended());
-}
-
-TEST_F(Indexed, EveryKeyLeadsToARelocatedRecord)
-{
-    file f{spec()};
-    for (const char *each : {"AAAA01red", "BBBB02red", "CCCC03red"}) f.write(each, by_record());
-    const std::string grown = "BBBB02red" + std::string(80, '+');
-    EXPECT_EQ(f.rewrite(grown, by_record()).value, 89);
-    EXPECT_TRUE(f.read(by_key("BBBB")).found(grown));
-    EXPECT_TRUE(f.read(by_key("02", 1)).found(grown));
-    for (int64_t k = 0; k < 3; ++k) {
-        EXPECT_GE(f.start(first(k)).value, 9);
-        EXPECT_EQ(f.rest(), (std::vector<std::string>{"AAAA01red", grown, "CCCC03red"})) << k;
-    }
-    EXPECT_EQ(f.erase(by_key("BBBB")).value, 0);
-    EXPECT_EQ(f.info().empty_count, 2);
-    EXPECT_TRUE(f.read(by_key("02", 1)).ended());
-}
-
 TEST_F(Indexed, StartFindsByEveryRelationAndLeadingPart)
 {
     file f{spec()};
@@ -252,58 +211,6 @@ TEST_F(Indexed, EachKeyKeepsReadingWhereItsLastReadStood)
     EXPECT_TRUE(f.read(by_key("02", 1)).found("BBBB02red"));
     EXPECT_TRUE(f.read(next()).found("AAAA03red"));
     EXPECT_TRUE(f.read(by_rrn(0)).failed(EINVAL));
-}
-
-TEST_F(Indexed, KeysBeyondAShortRecordAreZeros)
-{
-    file f{spec()};
-    EXPECT_EQ(f.write("AAAA01", by_record()).value, 6);
-    EXPECT_EQ(f.write("BBBB02r", by_record()).value, 7);
-    EXPECT_EQ(f.write("CC", by_record()).value, 2);
-    EXPECT_TRUE(f.read(by_key(std::string{"\0\0\0", 3}, 2)).found("AAAA01"));
-    EXPECT_TRUE(f.read(by_key("r", 2)).found("BBBB02r"));
-    EXPECT_TRUE(f.read(by_key("CC")).found("CC"));
-    EXPECT_TRUE(f.write("DD", by_record()).failed(EADDRINUSE)); // the unique key of zeros is taken
-}
-
-TEST_F(Indexed, KeysOfManyPartsAndLongKeysWork)
-{
-    file f{spec()}; // leaves a sound file for TearDown
-    std::vector<key_part> scattered;
-    for (int64_t i = 0; i < 100; ++i) scattered.push_back({990 - i * 10, 3});
-    const std::string name = path("long");
-    file g{indexed(name, {{.parts = scattered}, {.parts = {{0, 300}}, .duplicates = true}}, 1000)};
-    ASSERT_TRUE(g.ok()) << g.error();
-    std::vector<std::string> all;
-    for (int64_t n = 0; n < 200; ++n) {
-        std::string record(1000, 'x');
-        record.replace(990, 3, numbered("%03ld", n * 7 % 200));
-        record[299] = static_cast<char>('a' + n % 3);
-        ASSERT_EQ(g.write(record, by_record()).value, 1000) << n;
-        all.push_back(record);
-    }
-    std::sort(all.begin(), all.end(),
-              [](const std::string &a, const std::string &b) { return a.substr(990) < b.substr(990); });
-    EXPECT_EQ(g.start(first(0)).value, 1000);
-    EXPECT_EQ(g.rest(), all);
-    EXPECT_EQ(g.start(first(1)).value, 1000);
-    EXPECT_EQ(g.rest().size(), 200u);
-    EXPECT_EQ(g.close(), 0);
-    EXPECT_EQ(check_file(name), "");
-}
-
-TEST_F(Indexed, AListedSlotIsReusedWithItsLength)
-{
-    file f{spec()};
-    f.write("AAAA01red" + std::string(120, 'x'), by_record());
-    const outcome middle = f.write("BBBB02red" + std::string(150, 'x'), by_record());
-    f.write("CCCC03red", by_record());
-    EXPECT_EQ(f.erase(by_key("BBBB")).value, 0);
-    EXPECT_EQ(f.info().empty_count, 1);
-    EXPECT_EQ(f.write("DDDD04red", by_record()).offset, middle.offset);
-    EXPECT_EQ(f.info().empty_count, 0);
-    EXPECT_EQ(f.close(), 0);
-    EXPECT_EQ(peek(path(), middle.offset), 200u);
 }
 
 // What another handle of the process does to the record that this one stands on.

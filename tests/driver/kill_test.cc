@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
 #include <iostream>
 
 namespace {
@@ -156,17 +155,12 @@ class Kill : public testing::TestWithParam<scene> {
 protected:
     Kill()
     {
-        for (const char *name : {"VFS_DEBUG", "VFS_SYNC", "VFS_CACHE_SIZE"}) unsetenv(name);
-        setenv("VFS_LOCK", "9", 1);
         if (GetParam().synced) setenv("VFS_SYNC", "1", 1);
-        std::string pattern = std::filesystem::temp_directory_path() / "vfs_kill_XXXXXX";
-        directory_ = mkdtemp(pattern.data());
-        spec_ = storm_spec(GetParam().what, directory_ + "/file", GetParam().lock_mode);
+        spec_ = storm_spec(GetParam().what, ground_.path(), GetParam().lock_mode);
         obey(nullptr); // the library is loaded here, the children have it
     }
-    ~Kill() override { std::filesystem::remove_all(directory_); }
 
-    std::string errors() const { return directory_ + "/errors"; }
+    std::string errors() const { return ground_.path("errors"); }
 
     // The file that every round starts from, and what it holds before and after the operation.
     void prepare()
@@ -347,7 +341,8 @@ protected:
         return cuts;
     }
 
-    std::string directory_, original_;
+    storm_ground ground_;
+    std::string original_;
     file_spec spec_;
     records before_, after_;
     shared_memory<board> board_;

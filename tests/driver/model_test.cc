@@ -410,12 +410,6 @@ private:
     std::unique_ptr<environment> environment_ = std::make_unique<environment>();
 };
 
-size_t number_from(const char *name, size_t fallback)
-{
-    const char *text = getenv(name);
-    return text == nullptr || *text == '\0' ? fallback : strtoul(text, nullptr, 10);
-}
-
 class Model : public DriverTest, public testing::WithParamInterface<shape> {
 protected:
     std::string attempt(const std::vector<step> &steps)

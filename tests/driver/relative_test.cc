@@ -82,22 +82,6 @@ TEST_F(Relative, AfterADeleteTheNextReadReturnsTheFollower)
     EXPECT_EQ(f.rest().size(), 5u);
 }
 
-TEST_F(Relative, ARelocatedRecordKeepsItsNumber)
-{
-    file f{spec()};
-    for (int64_t n = 0; n < 3; ++n) f.write("short");
-    const std::string grown(39, 'g');
-    const outcome home = f.read(by_rrn(1));
-    EXPECT_EQ(f.rewrite(grown, by_rrn(1)).value, 39);
-    const outcome got = f.read(by_rrn(1));
-    EXPECT_TRUE(got.found(grown));
-    EXPECT_NE(got.offset, home.offset);
-    EXPECT_EQ(f.info().empty_count, 1);
-    EXPECT_EQ(f.info().node_count, 0);
-    EXPECT_EQ(f.write("reuse").offset, home.offset);
-    EXPECT_EQ(f.read(by_rrn(3)).rrn, 3u);
-}
-
 TEST_F(Relative, NumbersDoNotRunBackWhenTheHighestIsDeleted)
 {
     file f{spec()};

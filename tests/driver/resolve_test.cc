@@ -128,6 +128,9 @@ TEST_F(Resolve, NameThatIsMissingOrTooLongIsRefused)
     const std::string endless(5000, 'n');
     EXPECT_EQ(ask(driver(), endless.c_str()).error, ENAMETOOLONG);
     EXPECT_EQ(ask(driver(), endless.c_str()).driver, "");
+    variables.set("KELP_TK_RVX_SERVER", endless.substr(0, 4000));
+    EXPECT_EQ(ask(driver(), ("rvx-" + endless.substr(0, 200)).c_str()).error, ENAMETOOLONG);
+    variables.set("KELP_TK_RVX_SERVER", std::nullopt);
 }
 
 TEST_F(Resolve, ResolvedNameMayBeResolvedAgain)

@@ -120,25 +120,6 @@ TEST_F(Session, KeyTablesAreCheckedAgainstEachOther)
     EXPECT_EQ(error_of(spec()), 0);
 }
 
-TEST_F(Session, RenumberingIsOverWhenOpenReturns)
-{
-    for (const char *lock : {"0", "2", "4"}) {
-        make(20);
-        poke(path(), tsn_at, UINT64_MAX);
-        variables.set("VFS_LOCK", lock);
-        file f{spec()};
-        ASSERT_TRUE(f.ok()) << f.error();
-        EXPECT_NE(printed().find("Please be patient"), std::string::npos);
-        EXPECT_EQ(peek(path(), state_at), 0u);
-        EXPECT_EQ(peek(path(), tsn_at), 1u);
-        EXPECT_EQ(f.rest().size(), 20u);
-        EXPECT_EQ(f.close(), 0);
-        EXPECT_EQ(check_file(path()), "");
-        variables.set("VFS_LOCK", std::nullopt);
-        unlink(path().c_str());
-    }
-}
-
 TEST_F(Session, DirectTransfersReachTheWordsOfTheHeader)
 {
     variables.set("VFS_IO_DIO", "1");

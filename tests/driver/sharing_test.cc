@@ -585,8 +585,7 @@ private:
 
 TEST_F(Sharing, StepsReturnWhatStayedOnceWhateverAnotherProcessDoesBesideThem)
 {
-    const char *runs = getenv("VFS_SHARING_RUNS");
-    const uint64_t rounds = runs != nullptr ? std::strtoull(runs, nullptr, 10) : 6;
+    const uint64_t rounds = number_from("VFS_SHARING_RUNS", 6);
     for (uint64_t round = 0; round < rounds; ++round) {
         for (const form what : forms) {
             for (const bool by_group : {false, true}) {

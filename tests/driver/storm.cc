@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <filesystem>
+#include <iostream>
 #include <ostream>
 #include <random>
 #include <set>
@@ -21,6 +23,22 @@ const char *name_of(shape which)
 {
     static const char *const names[] = {"indexed", "relative", "sequential"};
     return names[static_cast<size_t>(which)];
+}
+
+storm_ground::storm_ground()
+{
+    for (const char *name : {"VFS_DEBUG", "VFS_SYNC", "VFS_CACHE_SIZE"}) unsetenv(name);
+    setenv("VFS_LOCK", "9", 1);
+    std::string pattern = std::filesystem::temp_directory_path() / "vfs_storm_XXXXXX";
+    directory_ = mkdtemp(pattern.data());
+}
+
+storm_ground::~storm_ground()
+{
+    if (testing::Test::HasFailure() && number_from("VFS_STORM_KEEP", 0) != 0)
+        std::cout << "kept " << directory_ << std::endl;
+    else
+        std::filesystem::remove_all(directory_);
 }
 
 // ---- Records -----------------------------------------------------------------------------------------------------

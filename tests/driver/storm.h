@@ -38,6 +38,21 @@ storm_report run_storm(const storm_plan &plan);
 
 std::ostream &operator<<(std::ostream &out, const storm_report &report);
 
+// A directory of its own, under the settings that storms work with: locks are as the files ask, nothing else is set.
+class storm_ground {
+public:
+    storm_ground();
+    ~storm_ground(); // removes it, unless the variable says that it is to be kept after a failure
+    storm_ground(const storm_ground &) = delete;
+    storm_ground &operator=(const storm_ground &) = delete;
+
+    std::string directory() const { return directory_; }
+    std::string path(const std::string &name = "file") const { return directory_ + "/" + name; }
+
+private:
+    std::string directory_;
+};
+
 // ---- The records of a storm: every byte follows from number and version ------------------------------------------
 
 struct storm_record {

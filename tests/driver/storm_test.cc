@@ -2,8 +2,6 @@
 // of them killed again and again. VFS_STORM_SECONDS and VFS_STORM_SEED make a storm longer, or another one.
 #include "storm.h"
 
-#include <cstdlib>
-#include <filesystem>
 #include <iostream>
 #include <random>
 
@@ -28,29 +26,20 @@ std::string name_of_case(const testing::TestParamInfo<weather> &info)
            (info.param.kills ? "Killed" : "");
 }
 
-int64_t from_environment(const char *name, int64_t otherwise)
-{
-    const char *text = getenv(name);
-    return text != nullptr && *text != '\0' ? atol(text) : otherwise;
-}
-
 class Storm : public testing::TestWithParam<weather> {};
 
 TEST_P(Storm, EveryAnswerIsKept)
 {
     const weather how = GetParam();
-    for (const char *name : {"VFS_DEBUG", "VFS_SYNC", "VFS_CACHE_SIZE"}) unsetenv(name);
-    setenv("VFS_LOCK", "9", 1); // the lock modes that the test asks for
-    std::string directory = std::filesystem::temp_directory_path() / "vfs_storm_XXXXXX";
-    ASSERT_NE(mkdtemp(directory.data()), nullptr);
-    const int64_t seconds = from_environment("VFS_STORM_SECONDS", 0);
-    const int64_t seed = from_environment("VFS_STORM_SEED", std::random_device{}());
+    const storm_ground ground;
+    const auto seconds = static_cast<int64_t>(number_from("VFS_STORM_SECONDS", 0));
+    const uint64_t seed = number_from("VFS_STORM_SEED", std::random_device{}());
     const storm_report report = run_storm({.what = how.what,
                                            .lock_mode = how.lock_mode,
                                            .kills = how.kills,
                                            .milliseconds = seconds != 0 ? seconds * 1000 : 1500,
-                                           .seed = static_cast<uint64_t>(seed),
-                                           .directory = directory});
+                                           .seed = seed,
+                                           .directory = ground.directory()});
     std::ostringstream figures;
     figures << report;
     std::cout << testing::PrintToString(how) << ", seed " << seed << ": " << figures.str() << std::endl;
@@ -61,10 +50,6 @@ TEST_P(Storm, EveryAnswerIsKept)
         EXPECT_GT(report.kills, 10u);
     }
     EXPECT_LT(report.longest_ns, 5'000'000'000) << "somebody waited for somebody who was gone";
-    if (HasFailure() && from_environment("VFS_STORM_KEEP", 0) != 0)
-        std::cout << "kept " << directory << std::endl;
-    else
-        std::filesystem::remove_all(directory);
 }
 
 INSTANTIATE_TEST_SUITE_P(Indexed, Storm,

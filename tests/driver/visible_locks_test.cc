@@ -1,6 +1,7 @@
 // Locks as the kernel has them: the byte range and type of every kind, and its release, observed from another process
 // with F_GETLK while this one works through the driver; what it waits for is read from the system's list of locks. The
 // test itself never opens the file: closing it would drop every lock of the process.
+#include "../other_process.h"
 #include "checker.h"
 #include "host.h"
 #include "processes.h"
@@ -31,21 +32,14 @@ std::ostream &operator<<(std::ostream &out, const seen_lock &lock)
     return out << type << " at " << lock.start << " for " << lock.length << " of " << lock.holder;
 }
 
-// Another process, which asks the kernel, and holds locks when told to.
-class observer {
+class observer : public other_process {
 public:
-    explicit observer(const std::string &path) : worker_([this, path] { serve(path); }) {}
-    ~observer()
-    {
-        desk_->command = -1;
-        asked_.open();
-        worker_.finish();
-    }
+    using other_process::other_process;
 
     // The first lock that would keep a write lock on the range out.
     seen_lock first(uint64_t start = 0, uint64_t length = 0)
     {
-        const struct flock found = ask(F_GETLK, F_WRLCK, start, length);
+        const struct flock found = in_the_way(F_WRLCK, start, length);
         if (found.l_type == F_UNLCK) return {};
         return {found.l_type, static_cast<uint64_t>(found.l_start), static_cast<uint64_t>(found.l_len), found.l_pid};
     }
@@ -62,14 +56,10 @@ public:
         }
         return found;
     }
-    bool take(short type, uint64_t start, uint64_t length) { return ask(F_SETLK, type, start, length).l_pid == 0; }
+    bool take(short type, uint64_t start, uint64_t length) { return ask(F_SETLK, type, start, length) == 0; }
 
 private:
-    struct desk {
-        int command;
-        struct flock lock;
-    };
-    // F_GETLK tells some conflicting lock: the range is narrowed until there is none below it.
+    // The kernel tells some conflicting lock: the range is narrowed until there is none below it.
     seen_lock lowest(uint64_t from)
     {
         seen_lock found = first(from, 0);
@@ -80,31 +70,6 @@ private:
         }
         return found;
     }
-    struct flock ask(int command, short type, uint64_t start, uint64_t length)
-    {
-        struct flock wanted {};
-        wanted.l_type = type;
-        wanted.l_start = static_cast<off_t>(start);
-        wanted.l_len = static_cast<off_t>(length);
-        *desk_ = {command, wanted};
-        asked_.open();
-        EXPECT_TRUE(answered_.wait());
-        return desk_->lock;
-    }
-    void serve(const std::string &path)
-    {
-        const int fd = ::open(path.c_str(), O_RDWR);
-        while (asked_.wait(120) && desk_->command != -1) {
-            const int result = fcntl(fd, desk_->command, &desk_->lock);
-            if (desk_->command == F_SETLK) desk_->lock.l_pid = result == 0 ? 0 : -1;
-            answered_.open();
-        }
-        _exit(0);
-    }
-
-    shared_memory<desk> desk_;
-    gate asked_, answered_;
-    child worker_;
 };
 
 class VisibleLocks : public DriverTest {

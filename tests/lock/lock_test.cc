@@ -1,6 +1,7 @@
 // Locks: the table says what the kernel holds, conflicts between handles and between processes, waiting, giving up,
 // deadlocks, and the texts. Method: handles are bare file_states that share one table; another process, driven through
 // pipes, takes locks and asks the kernel what ours are. Traces are on; untraced() leaves the texts that are always told.
+#include "../other_process.h"
 #include "lock/lock_table.h"
 
 #include <algorithm>
@@ -14,82 +15,12 @@
 #include <random>
 #include <sstream>
 #include <string>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace {
 
 const int traces_on = setenv("VFS_DEBUG_LOCK", "1", 1); // before the first lock operation
-
-// A process that makes fcntl calls for us: ask() waits for the answer, send() and answer() are its two halves.
-class other_process {
-public:
-    struct question {
-        int command;
-        struct flock lock;
-    };
-    explicit other_process(const std::string &path)
-    {
-        EXPECT_EQ(pipe(questions_), 0);
-        EXPECT_EQ(pipe(answers_), 0);
-        pid_ = fork();
-        if (pid_ == 0) serve(path);
-        close(questions_[0]);
-        close(answers_[1]);
-    }
-    ~other_process()
-    {
-        close(questions_[1]);
-        close(answers_[0]);
-        waitpid(pid_, nullptr, 0);
-    }
-    other_process(const other_process &) = delete;
-    other_process &operator=(const other_process &) = delete;
-
-    void send(int command, short type, uint64_t start, uint64_t length)
-    {
-        question asked{command, {}};
-        asked.lock.l_type = type;
-        asked.lock.l_start = static_cast<off_t>(start);
-        asked.lock.l_len = static_cast<off_t>(length);
-        EXPECT_EQ(write(questions_[1], &asked, sizeof asked), ssize_t(sizeof asked));
-    }
-    int answer() // 0, an error number, or for F_GETLK 100 + the type in the way
-    {
-        int result = -1;
-        EXPECT_EQ(read(answers_[0], &result, sizeof result), ssize_t(sizeof result));
-        return result;
-    }
-    int ask(int command, short type, uint64_t start, uint64_t length)
-    {
-        send(command, type, start, length);
-        return answer();
-    }
-    uint32_t type_at(uint64_t offset) // the lock that our process holds there
-    {
-        if (ask(F_GETLK, F_RDLCK, offset, 1) != 100 + F_UNLCK) return F_WRLCK;
-        return ask(F_GETLK, F_WRLCK, offset, 1) != 100 + F_UNLCK ? F_RDLCK : F_UNLCK;
-    }
-    pid_t pid() const { return pid_; }
-
-private:
-    [[noreturn]] void serve(const std::string &path)
-    {
-        close(questions_[1]);
-        const int fd = open(path.c_str(), O_RDWR);
-        question asked;
-        while (read(questions_[0], &asked, sizeof asked) == ssize_t(sizeof asked)) {
-            int result = fcntl(fd, asked.command, &asked.lock) == 0 ? 0 : errno;
-            if (result == 0 && asked.command == F_GETLK) result = 100 + asked.lock.l_type;
-            if (write(answers_[1], &result, sizeof result) != ssize_t(sizeof result)) break;
-        }
-        _exit(0);
-    }
-    int questions_[2], answers_[2];
-    pid_t pid_;
-};
 
 class Lock : public testing::Test {
 protected:
@@ -221,19 +152,6 @@ TEST_F(Lock, TableAndKernelAgreeAfterEveryStep)
     EXPECT_EQ(other.type_at(15), uint32_t{F_UNLCK});
 }
 
-TEST_F(Lock, SecondReaderOfTheProcessNeedsNoCallAndKeepsItsLock)
-{
-    other_process other(path_);
-    ASSERT_EQ(set(record(a_, 100, false)), 0);
-    (void)texts();
-    ASSERT_EQ(set(record(b_, 102, false, 4)), 0);
-    EXPECT_EQ(count(texts(), "fcntl("), 0u);
-    ASSERT_EQ(lock_release_records(&a_), 0);
-    EXPECT_EQ(other.type_at(101), uint32_t{F_UNLCK});
-    EXPECT_EQ(other.type_at(103), uint32_t{F_RDLCK});
-    EXPECT_EQ(other.type_at(107), uint32_t{F_UNLCK});
-}
-
 TEST_F(Lock, OverlapIsNotContainmentAndConvertingCallsTheKernel)
 {
     other_process other(path_);
@@ -324,82 +242,6 @@ TEST_F(Lock, MissingEntryIsDumped)
     EXPECT_EQ(clear(record(b_, 0x40)), -ENOENT); // another handle's is none of ours
 }
 
-TEST_F(Lock, BadTargetsAreRefused)
-{
-    lock_target target = record(a_, 10);
-    target.length = 0;
-    EXPECT_EQ(set(target), -ESPIPE);
-    target.kind = static_cast<lock_kind>(1);
-    EXPECT_EQ(set(target), -EINVAL);
-    target.kind = static_cast<lock_kind>(7);
-    EXPECT_EQ(clear(target), -EINVAL);
-    a_.shared = nullptr;
-    EXPECT_EQ(set(record(a_, 10)), 0); // locking is not set up: nothing happens
-}
-
-TEST_F(Lock, RecordsLeaveOutTheBytesWithAMeaning)
-{
-    other_process other(path_);
-    ASSERT_EQ(set(record(a_, exclusive_byte - 5)), 0);
-    ASSERT_EQ(set(record(a_, metadata_byte)), 0);
-    EXPECT_EQ(other.type_at(exclusive_byte - 1), uint32_t{F_WRLCK});
-    EXPECT_EQ(other.type_at(exclusive_byte), uint32_t{F_UNLCK});
-    EXPECT_EQ(other.type_at(metadata_byte), uint32_t{F_UNLCK});
-    EXPECT_EQ(other.type_at(metadata_byte + 9), uint32_t{F_WRLCK});
-    EXPECT_TRUE(holds_record(&a_, metadata_byte, true));
-    EXPECT_EQ(clear(record(a_, metadata_byte)), 0);
-}
-
-TEST_F(Lock, SingleRecordLockIsRememberedAfterTheGrantOnly)
-{
-    other_process other(path_);
-    a_.lock_defaults.lock_flags = 0;
-    ASSERT_EQ(other.ask(F_SETLK, F_WRLCK, 500, 10), 0);
-    EXPECT_EQ(clear(record(a_, 100)), 0); // none held: no error
-    ASSERT_EQ(set(record(a_, 100)), 0);
-    EXPECT_EQ(set(record(a_, 500)), -EAGAIN);
-    EXPECT_EQ(a_.single_record_lock.l_start, 100);
-    EXPECT_EQ(clear(record(a_, 700)), 0); // releases the remembered one
-    EXPECT_EQ(a_.single_record_lock.l_type, F_UNLCK);
-    EXPECT_EQ(other.type_at(100), uint32_t{F_UNLCK});
-}
-
-TEST_F(Lock, ExclusiveUseIsRefusedByAnyHolder)
-{
-    other_process other(path_);
-    const lock_target exclusive{.file = &a_, .kind = lock_exclusive, .write = true};
-    EXPECT_EQ(set(exclusive), 0); // shared with all: nothing to take
-    EXPECT_FALSE(a_.exclusive_held);
-    a_.lock_defaults.share_mode = b_.lock_defaults.share_mode = VFS_SHARE_NONE;
-    ASSERT_EQ(other.ask(F_SETLK, F_RDLCK, 0, 0), 0);
-    EXPECT_EQ(set(exclusive), -ETXTBSY);
-    ASSERT_EQ(other.ask(F_SETLK, F_UNLCK, 0, 0), 0);
-    EXPECT_EQ(set(exclusive), 0);
-    EXPECT_TRUE(a_.exclusive_held);
-    EXPECT_EQ(other.type_at(exclusive_byte), uint32_t{F_WRLCK});
-    EXPECT_EQ(set({.file = &b_, .kind = lock_exclusive, .write = false}), -ETXTBSY);
-    EXPECT_EQ(clear(exclusive), 0);
-    EXPECT_EQ(set({.file = &b_, .kind = lock_exclusive, .write = false}), 0);
-    EXPECT_EQ(other.type_at(exclusive_byte), uint32_t{F_RDLCK});
-}
-
-TEST_F(Lock, OpeningSharerMeetsAFileLockByItsWaitMode)
-{
-    other_process other(path_);
-    ASSERT_EQ(other.ask(F_SETLK, F_WRLCK, 0, 0), 0);
-    const lock_target opening{
-        .file = &a_, .kind = lock_metadata, .write = true, .start = metadata_byte, .length = 1, .opening = true};
-    EXPECT_EQ(set(opening), -EAGAIN);
-    EXPECT_EQ(untraced(), refusal(metadata_byte, 1, "Write", other.pid(), 0, 0, "Write"));
-    ASSERT_EQ(other.ask(F_SETLK, F_UNLCK, 0, 0), 0);
-    ASSERT_EQ(other.ask(F_SETLK, F_WRLCK, metadata_byte, 1), 0); // a sharer's bracket: waited for
-    std::atomic<int> result = -1;
-    std::thread opener([&] { result = set(opening); });
-    EXPECT_EQ(other.ask(F_SETLK, F_UNLCK, metadata_byte, 1), 0);
-    opener.join();
-    EXPECT_GE(result, 0);
-}
-
 TEST_F(Lock, KernelWaitHoldsUpNobodyAndCountsAsHeld)
 {
     other_process other(path_);
@@ -422,19 +264,6 @@ TEST_F(Lock, KernelWaitHoldsUpNobodyAndCountsAsHeld)
     EXPECT_GE(result, 0);
     EXPECT_EQ(other.type_at(305), uint32_t{F_WRLCK});
     EXPECT_NE(texts().find(" Resuming access to file " + path_), std::string::npos);
-}
-
-TEST_F(Lock, ThreadsWaitForEachOtherOnTheirHandles)
-{
-    b_.lock_defaults.wait_mode = VFS_WAIT_KERNEL;
-    ASSERT_EQ(set(record(a_, 100)), 0);
-    std::atomic<int> result = -1;
-    std::thread waiter([&] { result = set(record(b_, 100)); });
-    while (count(texts(), " Delaying due to") == 0) std::this_thread::yield();
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(clear(record(a_, 100)), 0);
-    waiter.join();
-    EXPECT_GE(result, 1);
 }
 
 TEST_F(Lock, CircleOfHandlesIsADeadlockForOneOfThem)
@@ -461,17 +290,6 @@ TEST_F(Lock, CircleOfHandlesIsADeadlockForOneOfThem)
                   static_cast<long>(count) - 1);
         EXPECT_EQ(lock_count(&shared_), 0u);
     }
-}
-
-TEST_F(Lock, ARangeWithoutEndReleasesEveryRecord)
-{
-    other_process other(path_);
-    for (const uint64_t start : {100, 300}) ASSERT_EQ(set(record(a_, start)), 0);
-    ASSERT_EQ(set(record(b_, 500)), 0);
-    EXPECT_EQ(clear(record(a_, 0, true, 0)), 0);
-    for (const uint64_t start : {100, 300}) EXPECT_EQ(other.type_at(start), uint32_t{F_UNLCK});
-    EXPECT_EQ(other.type_at(500), uint32_t{F_WRLCK}); // another handle's
-    EXPECT_EQ(lock_count(&shared_), 1u);
 }
 
 TEST_F(Lock, WhoDoesNotWaitIsInNoCircle)

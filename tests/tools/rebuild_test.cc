@@ -5,11 +5,9 @@
 
 #include "store/format.h"
 
-#include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstring>
 #include <random>
 #include <set>
@@ -290,65 +288,6 @@ TEST_F(Rebuild, NothingIsOverwritten)
     EXPECT_EQ(slurp(path("new.rejects")), "precious");
     EXPECT_EQ(access(path("new").c_str(), F_OK), -1);
     EXPECT_EQ(vfsctl("rebuild " + path() + " --to " + path()).status, 1);
-}
-
-// ---- Killed programs -------------------------------------------------------------------------------------------
-
-// Writes, moves and deletes records of a shared file, without flush, until it is killed.
-[[noreturn]] void work_on_shared(const file_spec &what, uint64_t seed, int told)
-{
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    std::mt19937_64 random{seed};
-    file f{what};
-    for (int64_t done = 0;; ++done) {
-        const auto n = static_cast<int64_t>(random() % 4000);
-        const std::string key = numbered("%08ld", n);
-        std::string record = key + (n % 2 == 0 ? "even" : "odd ") + std::string(random() % 200, 'x');
-        if (random() % 3 == 0)
-            f.erase(by_key(key));
-        else if (f.write(record, by_record()).value < 0)
-            f.rewrite(record, by_record());
-        if (write(told, &done, sizeof done) != sizeof done) _exit(1);
-    }
-}
-
-TEST_F(Rebuild, SharedFileIsSoundWhileAndAfterItsProgramsAreKilled)
-{
-    variables.set("VFS_LOCK", "9"); // as the program asks
-    spec what = indexed();
-    what.locks = vfs_lock_request{};
-    what.locks->share_mode = VFS_SHARE_ALL;
-    what.locks->lock_mode = VFS_LOCK_RECORD;
-    what.locks->wait_mode = VFS_WAIT_KERNEL;
-    for (unsigned round = 0; round < 6; ++round) {
-        int pipe_ends[2];
-        ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
-        pid_t children[2];
-        for (unsigned i = 0; i < 2; ++i)
-            if ((children[i] = fork()) == 0) work_on_shared(what, 10 * round + i, pipe_ends[1]);
-        close(pipe_ends[1]);
-        int64_t done = 0;
-        for (unsigned n = 0; n < 300; ++n)
-            ASSERT_EQ(read(pipe_ends[0], &done, sizeof done), static_cast<ssize_t>(sizeof done));
-        const run_result busy = vfsctl("check " + path());
-        EXPECT_EQ(busy.status, 0) << busy;
-        EXPECT_FALSE(busy.says("in use")) << busy;
-        for (const pid_t child : children) kill(child, SIGKILL);
-        for (const pid_t child : children) waitpid(child, nullptr, 0);
-        close(pipe_ends[0]);
-
-        const run_result after = vfsctl("check " + path());
-        EXPECT_EQ(after.status, 0) << after;
-        EXPECT_TRUE(after.says("sound")) << after;
-        const run_result result = rebuild();
-        EXPECT_EQ(result.status, 0) << result;
-        if (round % 2 == 1) {
-            EXPECT_EQ(vfsctl("check --clear " + path()).status, 1);
-            EXPECT_EQ(check_file(path()), "");
-        }
-        EXPECT_EQ(scan(path("new"), 1, false), scan(path(), 1, false));
-    }
-    printed();
 }
 
 // ---- Random damage ---------------------------------------------------------------------------------------------

@@ -42,6 +42,12 @@ TEST(FormatText, TimesCountFromTheStartAndTellTheRate)
     EXPECT_STREQ(format_times(&start, &before, &end, &after, &nothing),
                  "Elapsed: 4.00s  User: 1.25s  Sys: 0.50s  I/O: 0.00B  *Free*");
     EXPECT_STREQ(format_times(nullptr, nullptr, &end, &after, nullptr), "Elapsed: 9.00s  User: 3.15s  Sys: 0.50s");
+    tms unused;
+    const clock_t now = times(&unused);
+    rusage mine{};
+    getrusage(RUSAGE_THREAD, &mine);
+    const std::string since_now = format_times(&now, &mine, nullptr, nullptr, nullptr);
+    EXPECT_EQ(since_now.substr(0, 12), "Elapsed: 0.0") << since_now; // until now, by this thread
 }
 
 TEST(FormatText, StampNamesProcessTimeAndZone)
