@@ -534,10 +534,7 @@ protected:
     std::pair<unsigned, int> open_with(int error, unsigned times, uint32_t wait_mode, uint32_t flags)
     {
         file_spec wanted = spec().with_flags(flags);
-        wanted.locks = vfs_lock_request{};
-        wanted.locks->share_mode = VFS_SHARE_NONE;
-        wanted.locks->lock_mode = VFS_LOCK_FILE;
-        wanted.locks->wait_mode = wait_mode;
+        wanted.locks = locks_of(VFS_LOCK_FILE, wait_mode);
         wanted.locks->retry_count = 3;
         opens = {path(), error, times, 0};
         watch_calls(&refusing);

@@ -50,6 +50,16 @@ private:
     std::vector<int64_t> words_;
 };
 
+// How a file is opened, and what an operation asks for.
+constexpr vfs_lock_request locks_of(uint32_t lock_mode, uint32_t wait_mode = VFS_WAIT_NEVER)
+{
+    return {lock_mode == VFS_LOCK_FILE ? VFS_SHARE_NONE : VFS_SHARE_ALL, lock_mode, 0, 0, 0, wait_mode, 0, 0};
+}
+constexpr vfs_lock_request asking(uint32_t wait_mode, uint32_t hold = 1, uint32_t kind = 0)
+{
+    return {0, 0, 0, hold, kind, wait_mode, 0, 0};
+}
+
 // What a test asks of open; the block that the driver sees is made from it.
 struct file_spec {
     std::string path;

@@ -40,11 +40,7 @@ protected:
     file_spec spec(uint32_t lock_mode, uint32_t flags) const
     {
         file_spec wanted = indexed(path(), {key{{{0, 8}}}, key{{{8, 4}}, true}}, 200).with_flags(flags);
-        vfs_lock_request request{};
-        request.share_mode = lock_mode == VFS_LOCK_RECORD ? VFS_SHARE_ALL : VFS_SHARE_NONE;
-        request.lock_mode = lock_mode;
-        request.wait_mode = lock_mode == VFS_LOCK_RECORD ? VFS_WAIT_KERNEL : VFS_WAIT_NEVER;
-        wanted.locks = request;
+        wanted.locks = locks_of(lock_mode, lock_mode == VFS_LOCK_RECORD ? VFS_WAIT_KERNEL : VFS_WAIT_NEVER);
         return wanted;
     }
     std::string errors() const { return path("errors"); }

@@ -306,22 +306,7 @@ TEST_F(Open, AnotherHandleOfTheProcessMeetsTheLocks)
     ASSERT_TRUE(a.ok() && b.ok());
     EXPECT_EQ(a.write("three").value, 5);
     EXPECT_EQ(b.write("four").value, 4);
-    const vfs_lock_request hold{.share_mode = 0,
-                                .lock_mode = 0,
-                                .lock_flags = 0,
-                                .hold = 1,
-                                .request_kind = 0,
-                                .wait_mode = VFS_WAIT_NEVER,
-                                .retry_count = 0,
-                                .sleep = 0};
-    const vfs_lock_request skip{.share_mode = 0,
-                                .lock_mode = 0,
-                                .lock_flags = 0,
-                                .hold = 1,
-                                .request_kind = VFS_KIND_SKIP,
-                                .wait_mode = VFS_WAIT_NEVER,
-                                .retry_count = 0,
-                                .sleep = 0};
+    const vfs_lock_request hold = asking(VFS_WAIT_NEVER), skip = asking(VFS_WAIT_NEVER, 1, VFS_KIND_SKIP);
     EXPECT_TRUE(a.read(by_rrn(1), &hold).found("two"));
     EXPECT_TRUE(b.read(by_rrn(1), &hold).failed(EAGAIN));
     EXPECT_NE(printed().find("Lock request for me (pid "), std::string::npos);

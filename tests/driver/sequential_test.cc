@@ -246,14 +246,8 @@ TEST_F(Sequential, StepsGoOnByNumberWhereAnotherHandleCutTheFileAndAppendedOther
 {
     variables.set("VFS_LOCK", "9"); // as the host says
     file_spec spec = variable();
-    spec.locks = vfs_lock_request{.share_mode = VFS_SHARE_ALL,
-                                  .lock_mode = VFS_LOCK_FILE,
-                                  .lock_flags = 0,
-                                  .hold = 0,
-                                  .request_kind = 0,
-                                  .wait_mode = VFS_WAIT_NEVER,
-                                  .retry_count = 0,
-                                  .sleep = 0};
+    spec.locks = locks_of(VFS_LOCK_FILE);
+    spec.locks->share_mode = VFS_SHARE_ALL;
     const auto give = [](file &from) { EXPECT_EQ(from.run(operation::unlock, next()).value, 0); };
     const auto last_three_replaced = [&](size_t length) {
         file other{spec};

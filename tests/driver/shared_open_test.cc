@@ -60,15 +60,6 @@ std::string redo_area(const std::vector<range> &ranges)
     return area;
 }
 
-vfs_lock_request mode_of(uint32_t lock_mode)
-{
-    vfs_lock_request request{};
-    request.share_mode = lock_mode == VFS_LOCK_FILE ? VFS_SHARE_NONE : VFS_SHARE_ALL;
-    request.lock_mode = lock_mode;
-    request.wait_mode = VFS_WAIT_NEVER;
-    return request;
-}
-
 // Runs the work in another process; its exit status.
 int elsewhere(const std::function<bool()> &work)
 {
@@ -86,7 +77,7 @@ protected:
     file_spec spec(uint32_t lock_mode, uint32_t flags = O_RDWR) const
     {
         file_spec wanted = indexed(path(), {key{{{0, 8}}}, key{{{8, 4}}, true}}, 200).with_flags(flags);
-        wanted.locks = mode_of(lock_mode);
+        wanted.locks = locks_of(lock_mode);
         return wanted;
     }
     static std::string record(int64_t number, const std::string &rest = "text")
@@ -215,7 +206,7 @@ TEST_F(SharedOpen, TruncationUnderSharersIsRefusedWhileTheyHoldLocksAndSeenByThe
     make(50);
     const std::string before = slurp(path()); // not later: reading it would drop the locks of the process
     file sharer(spec(VFS_LOCK_RECORD));
-    vfs_lock_request held = mode_of(VFS_LOCK_RECORD);
+    vfs_lock_request held = locks_of(VFS_LOCK_RECORD);
     held.hold = 1;
     ASSERT_TRUE(sharer.read(by_key("00000007"), &held).found(record(7)));
     EXPECT_EQ(elsewhere([&] {

@@ -21,26 +21,12 @@ namespace {
 
 using namespace host;
 
-constexpr vfs_lock_request policy(uint32_t wait, uint32_t hold = 1, uint32_t kind = 0)
-{
-    return {.share_mode = 0,
-            .lock_mode = 0,
-            .lock_flags = 0,
-            .hold = hold,
-            .request_kind = kind,
-            .wait_mode = wait,
-            .retry_count = 0,
-            .sleep = 0};
-}
-
-constexpr vfs_lock_request never = policy(VFS_WAIT_NEVER), kernel_waits = policy(VFS_WAIT_KERNEL),
-                           passing = policy(VFS_WAIT_KERNEL, 0);
+constexpr vfs_lock_request never = asking(VFS_WAIT_NEVER), kernel_waits = asking(VFS_WAIT_KERNEL),
+                           passing = asking(VFS_WAIT_KERNEL, 0);
 
 file_spec shared(file_spec spec, uint32_t lock_mode = VFS_LOCK_RECORD, uint32_t lock_flags = 0)
 {
-    spec.locks = passing;
-    spec.locks->share_mode = VFS_SHARE_ALL;
-    spec.locks->lock_mode = lock_mode;
+    spec.locks = locks_of(lock_mode, VFS_WAIT_KERNEL);
     spec.locks->lock_flags = lock_flags;
     return spec;
 }
@@ -270,7 +256,7 @@ TEST_F(Sharing, AWaitingReaderHoldsNobodyUpAndReadsWhatTheHolderLeft)
 
 TEST_F(Sharing, LockedRecordsAreSteppedOverInBothDirections)
 {
-    const vfs_lock_request skip = policy(VFS_WAIT_NEVER, 0, VFS_KIND_SKIP);
+    const vfs_lock_request skip = asking(VFS_WAIT_NEVER, 0, VFS_KIND_SKIP);
     vfs_lock_request patient = skip;
     patient.wait_mode = VFS_WAIT_RETRY; // one more attempt, then the next record
     for (const form what : forms) {

@@ -99,14 +99,7 @@ file_spec storm_spec(shape what, const std::string &path, uint32_t lock_mode)
         const key by_tag{.parts = {{tag_at, 4}, {tag_end, 4}}, .duplicates = true};
         spec = indexed(path, {by_id, by_group, by_tag}, longest);
     }
-    spec.locks = vfs_lock_request{.share_mode = VFS_SHARE_ALL,
-                                  .lock_mode = lock_mode,
-                                  .lock_flags = 0,
-                                  .hold = 0,
-                                  .request_kind = 0,
-                                  .wait_mode = VFS_WAIT_KERNEL,
-                                  .retry_count = 0,
-                                  .sleep = 0};
+    spec.locks = locks_of(lock_mode, VFS_WAIT_KERNEL);
     return spec;
 }
 

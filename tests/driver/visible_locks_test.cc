@@ -82,11 +82,8 @@ protected:
         file_spec wanted =
             organization == 3 ? indexed(path(), {key{{{0, 8}}}}, 600) : flat(path(), VFS_FORMAT_VARIABLE, 600);
         wanted.flags = flags;
-        wanted.locks = vfs_lock_request{};
-        wanted.locks->share_mode = lock_mode == VFS_LOCK_FILE ? VFS_SHARE_NONE : VFS_SHARE_ALL;
-        wanted.locks->lock_mode = lock_mode;
+        wanted.locks = locks_of(lock_mode);
         wanted.locks->lock_flags = lock_flags;
-        wanted.locks->wait_mode = VFS_WAIT_NEVER;
         return wanted;
     }
     void make(uint32_t organization = 3)
@@ -100,13 +97,6 @@ protected:
                   "");
     }
     static place at(int64_t number) { return by_key(numbered("%08ld", number)); }
-    static vfs_lock_request holding()
-    {
-        vfs_lock_request request{};
-        request.hold = 1;
-        request.wait_mode = VFS_WAIT_NEVER;
-        return request;
-    }
     static constexpr uint64_t slot_bytes = 512 + 40; // 508 bytes of record in whole words, frame and trailer
     static seen_lock mine(short type, uint64_t start, uint64_t length) { return {type, start, length, getpid()}; }
 };
@@ -137,7 +127,7 @@ TEST_F(VisibleLocks, OneRecordOrSeveral)
 {
     make();
     observer kernel(path());
-    const vfs_lock_request held = holding();
+    const vfs_lock_request held = asking(VFS_WAIT_NEVER);
     file one(spec(VFS_LOCK_RECORD));
     const outcome first_read = one.read(at(3), &held);
     ASSERT_EQ(first_read.value, 508);
@@ -169,7 +159,7 @@ TEST_F(VisibleLocks, HandlesOfOneProcessKeepTheirOwn)
 {
     make();
     observer kernel(path());
-    const vfs_lock_request held = holding();
+    const vfs_lock_request held = asking(VFS_WAIT_NEVER);
     file first_reader(spec(VFS_LOCK_RECORD, O_RDONLY)), second_reader(spec(VFS_LOCK_RECORD, O_RDONLY));
     const uint64_t offset = first_reader.read(at(5), &held).offset;
     ASSERT_EQ(second_reader.read(at(5), &held).offset, offset);
@@ -226,7 +216,7 @@ TEST_F(VisibleLocks, AFailedMoveLeavesTheLockWhereTheRecordIs)
 {
     make();
     observer kernel(path());
-    const vfs_lock_request held = holding();
+    const vfs_lock_request held = asking(VFS_WAIT_NEVER);
     for (const uint32_t flags : {0U, uint32_t{VFS_LOCK_SEVERAL}}) {
         file one(spec(VFS_LOCK_RECORD, O_RDWR, flags));
         const uint64_t offset = one.read(at(3), &held).offset;
