@@ -487,6 +487,23 @@ TEST_P(Fault, FlushSyncsOnceAndAnUnchangedHandleNever)
     EXPECT_EQ(check_file(path()), "");
 }
 
+TEST_P(Fault, LocksThatCannotBeGivenBackAreKeptAndTold)
+{
+    if (strcmp(GetParam(), "4") != 0) GTEST_SKIP() << "no record locks";
+    prepare();
+    file f{spec().with_flags(O_RDWR)};
+    const vfs_lock_request hold = asking(VFS_WAIT_NEVER);
+    ASSERT_TRUE(f.read(by_key(key_of(1)), &hold).found(record(1)));
+    {
+        const fault armed{{.call = "lock", .error = EIO}};
+        EXPECT_EQ(ops().unlock_all(f.handle()), -1);
+        EXPECT_EQ(errno, EIO);
+    }
+    EXPECT_EQ(ops().unlock_all(f.handle()), 0);
+    EXPECT_EQ(f.close(), 0);
+    EXPECT_EQ(printed(), "");
+}
+
 // Once every cache has its buffers, no record operation asks for memory.
 TEST_P(Fault, WarmHandleAllocatesNothing)
 {

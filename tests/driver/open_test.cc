@@ -252,6 +252,23 @@ TEST_F(Open, AnEmptiedTreeFileIsMadeAnewAtTheNextUpdateOpen)
     EXPECT_EQ(file{spec.with_flags(O_RDWR)}.rest(), std::vector<std::string>{"eeeeff"});
 }
 
+TEST_F(Open, AnEmptiedFileWhoseDescriptionIsDamagedStaysAsItIs)
+{
+    file_spec spec = relative(path(), VFS_FORMAT_VARIABLE, 50);
+    spec.keys = keys;
+    {
+        file f{spec};
+        EXPECT_EQ(f.write("one", by_rrn(0)).value, 3);
+        EXPECT_EQ(f.erase(by_rrn(0)).value, 0);
+    }
+    constexpr uint64_t description_at = 336;
+    poke(path(), description_at, uint64_t{1} << 20); // its length
+    file f{spec.with_flags(O_RDWR)};
+    ASSERT_TRUE(f.ok()) << f.error();
+    EXPECT_EQ(f.info().empty_count, 1);
+    EXPECT_EQ(printed(), "");
+}
+
 TEST_F(Open, AFileThatWasNotClosedIsRefusedAndNamed)
 {
     make(plain(), {"one"});
