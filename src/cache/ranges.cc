@@ -136,6 +136,7 @@ int cache_invalidate(vfs_cache *cache, uint64_t from, uint64_t to)
 
 void cache_discard(vfs_cache *cache)
 {
+    if (cache->pending_reads != 0) (void)cache_cancel_reads(cache, 0, none); // nobody waits for what nobody will see
     while (cache->lru_head != nullptr) {
         ++cache->stats.invalidate;
         buffer_discard(cache->lru_head);
