@@ -197,9 +197,6 @@ int lock_clr(const lock_target &target)
     if (single) {
         const struct flock &record = file->single_record_lock;
         wanted.range = range_of(static_cast<uint64_t>(record.l_start), static_cast<uint64_t>(record.l_len));
-    } else if (target.kind == lock_record && target.length == 0) { // all of them
-        const int count = release_entries(file, lock_record, true);
-        if (count != 0) return count > 0 ? 0 : debug_failure(file, "lock_clr");
     }
     const int result = release_one(wanted);
     if (result == 0 || single) note_released(file, target.kind);

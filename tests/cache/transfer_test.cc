@@ -78,6 +78,24 @@ TEST_F(Transfer, CloseTriesOnceMoreThenDropsAndReports)
     EXPECT_EQ(on_disk(0, 4), "aaaa");
 }
 
+TEST_F(Transfer, WritePastTheFileSizeLimitFailsBeforeTheSignal)
+{
+    fill(1);
+    set_up(&data, 2, 2);
+    rlimit before;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    const rlimit lower{2 * block, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &lower), 0);
+    EXPECT_EQ(write(block, std::string(block + 1, 'x')), static_cast<int64_t>(block + 1));
+    EXPECT_EQ(cache_write_out(&data, 0, none), -1);
+    EXPECT_EQ(errno, EFBIG);
+    check();
+    EXPECT_EQ(size_on_disk(), 2 * block) << "what is below the limit is written";
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    EXPECT_EQ(cache_close(&data), -1);
+    EXPECT_EQ(errno, EFBIG);
+}
+
 TEST_F(Transfer, MappedBlocksPointIntoTheFileAndOthersAreRead)
 {
     fill(2);

@@ -376,6 +376,7 @@ TEST_P(Stop, AtAnyMomentLosesNothingThatAFlushCovered)
 
 INSTANTIATE_TEST_SUITE_P(OfTheMachine, Stop,
                          testing::Values(workload{"IndexedSharedByThree", shape::indexed, VFS_LOCK_RECORD, 3},
+                                         workload{"IndexedSharedInBlockMode", shape::indexed, VFS_LOCK_AUTO, 3},
                                          workload{"IndexedSynced", shape::indexed, VFS_LOCK_RECORD, 1, "VFS_SYNC"},
                                          workload{"IndexedAlone", shape::indexed, VFS_LOCK_FILE, 1},
                                          workload{"IndexedUnlocked", shape::indexed, VFS_LOCK_NONE, 1, "VFS_IO_MMAP",

@@ -80,6 +80,39 @@ TEST_F(Registry, WarnsOfRiskyMultipleOpensByTheResolvedName)
     unlink(link.c_str());
 }
 
+TEST_F(Registry, ClosingAHandleKeepsTheLocksOfTheOther)
+{
+    testing::internal::CaptureStderr();
+    file_state keeper = opened(path_), leaver = opened(path_);
+    ASSERT_EQ(registry_add(&keeper, nullptr), 0);
+    ASSERT_EQ(registry_add(&leaver, nullptr), 0);
+    ASSERT_EQ(lock_set({.file = &keeper, .kind = lock_record, .write = true, .start = 100, .length = 8}), 0);
+    ASSERT_EQ(lock_set({.file = &leaver, .kind = lock_record, .write = true, .start = 200, .length = 8}), 0);
+    const int parked = leaver.fd;
+    EXPECT_EQ(registry_release(&leaver, nullptr), 1); // one other handle, and locks
+    EXPECT_EQ(leaver.fd, -1);
+    EXPECT_TRUE(locked_for_others(100));
+    EXPECT_FALSE(locked_for_others(200)); // what the handle still held went with it
+    const int failed_open = open(path_.c_str(), O_RDONLY);
+    registry_discard(failed_open);
+    char peeked[8];
+    ssize_t got = -1;
+    EXPECT_TRUE(registry_peek(path_.c_str(), peeked, sizeof peeked, &got));
+    EXPECT_EQ(got, 0);
+    EXPECT_TRUE(locked_for_others(100));
+    EXPECT_EQ(registry_take_descriptor(path_.c_str(), O_RDWR | O_CREAT | O_EXCL), -1);
+    bool taken = false;
+    EXPECT_EQ(registry_open(path_.c_str(), O_RDWR, 0666, &taken), parked);
+    EXPECT_TRUE(taken);
+    EXPECT_EQ(registry_take_descriptor(path_.c_str(), O_RDWR), -1); // only one was parked
+    registry_discard(parked);
+    EXPECT_EQ(registry_release(&keeper, nullptr), 0);
+    EXPECT_EQ(fcntl(parked, F_GETFD), -1);
+    EXPECT_EQ(fcntl(failed_open, F_GETFD), -1);
+    EXPECT_FALSE(registry_peek(path_.c_str(), peeked, sizeof peeked, &got));
+    testing::internal::GetCapturedStderr();
+}
+
 TEST_F(Registry, ReplacedFileUnderTheSamePathIsAnotherFile)
 {
     file_state old = opened(path_);
