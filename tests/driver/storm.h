@@ -42,7 +42,7 @@ std::ostream &operator<<(std::ostream &out, const storm_report &report);
 class storm_ground {
 public:
     storm_ground();
-    ~storm_ground(); // removes it, unless the variable says that it is to be kept after a failure
+    ~storm_ground(); // removes it; VFS_STORM_KEEP=1 keeps it after a failure
     storm_ground(const storm_ground &) = delete;
     storm_ground &operator=(const storm_ground &) = delete;
 
