@@ -2,8 +2,8 @@
 // once for every call that it makes, with that call failing. Whatever fails: the error is reported, by close at the
 // latest; no descriptor or thread is left; and the file is either sound and holds exactly what was acknowledged, or it
 // says that it was not closed. What a flush covered is in the file in both cases. A few dozen operations make a workload;
-// VFS_FAULT_OPERATIONS asks for more, and VFS_FAULT_STEP for every so many of the calls alone: the time for all of them
-// grows with the square of the operations.
+// VFS_FAULT_OPERATIONS asks for more, in sessions of 100: the time for all of their calls grows with the square of a
+// session's operations.
 #include "checker.h"
 #include "fault.h"
 #include "host.h"
@@ -54,33 +54,37 @@ protected:
         variables.set("VFS_LOCK", lock);
         guard_.emplace(200);
         if (strcmp(lock, "4") == 0) changes_ = 10; // each of these writes whole blocks twice
-        const uint64_t wanted = number_from("VFS_FAULT_OPERATIONS", static_cast<uint64_t>(changes_));
-        changes_ = static_cast<int>(std::min<uint64_t>(wanted, 2500));
+        const auto wanted = static_cast<int>(number_from("VFS_FAULT_OPERATIONS", static_cast<uint64_t>(changes_)));
+        changes_ = std::min(wanted, 100);
+        sessions_ = wanted / changes_;
+        if (sessions_ > 1) key_length_ = 240;
         thorough_ = changes_ > 18 || strcmp(lock, "0") == 0;
     }
 
     bool is_indexed() const { return organization_ == VFS_ORG_INDEXED; }
 
-    // Long keys, so that a few dozen records make a tree of three levels.
+    // Keys so long that the records of a workload make a tree of three levels.
     file_spec spec() const
     {
-        if (organization_ == VFS_ORG_RELATIVE) return relative(path(), VFS_FORMAT_VARIABLE, 2100);
-        if (!is_indexed()) return flat(path(), VFS_FORMAT_VARIABLE, 2100);
-        return indexed(path(), {{.parts = {{0, 1960}}}, {.parts = {{1960, 4}}, .duplicates = true}}, 2100);
+        const uint32_t most = key_length_ + 140;
+        if (organization_ == VFS_ORG_RELATIVE) return relative(path(), VFS_FORMAT_VARIABLE, most);
+        if (!is_indexed()) return flat(path(), VFS_FORMAT_VARIABLE, most);
+        return indexed(path(), {{.parts = {{0, key_length_}}}, {.parts = {{key_length_, 4}}, .duplicates = true}},
+                       most);
     }
 
     // The order of the keys is not that of the numbers.
     static int64_t key_number(int64_t n) { return n * 7919 % 10007; }
-    static std::string record(int64_t n, size_t length = 2020)
+    std::string record(int64_t n, size_t behind_key = 60) const
     {
         std::string bytes = numbered("%06ld", key_number(n));
-        bytes.resize(1960, 'k');
+        bytes.resize(key_length_, 'k');
         bytes += n % 2 == 0 ? "even" : "odd ";
         bytes += numbered("record %ld ", n);
-        bytes.resize(length, static_cast<char>('a' + n % 26));
+        bytes.resize(key_length_ + behind_key, static_cast<char>('a' + n % 26));
         return bytes;
     }
-    static std::string key_of(int64_t n) { return record(n).substr(0, 1960); }
+    std::string key_of(int64_t n) const { return record(n).substr(0, key_length_); }
     int64_t id_of(int64_t n) const { return is_indexed() ? key_number(n) : n; }
     place place_of(int64_t n) const { return is_indexed() ? by_key(key_of(n)) : by_rrn(n); }
     place place_of_new(int64_t n) const { return is_indexed() ? by_record() : is_flat() ? end() : by_rrn(n); }
@@ -93,13 +97,13 @@ protected:
         original_.clear();
         file f{spec()};
         for (int64_t n = 0; n < first_new(); ++n) {
-            ASSERT_EQ(f.write(record(n), place_of_new(n)).value, 2020);
+            ASSERT_GE(f.write(record(n), place_of_new(n)).value, 0);
             original_[id_of(n)] = record(n);
         }
         ASSERT_EQ(f.close(), 0);
         bytes_ = slurp(path());
     }
-    int64_t first_new() const { return std::max(40, changes_ + 10); }
+    int64_t first_new() const { return std::max(40, sessions_ * changes_ + 10); }
 
     report work() const
     {
@@ -130,14 +134,14 @@ protected:
             const int64_t next_number = std::max(behind(told.acknowledged), behind(told.in_doubt));
             run(got, !is_flat() ? id_of(n) : got.value >= 0 ? static_cast<int64_t>(got.rrn) : next_number, record(n));
         };
-        const int64_t half = changes_ / 2;
-        for (int64_t n = 0; n < half; ++n) add(first_new() + n);
+        const int64_t half = changes_ / 2, from = session_ * half, from_new = first_new() + 2 * from;
+        for (int64_t n = 0; n < half; ++n) add(from_new + n);
         const int flushed = f.flush();
         if (note(flushed == 0, errno)) told.flushed = told.acknowledged;
-        for (int64_t n = 0; n < half; ++n) {
+        for (int64_t n = from; n < from + half; ++n) {
             if (n % 3 == 0) run(f.erase(place_of(n)), id_of(n), "");
-            if (n % 3 == 1) run(f.rewrite(record(n, 2100), place_of(n)), id_of(n), record(n, 2100));
-            if (n % 3 == 2) add(first_new() + half + n);
+            if (n % 3 == 1) run(f.rewrite(record(n, 140), place_of(n)), id_of(n), record(n, 140));
+            if (n % 3 == 2) add(from_new + half + n - from);
         }
         for (int i = 0; i < 5; ++i) {
             const outcome got = f.read(i == 0 ? first(is_indexed() ? 1 : 0) : next());
@@ -233,14 +237,18 @@ protected:
         return error == row.error || (row.error == ENOLCK && error == EAGAIN);
     }
 
-    // Fails the first call, the second, and so on, until the workload gets through.
+    // In each session, fails the first call, the second, and so on, until the session gets through.
     void sweep(const fault_row &row)
     {
         prepare();
+        for (session_ = 0; session_ < sessions_ && failing_rounds_ <= 4; ++session_) sweep_session(row);
+    }
+
+    void sweep_session(const fault_row &row)
+    {
         fault_plan plan{.call = row.call, .error = row.error, .lasting = row.lasting, .bytes_done = row.bytes_done};
-        const auto step = static_cast<unsigned>(number_from("VFS_FAULT_STEP", 1));
         bool fired = true;
-        for (; fired; plan.nth += step) {
+        for (; fired; ++plan.nth) {
             if (HasFailure() && ++failing_rounds_ > 4) return;
             guard_.emplace(200);
             spill(path(), bytes_);
@@ -252,7 +260,7 @@ protected:
                 fired = armed.disarm();
             }
             const std::string where = plan.call + " " + std::to_string(plan.nth) + " " + strerror(plan.error) +
-                                      (plan.lasting ? " lasting" : "");
+                                      (plan.lasting ? " lasting" : "") + " session " + std::to_string(session_);
             EXPECT_EQ(open_descriptors(), descriptors) << where;
             EXPECT_EQ(threads(), tasks) << where;
             const bool may_be_silent = !fired || row.expected != verdict::given;
@@ -260,14 +268,17 @@ protected:
             EXPECT_TRUE((may_be_silent && told.first_error == 0) || (may_be_given && is_of(row, told.first_error)))
                 << where << ": " << strerror(told.first_error);
             judge(told, where, strcmp(row.call, "lock") == 0 ? told.in_doubt.size() : 1);
+            if (!fired) original_ = told.acknowledged;
         }
-        rounds_ += plan.nth / step;
+        bytes_ = slurp(path());
+        rounds_ += plan.nth;
     }
 
     static bool is_direct() { return getenv("VFS_IO_DIO") != nullptr && strcmp(getenv("VFS_IO_DIO"), "1") == 0; }
 
     uint32_t organization_;
-    int changes_ = 18;
+    int changes_ = 18, sessions_ = 1, session_ = 0; // changes of a session
+    uint32_t key_length_ = 1960;
     bool thorough_; // errors that go the same ways as another one too
     unsigned rounds_ = 0;
     contents original_;
@@ -513,7 +524,7 @@ TEST_P(Fault, WarmHandleAllocatesNothing)
         for (int n = from; n < from + 150; ++n) {
             ASSERT_EQ(f.write(record(n), by_record()).value, 2020) << n;
             ASSERT_EQ(f.read(by_key(key_of(n))).value, 2020) << n;
-            ASSERT_EQ(f.rewrite(record(n, n % 3 == 0 ? 2090 : 2000)).error, 0) << n;
+            ASSERT_EQ(f.rewrite(record(n, n % 3 == 0 ? 130 : 40)).error, 0) << n;
         }
         for (int n = from; n < from + 150; ++n) ASSERT_EQ(f.erase(by_key(key_of(n))).value, 0) << n;
         ASSERT_GE(f.run(operation::start, first()).value, 0);
