@@ -243,20 +243,14 @@ int tail_close(vfs_file *file)
     const uint64_t end = file->end_of_file;
     const uint64_t rest = round_up(end, file->data_block_size) - end;
     if (rest == 0) return 0;
-    int result;
-    if (end == file->data_start) {
-        result = tail_hole(file, rest);
-    } else {
-        uint64_t stored;
-        slot_head last;
-        if (data_get(file, end - trailer_bytes, &stored, sizeof stored) == -1) return -1;
-        if (stored % 8 != 0 || stored < hole_minimum || stored > end - file->data_start) return damaged();
-        if (slot_check(file, end - stored, &last) == -1) return -1;
-        if (last.stored_length != stored) return damaged();
-        result = is_record_slot(last.type) && rest < file->maximum_slot ? tail_grow(file, end - stored, stored, rest)
-                                                                        : tail_hole(file, rest);
-    }
-    if (result == -1) return -1;
+    uint64_t stored;
+    slot_head last;
+    if (data_get(file, end - trailer_bytes, &stored, sizeof stored) == -1) return -1;
+    if (stored % 8 != 0 || stored < hole_minimum || stored > end - file->data_start) return damaged();
+    if (slot_check(file, end - stored, &last) == -1) return -1;
+    if (last.stored_length != stored) return damaged();
+    const bool grows = is_record_slot(last.type) && rest < file->maximum_slot;
+    if ((grows ? tail_grow(file, end - stored, stored, rest) : tail_hole(file, rest)) == -1) return -1;
     ++file->asn;
     file->end_of_file = end + rest;
     return 0;

@@ -265,13 +265,10 @@ int tree_step(vfs_file *file, vfs_request *request, bool forward)
     if (tree_select(file, position.key_number) == -1 || position_follow(file, request) == -1) return -1;
     request->key_number = position.key_number;
     const position_side kept = position.side;
-    if (position.end == (forward ? position_end::last : position_end::first)) {
-        // The last step that way found nothing: records that have come since are beside the place where it stood.
-        const position_side far = forward ? position_side::after_last : position_side::before_first;
-        if (!position.identified && position.side == far) return nothing_found(request);
-    } else if (position.end != position_end::inside) {
+    // Where the last step that way found nothing, records that have come since are beside the place where it stood.
+    const position_end far = forward ? position_end::last : position_end::first;
+    if (position.end != position_end::inside && position.end != far)
         position.side = forward ? position_side::before_first : position_side::after_last;
-    }
     const int found = forward ? tree_read_next(file, request) : tree_read_prev(file, request);
     position.side = kept;
     if (found == 1) return nothing_found(request);

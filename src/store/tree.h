@@ -24,9 +24,8 @@ void contexts_discard_changes(vfs_file *file);
 [[nodiscard]] int tree_first(vfs_file *file, vfs_request *request); // cursor on it, fill; stamp := tree tsn
 [[nodiscard]] int tree_last(vfs_file *file, vfs_request *request);
 // The step of a sequential read, from file->position (cursor and side; a lost cursor is found again by identity):
-// request's cursor and fill. 1 at the end, with the request's cursor and offset unchanged. At the far end already
-// (after_last and next, before_first and previous) the step looks behind the record that the position's identity
-// still names; a record_offset of none says that there is no such record. Nothing of the position is changed.
+// request's cursor and fill. 1 at the end, with the request's cursor and offset unchanged. Nothing of the position is
+// changed.
 [[nodiscard]] int tree_read_next(vfs_file *file, vfs_request *request);
 [[nodiscard]] int tree_read_prev(vfs_file *file, vfs_request *request);
 

@@ -17,13 +17,22 @@ struct removal {
     uint64_t parent, item; // the branch that stays, and its entry that goes
 };
 
-int hold_neighbour(removal &op, uint64_t address, uint8_t type)
+// Both neighbours of a node that is held. It has one, since the tree has other entries, and they know of it.
+int hold_neighbours(removal &op, const vfs_buffer *node)
 {
-    if (address == 0) return 0;
-    vfs_buffer *node = node_fetch(op.tree, address);
-    if (node == nullptr) return -1;
-    if (node_get(node, node_type) != type) return tree_damaged(op.tree);
-    return op.pins.hold(node);
+    const uint64_t left = node_get(node, node_left), right = node_get(node, node_right);
+    if (left == 0 && right == 0) return tree_damaged(op.tree);
+    for (const bool forward : {true, false}) {
+        const uint64_t address = forward ? right : left;
+        if (address == 0) continue;
+        vfs_buffer *neighbour = node_fetch(op.tree, address);
+        if (neighbour == nullptr) return -1;
+        if (node_get(neighbour, node_type) != node_get(node, node_type) ||
+            node_get(neighbour, forward ? node_left : node_right) != node->offset)
+            return tree_damaged(op.tree);
+        if (op.pins.hold(neighbour) == -1) return -1;
+    }
+    return 0;
 }
 
 int prepare(removal &op, uint64_t leaf)
@@ -35,10 +44,7 @@ int prepare(removal &op, uint64_t leaf)
         if (node == nullptr || op.pins.hold(node) == -1) return -1;
         if (op.count == tree_depth_limit) return tree_damaged(tree);
         op.emptied[op.count++] = address;
-        const uint8_t type = node_get(node, node_type);
-        if (hold_neighbour(op, node_get(node, node_left), type) == -1 ||
-            hold_neighbour(op, node_get(node, node_right), type) == -1)
-            return -1;
+        if (hold_neighbours(op, node) == -1) return -1;
         const uint64_t parent = node_get(node, node_parent);
         vfs_buffer *branch = node_fetch(tree, parent);
         if (branch == nullptr || op.pins.hold(branch) == -1) return -1;

@@ -126,25 +126,19 @@ int find_again(const index_tree &tree, bool forward, tree_place *place)
 int step_origin(const index_tree &tree, bool forward, tree_place *place)
 {
     const file_position &position = tree.file->position;
-    const bool known = position.identified && position.key_number == tree.key;
     switch (position.side) {
-    case position_side::before_first:
-        *place = {tree.get(key_entry_first_leaf), none};
-        if (forward) return 0;
-        break;
-    case position_side::after_last:
-        *place = {tree.get(key_entry_last_leaf), none - 1};
-        if (!forward) return 0;
-        break;
+    case position_side::before_first: *place = {tree.get(key_entry_first_leaf), none}; return forward ? 0 : 1;
+    case position_side::after_last: *place = {tree.get(key_entry_last_leaf), none - 1}; return forward ? 1 : 0;
     case position_side::entry:
-    case position_side::gap:
-        *place = position_cursor(tree);
-        if (place->node == none) return known ? find_again(tree, forward, place) : fail(EINVAL);
-        if (forward && position.side == position_side::gap) --place->item;
-        return 0;
+    case position_side::gap: break;
     }
-    // At an end already. What was inserted behind the last record that was read is still to come.
-    return known ? find_again(tree, forward, place) : 1;
+    *place = position_cursor(tree);
+    if (place->node == none) {
+        const bool known = position.identified && position.key_number == tree.key;
+        return known ? find_again(tree, forward, place) : fail(EINVAL);
+    }
+    if (forward && position.side == position_side::gap) --place->item;
+    return 0;
 }
 
 // After a deletion of the current record the forward step takes the entry now in its place, and says so.

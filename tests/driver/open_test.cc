@@ -323,8 +323,11 @@ TEST_F(Open, AnotherHandleOfTheProcessMeetsTheLocks)
     ASSERT_TRUE(a.ok() && b.ok());
     EXPECT_EQ(a.write("three").value, 5);
     EXPECT_EQ(b.write("four").value, 4);
-    const vfs_lock_request hold = asking(VFS_WAIT_NEVER), skip = asking(VFS_WAIT_NEVER, 1, VFS_KIND_SKIP);
+    const vfs_lock_request hold = asking(VFS_WAIT_NEVER), skip = asking(VFS_WAIT_NEVER, 1, VFS_KIND_SKIP),
+                           patient = asking(VFS_WAIT_RETRY, 1);
     EXPECT_TRUE(a.read(by_rrn(1), &hold).found("two"));
+    EXPECT_TRUE(b.read(by_rrn(1), &patient).failed(EAGAIN));
+    printed();
     EXPECT_TRUE(b.read(by_rrn(1), &hold).failed(EAGAIN));
     EXPECT_NE(printed().find("Lock request for me (pid "), std::string::npos);
     EXPECT_TRUE(b.run(operation::rewrite, by_rrn(1), "no", &hold).failed(EAGAIN));

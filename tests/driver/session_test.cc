@@ -89,6 +89,24 @@ TEST_F(Session, NoFileIsMadeAnewUnderAnotherHandle)
     EXPECT_EQ(check_file(path()), "");
 }
 
+TEST_F(Session, AnotherWriterWithoutLocksIsMetByTheNextChangeThatIsSynced)
+{
+    make(3);
+    variables.set("VFS_LOCK", "0");
+    variables.set("VFS_SYNC", "1");
+    variables.set("VFS_IO_MMAP", "0"); // what goes through a mapping is in the file before anybody looks
+    file a{spec()};
+    EXPECT_GE(a.write(record(10), by_record()).value, 0);
+    file b{spec()};
+    printed(); // the warning of two writers
+    EXPECT_TRUE(b.read(by_key("0010")).found(record(10)));
+    EXPECT_GE(b.write(record(11), by_record()).value, 0);
+    EXPECT_TRUE(a.write(record(12), by_record()).failed(ESTALE));
+    EXPECT_EQ(a.close(), ESTALE);
+    EXPECT_EQ(b.close(), 0);
+    EXPECT_EQ(file{spec(O_RDONLY)}.rest(), (std::vector{record(0), record(1), record(2), record(10), record(11)}));
+}
+
 TEST_F(Session, TruncatingWithoutLocksIsRefusedWhileOthersHoldThem)
 {
     make(3);

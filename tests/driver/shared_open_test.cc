@@ -182,7 +182,8 @@ TEST_F(SharedOpen, AnAreaThatIsNotWholeIsLeftAlone)
             EXPECT_EQ(slurp(path()), bytes);
         }
     };
-    for (const size_t spoiled : {size_t{0}, size_t{8}, size_t{16}, size_t{24}, size_t{33}, whole.size() - area - 1}) {
+    for (const size_t spoiled :
+         {size_t{0}, size_t{8}, size_t{14}, size_t{16}, size_t{24}, size_t{33}, whole.size() - area - 1}) {
         std::string bytes = whole;
         bytes[area + spoiled] = static_cast<char>(bytes[area + spoiled] ^ 1);
         refused(bytes);

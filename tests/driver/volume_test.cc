@@ -167,6 +167,8 @@ TEST_F(Volume, FreedSpaceIsUsedBeforeTheFileGrows)
     ASSERT_EQ(slurp(path()).size(), full);
 }
 
+constexpr uint64_t data_start_at = 128, holes_at = 256, first_hole_at = 304, last_hole_at = 312;
+
 TEST_F(Volume, IndexBlocksAreAppendedBehindPaddingAndHoles)
 {
     // Records larger than half a data block leave holes that later records split, take whole or drop.
@@ -187,12 +189,38 @@ TEST_F(Volume, IndexBlocksAreAppendedBehindPaddingAndHoles)
     ASSERT_EQ(check_file(path()), "");
 
     // A hole that is none.
-    constexpr uint64_t data_start_at = 128, holes_at = 256, first_hole_at = 304;
     poke(path(), holes_at, uint64_t{1});
     poke(path(), first_hole_at, peek(path(), data_start_at));
     ASSERT_TRUE(f.open(sizes.with_flags(O_RDWR)));
     EXPECT_TRUE(f.write(std::string(50000, 'z'), by_record()).failed(ENOEXEC));
     EXPECT_EQ(f.rest(), all);
+    EXPECT_EQ(f.close(), 0);
+}
+
+TEST_F(Volume, ALastHoleThatIsNoneIsMetByWhoAddsAnother)
+{
+    const file_spec small = indexed(path(), {{.parts = {{0, 2000}}}}, 2000);
+    std::vector<std::string> all;
+    const auto write_many = [&](file &f) {
+        outcome got;
+        for (int n = 0; n < 1000 && got.value >= 0; ++n) {
+            std::string bytes = numbered("%08ld", static_cast<int64_t>(all.size()));
+            bytes.resize(2000, 'k');
+            got = f.write(bytes, by_record());
+            if (got.value >= 0) all.push_back(bytes);
+        }
+        return got;
+    };
+    file f{small};
+    ASSERT_EQ(write_many(f).value, 2000);
+    ASSERT_EQ(f.close(), 0);
+    poke(path(), first_hole_at, uint64_t{0}); // else it would be taken, and the last one forgotten
+    poke(path(), last_hole_at, peek(path(), data_start_at));
+    ASSERT_TRUE(f.open(small.with_flags(O_RDWR)));
+    EXPECT_TRUE(write_many(f).failed(ENOEXEC));
+    printed(); // the trees
+    EXPECT_EQ(f.rest(), all);
+    EXPECT_EQ(f.close(), 0);
 }
 
 // Marks that offsets pass, two of them those of lock bytes that lie in the middle of the data then. A flat file of fixed

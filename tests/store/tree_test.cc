@@ -199,8 +199,28 @@ TEST(TreePosition, AtTheBorderOfTwoLeavesAGapStaysWhereItsKeyBelongs)
     }
 }
 
+TEST(TreePosition, IsFoundAgainByItsKeyAndEndsAtTheEnds)
+{
+    tree_file file(long_key);
+    for (uint64_t i = 0; i < 60; ++i) ASSERT_EQ(file.insert(key_number(i, long_key), offset_of(i)), 0);
+    EXPECT_EQ(file.peek(false), none); // before the first
+    file.stand_at(key_number(5, long_key), offset_of(5));
+    file.handle.position.item += 7; // as where another handle has taken records away
+    EXPECT_EQ(file.peek(true), offset_of(6));
+    EXPECT_EQ(file.peek(false), offset_of(4));
+}
+
 TEST(Tree, RenumberingMakesEveryEntryVisible)
 {
+    {
+        tree_file empty(8); // an empty tree is renumbered too, without a word
+        empty.tree().put(key_entry_tsn, int64_t{-5});
+        testing::internal::CaptureStderr();
+        ASSERT_EQ(empty.insert(key_number(1, 8), offset_of(1)), 0);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+        EXPECT_EQ(empty.find(key_number(1, 8), VFS_EQUAL), offset_of(1));
+        EXPECT_EQ(empty.tree().get(key_entry_tsn), 0);
+    }
     tree_file file(long_key);
     for (uint64_t i = 0; i < 100; ++i)
         ASSERT_EQ(file.insert(key_number(i, long_key), offset_of(i), VFS_FLAG_BROWSE), 0);
@@ -364,6 +384,29 @@ TEST_F(TreeDamage, NodeWithABadHeadIsRefused)
         write(first, c.offset, before);
     }
     EXPECT_EQ(file.find(key_number(2, long_key), VFS_EQUAL), offset_of(1));
+}
+
+TEST_F(TreeDamage, LinksThatNoNeighbourAnswersAreNeverFollowed)
+{
+    vfs_request step = file.request();
+    for (uint64_t i = 1; i < 20; ++i) ASSERT_EQ(file.remove(key_number(2 * i, long_key), offset_of(i)), 0);
+    ASSERT_EQ(changes_write_out(&file.handle), 0);
+    const uint64_t right = node_get(leaf_fetch(file.tree(), first), node_right);
+    testing::internal::CaptureStderr();
+    for (const uint64_t wrong : {root, last, uint64_t{0}}) { // a branch, a leaf elsewhere, none beside the only one
+        write(first, node_right.offset, wrong);
+        file.stand_at(key_number(0, long_key), offset_of(0));
+        if (wrong != 0) {
+            EXPECT_EQ(tree_read_next(&file.handle, &step), -1);
+            EXPECT_EQ(errno, ENOEXEC);
+        }
+        EXPECT_EQ(file.remove(key_number(0, long_key), offset_of(0)), -1);
+        EXPECT_EQ(errno, ENOEXEC);
+    }
+    write(first, node_right.offset, right);
+    EXPECT_EQ(file.remove(key_number(0, long_key), offset_of(0)), 0);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(file.tree().get(key_entry_first_leaf), right);
 }
 
 TEST(Tree, ParentWithoutTheChildIsReportedBeforeAnythingChanges)
