@@ -54,7 +54,7 @@ void put_entries_back(vfs_file *file, const vfs_request &work, uint64_t removed)
     for (uint64_t k = 0; k < removed; ++k) {
         vfs_request entry;
         const int loaded = load_entry(file, work, k, &entry);
-        step_taken_back(file, loaded == 0 ? key_insert(file, &entry) : -1, EADDRINUSE);
+        step_taken_back(file, loaded == 0 ? key_put_back(file, &entry) : -1, EADDRINUSE);
     }
     errno = cause;
 }

@@ -186,6 +186,13 @@ int key_delete(vfs_file *file, vfs_request *request)
     return file->indexed() ? tree_delete_key(file, request) : rrn_delete(file, request);
 }
 
+int key_put_back(vfs_file *file, vfs_request *request)
+{
+    if (tree_select(file, request->key_number) == -1) return -1;
+    const int found = tree_seek_record(file, request);
+    return found == 1 ? key_insert(file, request) : found;
+}
+
 bool is_sequence_key(vfs_file *file, const vfs_request &work)
 {
     if (!file->indexed() || !file->sequence_key_known) return false;

@@ -27,6 +27,8 @@
 [[nodiscard]] int key_insert(vfs_file *file, vfs_request *request);
 [[nodiscard]] int key_repoint(vfs_file *file, vfs_request *request, uint64_t offset);
 [[nodiscard]] int key_delete(vfs_file *file, vfs_request *request);
+// Undoes a removal that failed and may have taken the entry out before: afterwards it is in the tree, once.
+[[nodiscard]] int key_put_back(vfs_file *file, vfs_request *request);
 // The result of a step that takes an operation back. Where it failed, but for the `harmless` error that says that there was
 // nothing to do, the index is not what the records are: the handle keeps the error, nothing goes on from there, and the
 // file is not closed as a sound one.

@@ -152,7 +152,10 @@ int remove_stored(vfs_file *file, const vfs_request &stored, index_change *chang
         if (file->changed_keys[k] == 0) continue;
         vfs_request entry = entry_request(stored, k, file->old_key);
         if (key_load(file, &entry) == -1) return -1;
-        if (key_delete(file, &entry) == -1 && errno != ESPIPE) return -1;
+        if (key_delete(file, &entry) == -1 && errno != ESPIPE) {
+            change->removed = k + 1; // it may have gone before the failure
+            return -1;
+        }
     }
     return 0;
 }
@@ -166,7 +169,7 @@ void take_back(vfs_file *file, const vfs_request &work, const vfs_request &store
         vfs_request entry = entry_request(stored, k, file->old_key);
         if (file->changed_keys[k] == 0) continue;
         const int loaded = key_load(file, &entry);
-        step_taken_back(file, loaded == 0 ? key_insert(file, &entry) : -1, EADDRINUSE);
+        step_taken_back(file, loaded == 0 ? key_put_back(file, &entry) : -1, EADDRINUSE);
     }
     for (uint64_t k = 0; k < change.repointed; ++k) {
         if (file->indexed() && file->changed_keys[k] != 0) continue;

@@ -106,11 +106,16 @@ void free_blocks(const index_tree &tree, const uint64_t *blocks, uint64_t count)
     }
 }
 
-// The only entry of a leaf goes, and the leaf with it.
-int remove_leaf(const index_tree &tree, uint64_t leaf)
+// What fails in the middle leaves no tree: the handle does nothing more.
+int all_or_error(const index_tree &tree, int result)
 {
-    removal op{.tree = tree, .pins = {}, .emptied = {}, .count = 0, .parent = 0, .item = 0};
-    if (prepare(op, leaf) == -1) return -1;
+    if (result == -1) store_error(tree.file, errno);
+    return result;
+}
+
+int unlink_emptied(const removal &op)
+{
+    const index_tree &tree = op.tree;
     vfs_buffer *branch = node_edit(tree, op.parent);
     if (branch == nullptr) return -1;
     if (op.item == 0 && separator_update(tree, branch, key_place(branch, 0), key_place(branch, 1), false) == -1)
@@ -122,6 +127,14 @@ int remove_leaf(const index_tree &tree, uint64_t leaf)
         entry_remove(tree, node, 0);
         if (unlink_node(tree, op.emptied[i]) == -1) return -1;
     }
+    return 0;
+}
+
+// The only entry of a leaf goes, and the leaf with it.
+int remove_leaf(const index_tree &tree, uint64_t leaf)
+{
+    removal op{.tree = tree, .pins = {}, .emptied = {}, .count = 0, .parent = 0, .item = 0};
+    if (prepare(op, leaf) == -1 || all_or_error(tree, unlink_emptied(op)) == -1) return -1;
     op.pins.release();
     free_blocks(tree, op.emptied, op.count);
     return 0;
@@ -165,7 +178,8 @@ int remove_entry(const index_tree &tree, tree_place place)
     if (in_branch && place.item == 0) {
         node_pins pins;
         if (pins.hold(changed) == -1 || hold_path(tree, changed, &pins, "Update") == -1) return -1;
-        if (separator_update(tree, changed, key_place(changed, 0), key_place(changed, 1), false) == -1) return -1;
+        const std::byte *first = key_place(changed, 0), *next = key_place(changed, 1);
+        if (all_or_error(tree, separator_update(tree, changed, first, next, false)) == -1) return -1;
         entry_remove(tree, changed, 0);
         return 0;
     }

@@ -515,6 +515,20 @@ TEST_P(Fault, LocksThatCannotBeGivenBackAreKeptAndTold)
     EXPECT_EQ(printed(), "");
 }
 
+// With little memory a removal does not reach a leaf inside a run of equal keys, where putting the entry back needs no
+// more than the last leaf.
+TEST_P(Fault, WhatARemovalThatFailedPutsBackIsThereOnce)
+{
+    if (strcmp(GetParam(), "0") != 0)
+        GTEST_SKIP() << "the same code without locks; what fails of shared files is dropped whole";
+    key_length_ = 240;
+    changes_ = 2; // one of them the removal
+    sessions_ = 1000;
+    prepare();
+    session_ = 105;
+    sweep_session({"memory", ENOMEM, verdict::tolerated, true});
+}
+
 // Once every cache has its buffers, no record operation asks for memory.
 TEST_P(Fault, WarmHandleAllocatesNothing)
 {
