@@ -181,6 +181,7 @@ struct vfs_cache {
     int rfd, wfd; // 0: this cache is not used
     uint8_t bufftype, lock_mode, engine, mode;
     std::byte *mmap_base;
+    uint8_t places;       // where in 32768 bytes blocks have begun so far, a bit for each 4096: see cache_claim
     uint64_t write_limit; // RLIMIT_FSIZE as last seen: a write that would pass it fails before the signal comes
 };
 

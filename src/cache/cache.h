@@ -55,8 +55,14 @@ int cache_close(vfs_cache *cache);
 // 1 with the buffer in last_found, 0 (ENOENT) when the block is not cached.
 int cache_lookup(vfs_cache *cache, uint64_t position);
 
+// For whoever verifies a block of the Index or Meta cache that was fetched at `offset`. In a sound file no two of them
+// overlap; in a damaged one any address may be named, and of blocks that lie across each other only the first to be
+// verified stays, so that a change of the one never undoes a change of the other. -1 with ENOEXEC: it came too late, or
+// the fetch has found another block around `offset`.
+[[nodiscard]] int cache_claim(const vfs_buffer *buffer, uint64_t offset);
+
 // Moves the block at `offset` from one cache to another (fetches it into `to` when `from` does not hold it), with
-// its changed range; it is then `to->curr`. Both caches have the same block size. null with errno.
+// its changed range, and claims it there; it is then `to->curr`. Both caches have the same block size. null with errno.
 [[nodiscard]] vfs_buffer *cache_copy_block(vfs_cache *to, vfs_cache *from, uint64_t offset);
 
 // Releases the cached block of the position, if any, without writing it.

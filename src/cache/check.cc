@@ -86,7 +86,7 @@ void check_hashed(vfs_cache *cache, const vfs_buffer *buffer)
 
 bool is_unverified(const vfs_buffer *buffer)
 {
-    return buffer->bufftype == cache_index && (buffer->state & buffer_new) != 0 && !buffer->checked;
+    return buffer->bufftype != cache_data && !buffer->checked && !is_dirty(buffer);
 }
 
 // Aligned blocks overlap only when they are the same one, which the table would show; unaligned ones are few.

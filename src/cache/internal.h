@@ -6,6 +6,13 @@
 #include "cache/cache.h"
 #include "util/errors.h"
 
+// Blocks of the Index and Meta caches begin at any multiple of this; the bit of `places` for the one at `offset`.
+inline constexpr uint64_t claim_unit = 4096;
+inline uint8_t claim_place(uint64_t offset)
+{
+    return static_cast<uint8_t>(1U << offset / claim_unit % 8);
+}
+
 // Whether a buffer is wanted for a block that is needed, or for one that may be.
 enum class wanted { now, ahead };
 

@@ -65,6 +65,23 @@ vfs_buffer *make_block(vfs_cache *cache, uint64_t position)
     return buffer;
 }
 
+// The block that begins at `offset`, or null.
+vfs_buffer *cached_block(vfs_cache *cache, uint64_t offset)
+{
+    if (cache->hash != nullptr) {
+        const HashTable_Entry *entry = HashTable_Lookup64(cache->hash, &cache->scratch, offset);
+        return entry != nullptr ? static_cast<vfs_buffer *>(entry->value) : nullptr;
+    }
+    vfs_buffer *buffer = cache->lru_head;
+    while (buffer != nullptr && buffer->offset != offset) buffer = buffer->next;
+    return buffer;
+}
+
+bool is_claimed(const vfs_buffer *buffer)
+{
+    return buffer->checked || is_dirty(buffer) || buffer->pins != 0;
+}
+
 } // namespace
 
 void note_miss(vfs_buffer *buffer)
@@ -76,15 +93,7 @@ void note_miss(vfs_buffer *buffer)
 
 int cache_lookup(vfs_cache *cache, uint64_t position)
 {
-    const uint64_t block = position & cache->block_mask;
-    vfs_buffer *buffer = nullptr;
-    if (cache->hash != nullptr) {
-        const HashTable_Entry *entry = HashTable_Lookup64(cache->hash, &cache->scratch, block);
-        if (entry != nullptr) buffer = static_cast<vfs_buffer *>(entry->value);
-    } else {
-        buffer = cache->lru_head;
-        while (buffer != nullptr && buffer->offset != block) buffer = buffer->next;
-    }
+    vfs_buffer *buffer = cached_block(cache, position & cache->block_mask);
     if (buffer != nullptr && position <= buffer->end) {
         found(cache, buffer);
         return 1;
@@ -139,15 +148,38 @@ void cache_drop_block(vfs_cache *cache, uint64_t position)
     errno = cause;
 }
 
+int cache_claim(const vfs_buffer *buffer, uint64_t offset)
+{
+    if (buffer->offset != offset) return fail(ENOEXEC);
+    vfs_cache *cache = buffer->cache;
+    for (uint64_t away = claim_unit; away < cache->block_size; away += claim_unit) {
+        for (const uint64_t beside : {offset - away, offset + away}) {
+            if ((cache->places & claim_place(beside)) == 0) continue; // as nearly always
+            vfs_buffer *other = cached_block(cache, beside);
+            if (other == nullptr) continue;
+            if (is_claimed(other)) return fail(ENOEXEC);
+            buffer_discard(other);
+        }
+    }
+    return 0;
+}
+
 vfs_buffer *cache_copy_block(vfs_cache *to, vfs_cache *from, uint64_t offset)
 {
     assert(to != from && to->block_size == from->block_size);
-    if (cache_lookup(from, offset) == 0) return cache_fetch_at(to, offset);
+    if (cache_lookup(from, offset) == 0) {
+        vfs_buffer *fetched = cache_fetch_at(to, offset);
+        return fetched != nullptr && cache_claim(fetched, offset) == 0 ? fetched : nullptr;
+    }
     vfs_buffer *source = from->last_found;
     if (source->done == 0 && buffer_wait(source) == -1) return nullptr;
     cache_drop_block(to, offset); // an older image
     vfs_buffer *copy = cache_get_free(to, offset, wanted::now);
     if (copy == nullptr) return nullptr;
+    if (cache_claim(copy, offset) == -1) {
+        buffer_discard(copy);
+        return nullptr;
+    }
     if (copy->data != source->data) std::memcpy(copy->data, source->data, copy->size);
     copy->state |= buffer_new;
     copy->valid_end = source->valid_end;

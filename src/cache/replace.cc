@@ -115,6 +115,7 @@ int place_data(vfs_buffer *buffer)
 int cache_assign(vfs_buffer *buffer, uint64_t position)
 {
     buffer->offset = position & buffer->mask;
+    buffer->cache->places |= claim_place(buffer->offset);
     buffer->end = buffer->offset + buffer->size - 1;
     buffer->valid_end = buffer->offset - 1;
     buffer->bytes = 0;

@@ -21,7 +21,7 @@ struct slot_list {
 int list_open(vfs_file *file, uint64_t address, bool update, slot_list *list)
 {
     if (address % metadata_unit != 0 || address_check(file, address, index_block_bytes) == -1) return damaged();
-    vfs_buffer *block = update ? cache_update_at(&file->meta, address) : cache_fetch_at(&file->meta, address);
+    vfs_buffer *block = cache_fetch_at(&file->meta, address);
     if (block == nullptr) return -1;
     const std::span<const std::byte> image = buffer_bytes(block);
     const uint64_t capacity = file->fixed_length() ? free_slots_fixed_capacity : free_slots_variable_capacity;
@@ -30,7 +30,9 @@ int list_open(vfs_file *file, uint64_t address, bool update, slot_list *list)
     if (image_get(image, frame_type) != item_free_slots || image_get(image, free_slots_capacity) != capacity ||
         list->count > capacity || (list->lengths != 0 && image_get(image, free_slots_length_array) != list->lengths))
         return damaged();
-    return 0;
+    if ((block->offset != address || !block->checked) && cache_claim(block, address) == -1) return damaged();
+    block->checked = true;
+    return update && cache_update_at(&file->meta, address) == nullptr ? -1 : 0;
 }
 
 void list_count_put(const slot_list &list)

@@ -70,7 +70,7 @@ int index_block_alloc(vfs_file *file, vfs_cache *target, uint64_t *address)
     if (address_check(file, head, index_block_bytes) == -1 || head % metadata_unit != 0) return damaged();
     const vfs_buffer *found = cache_fetch_at(&file->meta, head);
     if (found == nullptr) return -1;
-    if (!is_framed_block(buffer_bytes(found))) return damaged();
+    if (!is_framed_block(buffer_bytes(found)) || cache_claim(found, head) == -1) return damaged();
     const uint64_t next = image_get(buffer_bytes(found), frame_link);
     if (next == head || (next != 0 && address_check(file, next, index_block_bytes) == -1)) return damaged();
 

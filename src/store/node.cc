@@ -180,7 +180,7 @@ vfs_buffer *node_fetch_slow(const index_tree &tree, uint64_t address)
         return nullptr;
     }
     if (node->offset == address && node->checked) return node;
-    if (node->offset == address && node_sound(tree, node, address)) {
+    if (node->offset == address && node_sound(tree, node, address) && cache_claim(node, address) == 0) {
         node->checked = true;
         return node;
     }

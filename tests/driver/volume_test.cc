@@ -197,20 +197,31 @@ TEST_F(Volume, IndexBlocksAreAppendedBehindPaddingAndHoles)
     EXPECT_EQ(f.close(), 0);
 }
 
-TEST_F(Volume, ALastHoleThatIsNoneIsMetByWhoAddsAnother)
-{
-    const file_spec small = indexed(path(), {{.parts = {{0, 2000}}}}, 2000);
-    std::vector<std::string> all;
-    const auto write_many = [&](file &f) {
+// Sixteen entries in an index block.
+class IndexBlocks : public Volume {
+protected:
+    static std::string wide(size_t n)
+    {
+        std::string bytes = numbered("%08ld", static_cast<int64_t>(n));
+        bytes.resize(2000, 'k');
+        return bytes;
+    }
+    outcome write_many(file &f)
+    {
         outcome got;
         for (int n = 0; n < 1000 && got.value >= 0; ++n) {
-            std::string bytes = numbered("%08ld", static_cast<int64_t>(all.size()));
-            bytes.resize(2000, 'k');
-            got = f.write(bytes, by_record());
-            if (got.value >= 0) all.push_back(bytes);
+            got = f.write(wide(all.size()), by_record());
+            if (got.value >= 0) all.push_back(wide(all.size()));
         }
         return got;
-    };
+    }
+
+    const file_spec small = indexed(path(), {{.parts = {{0, 2000}}}}, 2000);
+    std::vector<std::string> all;
+};
+
+TEST_F(IndexBlocks, ALastHoleThatIsNoneIsMetByWhoAddsAnother)
+{
     file f{small};
     ASSERT_EQ(write_many(f).value, 2000);
     ASSERT_EQ(f.close(), 0);
@@ -221,6 +232,39 @@ TEST_F(Volume, ALastHoleThatIsNoneIsMetByWhoAddsAnother)
     printed(); // the trees
     EXPECT_EQ(f.rest(), all);
     EXPECT_EQ(f.close(), 0);
+}
+
+TEST_F(IndexBlocks, BlocksOfTwoListsThatLieAcrossEachOtherAreNotBothUsed)
+{
+    constexpr uint64_t free_blocks_at = 272, free_block_at = 280, free_slots_at = 296;
+    file f{small};
+    ASSERT_EQ(write_many(f).value, 2000);
+    ASSERT_EQ(f.erase(by_key(all.back())).value, 0);
+    all.pop_back();
+    ASSERT_EQ(f.close(), 0);
+    const auto is_unused = [&](uint64_t block) {
+        return (peek(path(), block) | peek(path(), block + 16) | peek(path(), block + 32760)) == 0;
+    };
+    uint64_t across = peek(path(), free_slots_at) - 4096;
+    while (!is_unused(across)) across -= 4096;
+    ASSERT_GT(across, peek(path(), free_slots_at) - 32768);
+    poke(path(), free_blocks_at, uint64_t{1});
+    poke(path(), free_block_at, across);
+    for (const bool framed : {false, true}) { // nothing, then a free block
+        if (framed) {
+            poke(path(), across, uint64_t{32768});
+            poke(path(), across + 16, uint64_t{2});
+            poke(path(), across + 32760, uint64_t{32768});
+        }
+        ASSERT_TRUE(f.open(small.with_flags(O_RDWR)));
+        ASSERT_EQ(f.erase(by_key(all.back())).value, 0); // with the list of free slots
+        all.pop_back();
+        EXPECT_TRUE(write_many(f).failed(ENOEXEC));
+        printed(); // the trees
+        EXPECT_EQ(f.rest(), all);
+        EXPECT_EQ(f.close(), 0);
+        EXPECT_EQ(peek(path(), across + 16), framed ? 2U : 0U) << "not taken";
+    }
 }
 
 // Marks that offsets pass, two of them those of lock bytes that lie in the middle of the data then. A flat file of fixed
