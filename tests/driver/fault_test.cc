@@ -54,7 +54,8 @@ protected:
         variables.set("VFS_LOCK", lock);
         guard_.emplace(200);
         if (strcmp(lock, "4") == 0) changes_ = 10; // each of these writes whole blocks twice
-        const auto wanted = static_cast<int>(number_from("VFS_FAULT_OPERATIONS", static_cast<uint64_t>(changes_)));
+        const uint64_t asked_for = number_from("VFS_FAULT_OPERATIONS", static_cast<uint64_t>(changes_));
+        const int wanted = static_cast<int>(std::clamp<uint64_t>(asked_for, 2, 3000)); // as far as the keys go
         changes_ = std::min(wanted, 50);
         sessions_ = wanted / changes_;
         if (sessions_ > 1) key_length_ = 240;
