@@ -193,6 +193,35 @@ TEST_P(Replacement, IndexBlockIsWrittenWholeAndMovesWithItsChange)
     EXPECT_EQ(meta.stats.bytes_written, block);
 }
 
+TEST_P(Replacement, OfBlocksThatLieAcrossEachOtherTheFirstOneClaimedStays)
+{
+    fill(8);
+    set_up(&index, 4, 4);
+    set_up(&meta, 4, 4);
+    const auto fetch = [](vfs_cache *cache, uint64_t offset) {
+        EXPECT_NE(cache_fetch_at(cache, 6 * block), nullptr); // else a block around the offset might serve
+        return cache_fetch_at(cache, offset);
+    };
+    ASSERT_NE(fetch(&index, 0), nullptr); // verified by nobody
+    vfs_buffer *node = fetch(&index, 4096);
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(cache_claim(node, 4096), 0);
+    node->checked = true;
+    EXPECT_FALSE(cached(&index, 0));
+    EXPECT_EQ(cache_claim(node, 8192), -1) << "the block around it";
+    for (const uint64_t offset : {0, 8192}) {
+        EXPECT_EQ(cache_claim(fetch(&index, offset), offset), -1);
+        EXPECT_EQ(errno, ENOEXEC);
+    }
+    EXPECT_EQ(cache_copy_block(&index, &meta, 8192), nullptr) << "fetched";
+    ASSERT_NE(fetch(&meta, 0), nullptr);
+    EXPECT_EQ(cache_copy_block(&index, &meta, 0), nullptr) << "moved";
+    EXPECT_EQ(errno, ENOEXEC);
+    EXPECT_TRUE(cached(&meta, 0));
+    EXPECT_TRUE(cached(&index, 4096));
+    check();
+}
+
 TEST_P(Replacement, InvalidateWritesAndDiscardDoesNot)
 {
     fill(6);
