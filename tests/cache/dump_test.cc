@@ -50,19 +50,6 @@ protected:
     }
 };
 
-TEST_F(Dump, UnusedCacheIsAllZero)
-{
-    data.block_size = 0;
-    EXPECT_EQ(dump(data, true), "A RVX Data  0 0:0-0 @0.00B  file: \n"
-                                "\tuse=0 hit=0(0.00%) miss=0(0.00%)\n"
-                                "\tasync=0 random=0 stall=0 spill=0 wait=0 prefetch=0 abscond=0\n"
-                                "\tflush=0 invalidate=0 cancel=0 lock=0 retries=0\n"
-                                "\textend=0 redundant=0 readahead=0 writebehind=0 errno=0\n"
-                                "\tread=0.00B write=0.00B\n"
-                                "\tfilesize 0x0  append 0x0\n"
-                                "\tbuffers 0:0 / 0-0  wc=@(nil)  c=@(nil) h=@(nil)  t=@(nil)  n=@(nil)\n");
-}
-
 TEST_F(Dump, CountersInALocaleThatGroups)
 {
     ASSERT_TRUE(group_thousands()) << "localedef, with the character maps of Debian's package `locales`, makes it";

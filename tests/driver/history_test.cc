@@ -86,18 +86,6 @@ TEST(History, IsExplainedByOneOrderOrByNone)
         EXPECT_EQ(explained(rows[i].events, rows[i].initial), rows[i].explained) << "row " << i;
 }
 
-TEST(History, LongOnesAreJudgedToo)
-{
-    std::vector<event> events{inserted(1, 0, 1)};
-    for (int64_t i = 1; i < 20000; ++i) {
-        events.push_back(wrote(static_cast<uint64_t>(i) + 1, 10 * i, 10 * i + 12)); // overlaps the next one
-        events.push_back(saw(static_cast<uint64_t>(i), 10 * i - 3, 10 * i + 1));
-    }
-    EXPECT_TRUE(explained(events));
-    events.push_back(saw(17, 300000, 300001));
-    EXPECT_FALSE(explained(events));
-}
-
 // ---- Histories of handles ----------------------------------------------------------------------------------------
 
 constexpr uint32_t records = 4;

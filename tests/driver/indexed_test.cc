@@ -187,19 +187,6 @@ TEST_F(Indexed, StatusShowsKeyAndPlaceOfTheRecord)
     EXPECT_FALSE(f.read(next()).duplicate);
 }
 
-TEST_F(Indexed, ABrowseDoesNotSeeWhatItsHandleInserts)
-{
-    file f{spec()};
-    for (const char *each : {"AAAA01red", "BBBB02red", "DDDD04red", "EEEE05red"}) f.write(each, by_record());
-    EXPECT_EQ(f.start(by_key("AAAA", 0, VFS_GREATER_EQUAL)).value, 9);
-    EXPECT_TRUE(f.read(next()).found("AAAA01red"));
-    EXPECT_TRUE(f.read(next()).found("BBBB02red"));
-    f.write("CCCC03red", by_record());
-    EXPECT_TRUE(f.read(next()).found("DDDD04red"));
-    EXPECT_TRUE(f.read(by_key("BBBB")).found("BBBB02red"));
-    EXPECT_TRUE(f.read(next()).found("CCCC03red"));
-}
-
 TEST_F(Indexed, EachKeyKeepsReadingWhereItsLastReadStood)
 {
     file f{spec()};

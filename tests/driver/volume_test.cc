@@ -77,69 +77,6 @@ TEST_F(Volume, AHundredThousandEqualKeysStepSearchAndDelete)
     ASSERT_EQ(check_file(path()), "");
 }
 
-TEST_F(Volume, OneRunAsTheWholeTreeCanBeDeletedThroughACursor)
-{
-    constexpr size_t count = 20'000;
-    file f{spec()};
-    for (size_t n = 0; n < count; ++n) ASSERT_EQ(f.write(record(n), by_record()).value, 16);
-    ASSERT_EQ(f.start(first(1)).value, 16);
-    for (size_t n = 0; n < count; ++n) {
-        ASSERT_TRUE(f.read(next()).found(record(n))) << n;
-        if (n % 3 != 0) {
-            ASSERT_EQ(f.erase(current()).value, 0) << n;
-        }
-    }
-    ASSERT_TRUE(f.read(next()).ended());
-    for (size_t n = 0; n < count; n += 3) ASSERT_EQ(f.erase(by_key(record(n).substr(0, 8))).value, 0);
-    ASSERT_EQ(f.info().record_count, 0);
-    ASSERT_EQ(f.close(), 0);
-    ASSERT_EQ(check_file(path()), "");
-}
-
-TEST_F(Volume, TreesOfEveryLoadOrderHoldTogether)
-{
-    // 2000 bytes of key: sixteen entries in a leaf and in a branch, so a few hundred records make three levels.
-    const file_spec deep = indexed(path(), {{.parts = {{0, 2000}}}}, 2000);
-    const auto wide = [](size_t n) {
-        std::string bytes(2000, '.');
-        return bytes.replace(1992, 8, numbered("%08ld", static_cast<int64_t>(n)));
-    };
-    constexpr size_t count = 600;
-    for (const int order : {0, 1, 2}) {
-        SCOPED_TRACE(order);
-        ops().unlink(path().c_str());
-        std::vector<size_t> numbers(count);
-        for (size_t n = 0; n < count; ++n) numbers[n] = order == 1 ? count - 1 - n : n;
-        if (order == 2) std::shuffle(numbers.begin(), numbers.end(), std::mt19937{3});
-        file f{deep};
-        for (const size_t n : numbers) ASSERT_EQ(f.write(wide(n), by_record()).value, 2000);
-        ASSERT_TRUE(f.write(wide(300), by_record()).failed(EADDRINUSE));
-        ASSERT_EQ(f.close(), 0);
-        ASSERT_EQ(check_file(path()), "");
-        ASSERT_GE(peek(path(), peek(path(), 96) + 160), 3u); // depth
-        if (order < 2) {
-            ASSERT_EQ(peek(path(), peek(path(), 96) + 168), (count + 15) / 16); // leaves fill completely
-        }
-        ASSERT_TRUE(f.open(deep.with_flags(O_RDWR)));
-        for (const size_t n : numbers) {
-            ASSERT_TRUE(f.read(by_key(wide(n))).found(wide(n)));
-            if (n % 4 != 0) {
-                ASSERT_EQ(f.erase(current()).value, 0);
-            }
-        }
-        ASSERT_EQ(f.start(first()).value, 2000);
-        ASSERT_EQ(f.rest().size(), count / 4);
-        ASSERT_EQ(f.close(), 0);
-        ASSERT_EQ(check_file(path()), "");
-        ASSERT_TRUE(f.open(deep.with_flags(O_RDWR)));
-        for (size_t n = 0; n < count; n += 4) ASSERT_EQ(f.erase(by_key(wide(n))).value, 0);
-        ASSERT_EQ(f.write(wide(5), by_record()).value, 2000);
-        ASSERT_TRUE(f.read(first()).found(wide(5)));
-        ASSERT_EQ(f.close(), 0);
-        ASSERT_EQ(check_file(path()), "");
-    }
-}
-
 TEST_F(Volume, FreedSpaceIsUsedBeforeTheFileGrows)
 {
     const file_spec sizes = indexed(path(), {{.parts = {{0, 8}}}}, 4000);
